@@ -1,0 +1,73 @@
+// The host seam: the one way the server reaches its host computer.
+//
+// On the instrument the server owns the whole machine: it remounts its settings file system,
+// sets the clock, reconfigures the network and reboots, all by running standard Linux tools
+// with fixed command texts. On a workstation (and in every test) none of that may happen, so
+// every absolute path and every shell command goes through a CHost:
+//
+//  - Path("/vr480/vr480.tag") gives the host path of an instrument path. With root "/" it is
+//    unchanged; otherwise it is joined under the root directory. Paths are normalised
+//    lexically, so ".." can never climb out of the root. Relative names resolve against the
+//    server's working directory "/vr480".
+//  - Run(text) and Capture(text, &out) run a command as `/bin/bash -c text` on the instrument.
+//    On a workstation nothing is run: the text is appended with a time stamp to
+//    Path("/tmp/host-commands.log") and answered with status 0 and empty output, or with the
+//    status and output that a test scripted for it. Tests read the log back to assert the
+//    exact command texts and their order.
+//
+// One process-wide host is installed at start-up (Host()); tests build their own instances.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+class CHost {
+ public:
+  explicit CHost(std::string root = "/");
+
+  // True when the root is "/": paths are used as they are and commands really run.
+  bool IsInstrument() const { return bInstrument; }
+  const std::string& Root() const { return RootDir; }
+
+  // Host path of an instrument path (absolute, or relative to "/vr480").
+  std::string Path(std::string_view instrumentPath) const;
+
+  // Runs a command text and returns its exit status (-1 when it could not be started or was
+  // killed by a signal). On a workstation the text is recorded instead.
+  int Run(const std::string& command);
+  // As Run, and collects the command's standard output.
+  int Capture(const std::string& command, std::string* output);
+
+  // Workstation only: the next commands whose text starts with `prefix` answer with this
+  // status and output (the newest matching script wins; scripts stay until cleared).
+  void Script(const std::string& prefix, int status, std::string output = "");
+  void ClearScripts();
+
+  // The command texts recorded so far, oldest first, read back from the log file.
+  std::vector<std::string> CommandLog() const;
+  std::string CommandLogPath() const { return Path("/tmp/host-commands.log"); }
+
+  // Creates the root's directory skeleton ("vr480/" and "tmp/") on a workstation.
+  bool PrepareRoot() const;
+
+ private:
+  struct ScriptedAnswer {
+    std::string Prefix;
+    int Status;
+    std::string Output;
+  };
+
+  int Record(const std::string& command, std::string* output);
+  static int Execute(const std::string& command, std::string* output);
+
+  std::string RootDir;      // "/" on the instrument, else an absolute directory without trailing '/'
+  bool bInstrument;         // RootDir == "/"
+  mutable std::mutex Lock;  // guards Scripts and appends to the command log
+  std::vector<ScriptedAnswer> Scripts;
+};
+
+// The process-wide host. Until InstallHost is called it is the instrument's ("/").
+CHost& Host();
+void InstallHost(const std::string& root);
