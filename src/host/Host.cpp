@@ -80,15 +80,6 @@ std::string CHost::Path(std::string_view instrumentPath) const {
   return norm == "/" ? RootDir : RootDir + norm;
 }
 
-bool CHost::PrepareRoot() const {
-  if (bInstrument) return true;
-  std::error_code ec;
-  std::filesystem::create_directories(Path("/vr480"), ec);
-  if (ec) return false;
-  std::filesystem::create_directories(Path("/tmp"), ec);
-  return !ec;
-}
-
 int CHost::Run(const std::string& command) { return Capture(command, nullptr); }
 
 int CHost::Capture(const std::string& command, std::string* output) {

@@ -49,9 +49,6 @@ class CHost {
   std::vector<std::string> CommandLog() const;
   std::string CommandLogPath() const { return Path("/tmp/host-commands.log"); }
 
-  // Creates the root's directory skeleton ("vr480/" and "tmp/") on a workstation.
-  bool PrepareRoot() const;
-
  private:
   struct ScriptedAnswer {
     std::string Prefix;

@@ -1,0 +1,113 @@
+#include "server/Options.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "host/Host.h"
+
+CServerOptions ServerOptions;
+
+namespace {
+
+// The laser-specific settings a real instrument carries in its tag file. Without them the
+// simulated laser would sweep with no amplitude and see no peaks.
+constexpr const char* kBaselineTags =
+    "#SET_SOA_DRIVE = \"30000\"\n"
+    "#SET_SCAN_AMP = \"40000\"\n"
+    "#SET_INITIAL_BIAS = \"28000\"\n"
+    "#SET_AUTOBIAS = \"1\"\n"
+    "#SET_AUTO_SCAN_AMP = \"1\"\n"
+    "#SET_ZOR_FS_ENABLE = \"1\"\n"
+    "#SET_ZOR_LOC_MEAS_ENABLE = \"1\"\n";
+
+bool NeedsValue(int i, int argc, const std::string& name, std::string& error) {
+  if (i + 1 < argc) return true;
+  error = "option " + name + " needs a value";
+  return false;
+}
+
+}  // namespace
+
+const char* UsageText() {
+  return "Usage: vr480d [options]\n"
+         "Instrument server of the vr480 interrogator. With no argument it runs as on the\n"
+         "instrument: front panel on, root \"/\", command port 1852.\n"
+         "\n"
+         "  --root DIR       directory that stands for \"/\" (created with vr480/ and tmp/)\n"
+         "  --port N         TCP command port (1-65535, default 1852)\n"
+         "  --listen ADDR    address to bind (default: any; 127.0.0.1 with --root)\n"
+         "  --sim            use the simulated card even if /dev/vr480 exists\n"
+         "  --scene FILE     scene of the simulated card (default <root>/vr480/sim_scene.txt)\n"
+         "  --front-panel    show the front panel although arguments were given\n"
+         "  --help           print this text\n"
+         "\n"
+         "SIGINT and SIGTERM stop the server as \"#QUIT!\" does.\n";
+}
+
+bool ParseOptions(int argc, char** argv, CServerOptions& options, std::string& error) {
+  bool rootGiven = false;
+  options.bFrontPanel = argc <= 1;
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];
+    if (arg == "--help" || arg == "-h") {
+      options.bHelp = true;
+    } else if (arg == "--root") {
+      if (!NeedsValue(i, argc, arg, error)) return false;
+      options.Root = argv[++i];
+      rootGiven = true;
+    } else if (arg == "--port") {
+      if (!NeedsValue(i, argc, arg, error)) return false;
+      const char* text = argv[++i];
+      char* end = nullptr;
+      errno = 0;
+      long port = std::strtol(text, &end, 10);
+      if (errno != 0 || end == text || *end != '\0' || port < 1 || port > 65535) {
+        error = std::string("invalid port '") + text + "' (1-65535)";
+        return false;
+      }
+      options.Port = static_cast<int>(port);
+    } else if (arg == "--listen") {
+      if (!NeedsValue(i, argc, arg, error)) return false;
+      options.ListenAddress = argv[++i];
+    } else if (arg == "--sim") {
+      options.bForceSim = true;
+    } else if (arg == "--scene") {
+      if (!NeedsValue(i, argc, arg, error)) return false;
+      options.SceneFile = argv[++i];
+    } else if (arg == "--front-panel") {
+      options.bFrontPanel = true;
+    } else if (arg.rfind("--", 0) == 0) {
+      error = "unknown option " + arg;
+      return false;
+    }
+    // Any other argument only suppresses the front panel.
+  }
+  if (rootGiven && options.ListenAddress.empty()) options.ListenAddress = "127.0.0.1";
+  return true;
+}
+
+bool PrepareWorkstationRoot(const std::string& root, std::string& error) {
+  CHost host(root);
+  if (host.IsInstrument()) return true;
+  std::error_code ec;
+  for (const char* dir : {"/vr480", "/tmp", "/dev"}) {
+    std::filesystem::create_directories(host.Path(dir), ec);
+    if (ec) {
+      error = "cannot create " + host.Path(dir) + ": " + ec.message();
+      return false;
+    }
+  }
+  const std::string tagFile = host.Path("/vr480/vr480.tag");
+  if (!std::filesystem::exists(tagFile, ec)) {
+    std::ofstream out(tagFile);
+    out << kBaselineTags;
+    if (!out) {
+      error = "cannot write " + tagFile;
+      return false;
+    }
+  }
+  return true;
+}

@@ -1,0 +1,346 @@
+// The server object: all state of the instrument server lives in one CVr480Server, built once
+// by main as the global Vr480Server. It owns the driver interface, the TCP server, the tag
+// store, the event log and the averaging store, every setting a command can read or write,
+// the per-client session state and the working tables of the measurement pipeline.
+//
+// There is no global lock. Command handlers run on the clients' service threads at the same
+// time as the acquisition loop and the calibration thread; a setting written by a handler and
+// read by the acquisition thread is a Relaxed<T> (atomic, no ordering). The three mutex and
+// condition pairs are the only locks the object holds.
+//
+// Each field says its unit and which thread writes it. "handlers" means command handlers on a
+// client's service thread (or the tag replay at start-up); "acquisition" the main thread
+// inside Run.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdio>
+#include <mutex>
+#include <string>
+
+#include "device/DriverInterface.h"
+#include "device/PeaksData.h"
+#include "processing/WvlAvg.h"
+#include "protocol/Socket.h"
+#include "server/Limits.h"
+#include "server/Relaxed.h"
+#include "settings/TagManager.h"
+#include "system/DataLogger.h"
+
+// Release texts printed at start-up and folded into the identification string.
+inline constexpr const char* kServerRelease = "2.0h";
+inline constexpr int kSvnBaseBuild = 47;
+inline constexpr const char* kBuildDate = "Mon Dec  6 22:30:32 GMT-5 2010";
+inline constexpr int kCommandPort = 1852;
+inline constexpr const char* kSettingsName = "vr480";
+
+// Result codes of Init.
+enum : int16_t {
+  kInitOk = 0,
+  kInitNoCard = 1,        // no card, unknown card, or the calibration thread could not start
+  kInitNoMemory = 3,      // a ring buffer could not be allocated
+  kInitBlankBridge = 4,   // blank bridge found and its configuration memory written
+  kInitReflashed = 5,     // configuration memory rewritten because its revision was too old
+};
+
+class CVr480Server {
+ public:
+  CVr480Server();
+  ~CVr480Server();
+  CVr480Server(const CVr480Server&) = delete;
+  CVr480Server& operator=(const CVr480Server&) = delete;
+
+  // ---- Life of the process -------------------------------------------------------------
+  int16_t Init();           // main thread: open the card, configure, replay settings, start threads
+  int Run();                // main thread: start-up phase, then the acquisition loop until bRun clears
+  int SimulateShutdown();   // power-down countdown after #SHUTDOWN; returns at once otherwise
+  int Shutdown();           // LEDs off, card closed, averaging buffers and rings released
+
+  // ---- Acquisition (main thread) and its mode setters (any thread) ---------------------
+  void GetData();
+  int SetOperatingMode(uint8_t mode);
+  int SetTriggeringMode(uint8_t mode);
+  uint16_t GetTriggeringMode();
+  int SetMuxLevel(int level);
+  int GetMuxLevel() const { return MuxLevel; }
+  void SetDataRateDivider(uint16_t divider);
+  uint16_t Switchdown(uint16_t divider) const;
+  int TemperatureMonitor();
+  // The sweep rate: 1000/s, 2000/s in 2 kHz mode, halved by the hardware clock divider.
+  int SweepRate();
+
+  // ---- Averaging depth per sensor ---------------------------------------------------------
+  int SetNumAverages(uint8_t channel, uint16_t sensor, uint16_t n);
+  uint16_t GetNumAverages(uint8_t channel, uint16_t sensor);
+
+  // ---- Commands -----------------------------------------------------------------------
+  // Runs one command line for a caller (0-9 a client, 10 the server itself) and returns the
+  // reply-mode code; the reply text is left in ResponseText[ClientRow(client)].
+  int ProcessCmd(const std::string& line, int client);
+  // Runs a command line as the internal client, discarding the reply.
+  void ExecuteInternal(const std::string& line) { ProcessCmd(line, kInternalClient); }
+
+  // ---- Platform and owned objects ---------------------------------------------------------
+  bool bPcm9361Board;              // the processor-board marker "/vr480.9361.id" existed at construction; constructor
+  C480_DriverInterface Driver;     // the only path to the card
+  uint16_t DeviceId = 0;           // PCI device ID read at start-up; Init
+  CTagManager TagManager;          // settings tag store
+  CSocket Socket;                  // TCP command server
+  CDataLogger DataLogger;          // event log
+
+  // ---- Client sessions (rows 0-9 clients, row 10 the internal client) ---------------------
+  pthread_t ClientThread[kClientEntries] = {};                // service thread of each slot; connect callback
+  std::atomic<bool> bClientDisconnect[kClientEntries] = {};   // tells a slot's service thread to end; stop path, handlers
+  char* ResponseBuffer[kClientEntries] = {};                  // 32010-byte reply buffer per caller; constructor
+  char* ResponseText[kClientEntries] = {};                    // ResponseBuffer + 10: where the reply text goes
+  std::atomic<int32_t> ClientRecordInUse[kClientEntries] = {};  // ring slot of the client's current reply (-1 none); service thread
+
+  // ---- Peaks records (acquisition thread) ---------------------------------------------------
+  struct_dma_peaks_data* pPeaks = nullptr;     // record just fetched (card buffer, or BinnedPeaks)
+  struct_dma_peaks_data* pRawPeaks = nullptr;  // the card's record while sensor binning is on
+  struct_dma_peaks_data BinnedPeaks{};         // record rebuilt by sensor binning
+  std::atomic<struct_dma_peaks_data*> pLastPeaks{nullptr};  // record handed to processing; status readers use it
+
+  // ---- Client data and spectrum hand-over ---------------------------------------------------
+  uint8_t* ProcessedData = nullptr;                            // 30000 x 4612-byte ring of processed records; Init
+  uint8_t ClientDataCopy[kClientEntries][kProcessedRecordBytes] = {};  // private copy of one record per client
+  uint8_t ErrorDataRecord[kErrorRecordBytes] = {};             // 12 bytes headroom, 88 zero header, u32 length 88
+  uint8_t* SpectrumBuffer = nullptr;                           // 16 x 65640-byte ring of calibrated spectra; Init
+  uint8_t ClientSpectrumCopy[kClientEntries][kSpectrumRecordBytes] = {};  // per-client spectrum copy
+  std::atomic<uint16_t> ProcessedWriteIndex{0};                // next ring slot the producer fills, 0-29999; acquisition
+  std::atomic<uint16_t> ProcessedReadIndex[kClientEntries] = {};  // next ring slot each client reads; service thread
+  std::atomic<uint16_t> SpectrumReadIndex[kClientEntries] = {};   // next spectrum slot each client reads
+  std::atomic<uint16_t> SpectrumWriteIndex{0};                 // spectrum ring write index; calibration thread
+  std::atomic<bool> bStreaming[kClientEntries] = {};           // #SET_STREAMING_DATA per client; handlers
+  std::atomic<bool> bUseStreamTokens[kClientEntries];          // #SET_USE_STREAM_TOKENS per client (default on); handlers
+
+  // ---- Optical control loops ----------------------------------------------------------------
+  Relaxed<bool> bAutoBias = false;              // #SET_AUTOBIAS; handlers
+  Relaxed<uint16_t> InitialBias = 32768;        // laser bias applied at start when bAutoBias, LSB; handlers
+  Relaxed<uint16_t> Bias = 32768;               // working bias of the auto-bias loop, LSB; acquisition
+  Relaxed<double> GratingTargetLocation = 0.5;  // target grating position, fraction of the sweep; handlers
+  Relaxed<int32_t> GratingTargetLocationCounts = 32768;  // the same in counts (x 65536, truncated); handlers
+  Relaxed<double> BiasFeedbackGain = 0.1;       // #SET_BIAS_FEEDBACK_GAIN; handlers
+  Relaxed<uint16_t> MaxBiasError = 20;          // counts; also the initial auto-bias convergence limit; handlers
+  Relaxed<uint16_t> MaxBiasStep = 1000;         // LSB per loop step; handlers
+
+  // ---- Wavelength scale and reference grating ------------------------------------------------
+  Relaxed<int32_t> Granularity = 1000000;       // integer wavelength units per nm; handlers
+  Relaxed<uint16_t> NumDutChannels = 4;         // #SET_ZOR_NUM_DUT_CHANNELS; handlers
+  Relaxed<double> FfpiRefPeakThz = 194.0;       // frequency of the comb tooth the scale is anchored to, THz; handlers
+  double FfpiPeakThz[kSensorsPerChannel] = {};  // frequency of each comb peak of the current record, THz; acquisition
+  Relaxed<double> FbgThz = 193.49;              // reference grating frequency of the current record, THz; acquisition
+  Relaxed<double> FfpiFsrGhz = 100.0;           // comb free spectral range, GHz; handlers
+  Relaxed<uint16_t> FfpiRefPeakIndex = 0;       // comb index of the peak at FfpiRefPeakThz; acquisition
+  Relaxed<uint16_t> FbgChannel = 0;             // peak list the grating is taken from (0 = its own); handlers
+  Relaxed<double> SteinhartB0 = 0.001111626146876;    // thermistor model coefficients; handlers
+  Relaxed<double> SteinhartB1 = 0.0002370659380533;
+  Relaxed<double> SteinhartB3 = 7.54233759059e-08;
+  Relaxed<uint16_t> FbgRefVth = 32767;          // thermistor reading at which the grating is at FbgRefWvlNm; handlers
+  Relaxed<double> FbgRefWvlNm = 1550.0;         // nm; handlers
+  Relaxed<double> FbgNmPerDegC = 0.01;          // grating temperature coefficient, nm/degC; handlers
+  double* Vth2Thz = nullptr;                    // 65536 entries: thermistor reading + 32768 -> grating THz; Init
+
+  // ---- Acquisition rate and modes -------------------------------------------------------------
+  uint16_t SwitchdownLimit[kSwitchdownEntries] = {};  // sensor count that switches the rate down at divider i; handlers
+  Relaxed<bool> bSwitchdownEnable = false;       // #SET_SWITCHDOWN_ENABLE; handlers
+  Relaxed<uint16_t> DataRateDivider = 0;         // current data-rate divider (1 after Init); setters, acquisition
+  Relaxed<uint16_t> MinDataRateDivider = 1;      // #SET_MIN_DATA_RATE_DIVIDER; handlers
+  std::atomic<bool> bTriggeredModeEntered{false};  // the last record reports triggered acquisition; acquisition
+  std::atomic<bool> bNewRecord[kClientEntries] = {};    // a record arrived since the client's last raw read; acquisition sets
+  std::atomic<bool> bNewSpectrum[kClientEntries] = {};  // a spectrum arrived since the client's last read; calibration sets
+  Relaxed<double> CalculatedFbg = 0.0;           // #GET_CALCULATED_FBG, nm; acquisition
+  Relaxed<double> WvlCorrCoef = 0.0;             // comb coefficient of the current record; acquisition
+  Relaxed<double> MaxWvlCorrCoefError = 0.15;    // tolerance of the comb coefficient; handlers
+  Relaxed<bool> bMonitoredFbg = true;            // #SET_MONITORED_FBG; handlers
+  Relaxed<int32_t> Peak2Use = 0;                 // #SET_PEAK2USE; handlers
+
+  // ---- Sensor geometry and distance measurement -------------------------------------------------
+  double* SensorDistances[kLogicalChannels] = {};       // sensor location, m; handlers, location files
+  double* TimeOfFlightInCounts[kLogicalChannels] = {};  // time of flight per sensor, counts; built from the locations
+  Relaxed<double> IndexOfRefraction[kLogicalChannels];  // group index per logical channel (1.46); handlers
+  Relaxed<double> SpeedOfLight = 299792458.0;           // m/s; handlers
+  Relaxed<bool> ChEnable[kLogicalChannels];             // logical channel enabled (index = channel - 1); handlers
+  std::atomic<bool> bMeasureLocations{false};           // distance measurement requested; handlers set, acquisition clears
+  Relaxed<int32_t> LocMeasAverages = 1;                 // #SET_LOC_MEAS_AVERAGES; handlers
+  Relaxed<int32_t> LocMeasMaxIterations = 100;          // #SET_LOC_MEAS_MAX_ITERATIONS; handlers
+  Relaxed<double> LocMeasMaxWvlErrNm = 0.001;           // nm; handlers
+  Relaxed<int32_t> LocMeasResult = 0;                   // result of the last measurement or plot; acquisition
+  Relaxed<double> LocMeasChOffsetMeters[kLogicalChannels];     // m; handlers
+  Relaxed<double> ZorLocMeasChOffsetMeters[kLogicalChannels];  // m; handlers
+  double MeasuredLocation[kLogicalChannels][kSensorsPerChannel] = {};  // last measured locations, m; acquisition
+  std::atomic<bool> bLocMeasGeneratePlot{false};        // plot requested; handlers set, acquisition clears
+  struct {
+    bool bFlag = false;
+    double Values[3] = {};
+    int32_t Ints[2] = {};
+  } LocMeasPlotArgs;                                    // arguments of the plot request; handlers
+  Relaxed<bool> bLocMeasEnable = false;                 // #SET_ZOR_LOC_MEAS_ENABLE; handlers
+
+  // ---- References, averages, gains -------------------------------------------------------------
+  int32_t* SensorReferences[kLogicalChannels] = {};  // reference per sensor, 1/Granularity nm; handlers, files
+  Relaxed<bool> bUseReferences = false;              // #SET_USE_REFERENCES; handlers
+  uint16_t* SensorAverages[kLogicalChannels] = {};   // averaging depth per sensor (default MinNumAverages); handlers
+  Relaxed<uint16_t> MinNumAverages = 1;              // #SET_MIN_NUM_AVERAGES; handlers
+  uint32_t* GainWvlOffset[kOpticalChannels] = {};    // wavelength offset per optical channel and gain code; files
+  Relaxed<bool> bEnableWvlOffsets = true;            // #SET_ENABLE_WVL_OFFSETS; handlers
+  uint16_t Db2Counts[kOpticalChannels][kDbTableEntries] = {};  // dB -> gain counts per optical channel; files
+  Relaxed<uint16_t> MinChPwrLevel[kOpticalChannels];  // #SET_MIN_CH_PWR_LEVEL; handlers
+  Relaxed<uint16_t> MaxChPwrLevel[kOpticalChannels];  // #SET_MAX_CH_PWR_LEVEL; handlers
+  CVr480WvlAvg WvlAvg;                                // running averages per sensor
+  Relaxed<double> LowerWvlLimit = 1520.0;             // reporting window, nm; handlers
+  Relaxed<double> UpperWvlLimit = 1570.0;             // nm; handlers
+  Relaxed<uint16_t> MaxDutChGain[kOpticalChannels];   // #SET_MAX_DUT_CH_GAIN (65535); handlers
+  Relaxed<double> ZorMaxGainDb = 40.1;                // gain range of the detectors, dB; handlers
+
+  // ---- Auto-scan ---------------------------------------------------------------------------------
+  Relaxed<bool> bScaleValid = false;              // the comb was placed on the current record; acquisition
+  Relaxed<int32_t> AutoScanRightPeaks = 56;       // comb teeth wanted right of the grating; handlers
+  Relaxed<int32_t> AutoScanLeftPeaks = 44;        // comb teeth wanted left of the grating; handlers
+  Relaxed<double> AutoScanSpan = 0.7;             // fraction of the sweep the comb should span; handlers
+  Relaxed<bool> bAutoScanAmp = false;             // #SET_AUTO_SCAN_AMP; handlers
+  Relaxed<double> AutoScanFeedbackGain = 0.1;     // handlers
+  Relaxed<int32_t> AutoScanMaxStep = 5000;        // LSB; handlers
+  Relaxed<int32_t> AutoScanMaxError = 20;         // counts; handlers
+  Relaxed<uint32_t> ScaleRefPeakIndex = 0;        // copy of FfpiRefPeakIndex; acquisition
+
+  // ---- Identification and versions ----------------------------------------------------------------
+  uint16_t CfcVersion = 0;                        // base CFC build from "/cfc_build.dat"; Init
+  char SerialNumber[20] = "No S/N";               // #SET_SN; handlers
+  std::atomic<uint32_t> DataInterleave[kClientEntries] = {};  // #SET_DATA_INTERLEAVE per client (1 on connect)
+  std::atomic<bool> bBufferEnable[kClientEntries] = {};       // #SET_BUFFER_ENABLE per client (true on connect)
+  char IdnText[128] = {};                         // identification text; Init, #SET_IDN_TXT
+  char ZorIdn[128] = {};                          // maker identification; Init
+  char ProductId[64] = {};                        // product identification; Init, handlers
+  Relaxed<int32_t> UserVar[kUserVars];            // #SET_USER_VAR; handlers
+  Relaxed<int32_t> ZorVar[kUserVars];             // #SET_ZOR_VAR; handlers
+
+  // ---- Full spectrum ---------------------------------------------------------------------------------
+  Relaxed<int16_t> FsCountOffset = 75;            // count offset of the full spectrum (calibrated at start); acquisition
+  pthread_t FsCalThread{};                        // the calibration thread; Init
+  uint8_t* RawSpectrumBuffer = nullptr;           // full spectrum being assembled, 65640 bytes; Init
+  Relaxed<double> FsWvlOffsetNm = 0.0;            // #SET_FS_WVL_OFFSET_NM; handlers
+  Relaxed<double> HighSpeedFsStartWvl = 0.0;      // nm; acquisition
+  Relaxed<double> HighSpeedFsEndWvl = 0.0;        // nm; acquisition
+  Relaxed<bool> bFsEnable = false;                // #SET_ZOR_FS_ENABLE; handlers
+  Relaxed<uint16_t> FsPhaseStart = 127;           // phase at which the current 128-sweep cycle started; acquisition
+  Relaxed<bool> bFsRestart = false;               // restart the spectrum cycle; #SET_ZOR_AMP_CH sets
+  Relaxed<int32_t> FsSkipCount = 0;               // spectra to drop; #SET_ZOR_AMP_CH sets 3
+  std::atomic<bool> bReady{false};                // #READY?: the scan loop found the comb where it wants it; acquisition
+  std::atomic<int32_t> MuxLevel{1};               // multiplexer level 1, 2 or 4; SetMuxLevel
+  std::atomic<bool> bMuxLevelChanged{false};      // set by SetMuxLevel, consumed by the acquisition loop
+  uint16_t* FS_RawHistoryBuffer[kMaxMuxLevel][kFsHistoryDepth] = {};  // raw samples per layer, 128 x 256 u16; acquisition
+  uint16_t FsHistoryIndex[kMaxMuxLevel] = {};     // write index of each history; acquisition
+  bool PeakAmpDirty[kMaxMuxLevel][256] = {};      // cached peak amplitude must be recomputed; acquisition
+  Relaxed<int32_t> PeakAmpBufDepth = 128;         // #SET_PEAK_AMP_BUF_DEPTH; handlers
+  Relaxed<int32_t> PeakAmpSearchWnd = 1;          // #SET_PEAK_AMP_SEARCH_WND; handlers
+
+  // ---- Synchronisation ----------------------------------------------------------------------------
+  std::mutex DataMutex;                   // processed-data ring and trigger changes
+  std::condition_variable DataCond;       // broadcast when a record is published or the trigger mode changes
+  std::mutex SpectrumMutex;               // spectrum hand-over to #GET_SPECTRUM
+  std::condition_variable SpectrumCond;
+  std::mutex FsCalMutex;                  // raw spectrum hand-over to the calibration thread
+  std::condition_variable FsCalCond;
+
+  // ---- Command log and system -------------------------------------------------------------------
+  Relaxed<bool> bEnableCmdLog = false;                // #SET_ENABLE_CMD_LOG; handlers
+  char CmdLog[kCmdLogEntries][kCmdLogLineChars] = {}; // ring of logged command lines; dispatcher
+  uint32_t CmdLogHead = 0;                            // next ring entry; dispatcher
+  uint32_t CmdLogCount = 0;                           // repeat count of the previous line; dispatcher
+  std::string LastCmdLine, CurrentCmdLine;            // command history working lines; dispatcher
+  Relaxed<double> SoaOnWvl = 0.0, SoaOffWvl = 0.0;    // SOA window, nm; handlers
+  Relaxed<int32_t> SyncCtrlMode = 0;                  // #SET_SYNC_CTRL_MODE; handlers
+  Relaxed<uint32_t> SyncHiCount = 0, SyncLoCount = 65536;  // sync output edges, counts; handlers
+  Relaxed<double> SyncHiWvl = 0.0, SyncLoWvl = 0.0;   // sync output edges, nm; handlers
+  Relaxed<int32_t> LocMeasJ = 0;                      // #J; handlers
+  char OutputTerminal[100] = {};                      // terminal of standard output; Init
+  FILE* SerialPort = nullptr;                         // first serial port, or none; Init
+  Relaxed<int32_t> StreamRecoveryAttempts = 600;      // handlers
+  Relaxed<int32_t> StreamRecoveryDelayUs = 100000;    // us; handlers
+  Relaxed<int32_t> SocketRecoveryAttempts = 40;       // handlers
+  Relaxed<int32_t> SocketRecoveryDelayUs = 250;       // us; handlers
+  Relaxed<float> MinInternalTempC = 0.0f;             // lowest internal temperature seen, degC; acquisition
+  Relaxed<float> MaxInternalTempC = 50.0f;            // highest internal temperature seen, degC; acquisition
+  Relaxed<bool> bEnableSensorBins = false;            // sensor binning in force; handlers
+  Relaxed<bool> bSensorBinLearning = false;           // learning in progress; handlers, acquisition
+  Relaxed<int32_t> SensorBinWidth = 200;              // largest move of a sensor between records, counts; handlers
+  int32_t SensorBinCount[kLogicalChannels] = {};      // learned bins per logical channel; acquisition
+  uint32_t SensorBinPositions[kLogicalChannels][kSensorsPerChannel] = {};  // bin positions, counts; acquisition
+  int32_t LastBinFaultCnt[kLogicalChannels] = {};     // peak count at the last bin fault; acquisition
+  Relaxed<bool> bEmbeddedMode = false;                // #SET_EMBEDDED_MODE; handlers
+
+  // ---- Analog voltage outputs (one entry per output) ---------------------------------------------
+  Relaxed<uint8_t> AvoChannel[kAnalogOutputs];        // logical channel of the sensor shown; handlers
+  Relaxed<uint16_t> AvoSensor[kAnalogOutputs];        // sensor shown (default: the output's index); handlers
+  Relaxed<double> AvoReference[kAnalogOutputs];       // wavelength at the reference voltage, nm; handlers
+  Relaxed<double> AvoReferenceVout[kAnalogOutputs];   // V; handlers
+  Relaxed<double> AvoScalingFactor[kAnalogOutputs];   // V/nm; handlers
+
+  // ---- Shut-down and front panel -------------------------------------------------------------------
+  std::atomic<bool> bShutdownRequested{false};        // #SHUTDOWN
+  Relaxed<int32_t> ShutdownDelaySeconds = 0;          // countdown of #SHUTDOWN, s
+  void SetStatusText(const std::string& text);        // message shown by the front panel
+  std::string GetStatusText() const;
+
+  // Binning slew limit (counts per record); the constructor sets 200.
+  void SetMaxSensorSlewRate(int32_t counts) { SensorBinWidth = counts; }
+
+ private:
+  // Start-up stages, in the order Init runs them.
+  int16_t OpenCard();
+  void PutCardInKnownState();
+  void WriteIdentificationDefaults();
+  void InitAveragingStore();
+  void ReplayTags();
+  void StartTcpServer();
+  void build_FBG_Vth2Thz_LUT();
+  bool AllocateRings();
+  bool StartCalibrationThread();
+  bool StopCalibrationThread();
+  void LoadDataFiles();
+  void LoadSettingsDataFiles();
+  void BuildTimeOfFlightLUT();
+  void WriteIdentificationSuffix();
+
+  // Start-up phase of Run, then the loop and its stop path.
+  void RunStartupPhase();
+  void InitialAutoBias();
+  void CheckVersions();
+  void PrintBanner();
+  void PrintNetworkInterface();
+  void CalibrateStartupFsOffset();
+  void AcquisitionPass();
+  int StopAcquisition();
+  void RebuildAveragingForMuxLevel();
+
+  // Stages filled by the processing, spectrum, control-loop and distance subsystems.
+  void BinAcquiredData();
+  void BuildRawFSBuffer();
+  int ProcessPeaksData();
+  int AutoBias();
+  int AutoScanAmp();
+  void BuildSpectrum();
+  int CalibrateFsOffset();
+  double Wvl2Counts(double wvlNm);
+  int DistMeas_GeneratePlot();
+  int MeasureSensorDistances();
+
+  void AllocateTables();
+
+  static void* CalibrateSpectrumThread(void* server);
+  std::atomic<bool> bFsCalCancel{false};  // asks the calibration thread to end; stop path
+  std::atomic<bool> bFsCalRunning{false}; // the calibration thread is alive
+
+  mutable std::mutex StatusTextLock;
+  std::string StatusText;  // guarded by StatusTextLock
+};
+
+// The server object. main builds it once the host seam is installed (its constructor already
+// looks for the board marker file on the host); it lives until the process ends.
+extern CVr480Server& Vr480Server;
+void ConstructServer();

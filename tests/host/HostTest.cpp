@@ -1,0 +1,135 @@
+#include "host/Host.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "server/Options.h"
+#include "support/TempDir.h"
+
+TEST(HostPaths, WorkstationPathsStayInsideTheRoot) {
+  CTempDir root;
+  CHost host(root.Path());
+  EXPECT_FALSE(host.IsInstrument());
+  EXPECT_EQ(host.Path("/vr480/vr480.tag"), root / "vr480/vr480.tag");
+  EXPECT_EQ(host.Path("references.dat"), root / "vr480/references.dat");  // the working directory
+  EXPECT_EQ(host.Path("/tmp//./a/../DistMeas.log"), root / "tmp/DistMeas.log");
+  EXPECT_EQ(host.Path("/../../etc/passwd"), root / "etc/passwd");
+  EXPECT_EQ(host.Path("../../../etc/shadow"), root / "etc/shadow");
+  EXPECT_EQ(host.Path("/"), root.Path());
+}
+
+TEST(HostPaths, InstrumentPathsAreUnchanged) {
+  CHost host("/");
+  EXPECT_TRUE(host.IsInstrument());
+  EXPECT_EQ(host.Path("/vr480/vr480.tag"), "/vr480/vr480.tag");
+  EXPECT_EQ(host.Path("vr480.log"), "/vr480/vr480.log");
+  EXPECT_EQ(host.Path("/mnt/ram7/ntp/ntp.conf"), "/mnt/ram7/ntp/ntp.conf");
+}
+
+TEST(HostCommands, WorkstationRecordsCommandsInOrderAndRunsNone) {
+  CTempDir root;
+  CHost host(root.Path());
+  const std::string victim = root / "must-not-exist";
+  EXPECT_EQ(host.Run("/bin/mount -o,remount /vr480"), 0);
+  EXPECT_EQ(host.Run("touch " + victim), 0);
+  std::string out = "stale";
+  EXPECT_EQ(host.Capture("/sbin/hwclock --systohc", &out), 0);
+  EXPECT_EQ(out, "");
+  EXPECT_FALSE(std::filesystem::exists(victim));
+  EXPECT_EQ(host.CommandLog(),
+            (std::vector<std::string>{"/bin/mount -o,remount /vr480", "touch " + victim, "/sbin/hwclock --systohc"}));
+
+  // Each log line carries a time stamp before a tab, then the exact text.
+  std::string log = ReadFile(root / "tmp/host-commands.log");
+  EXPECT_NE(log.find("\t/bin/mount -o,remount /vr480\n"), std::string::npos);
+}
+
+TEST(HostCommands, ScriptedAnswersMatchByPrefixNewestFirst) {
+  CTempDir root;
+  CHost host(root.Path());
+  host.Script("ntpq", 0, "remote refid\n*10.0.0.1 .GPS.\n");
+  host.Script("pgrep ntpd", 1);
+  host.Script("pgrep", 0, "1234\n");
+  std::string out;
+  EXPECT_EQ(host.Capture("ntpq -p", &out), 0);
+  EXPECT_EQ(out, "remote refid\n*10.0.0.1 .GPS.\n");
+  EXPECT_EQ(host.Capture("pgrep ntpd", &out), 0);  // the newer, shorter script wins
+  EXPECT_EQ(out, "1234\n");
+  host.ClearScripts();
+  EXPECT_EQ(host.Capture("pgrep ntpd", &out), 0);
+  EXPECT_EQ(out, "");
+  EXPECT_EQ(host.CommandLog().size(), 3u);
+}
+
+// On the instrument commands really run, through bash, and the child inherits neither the
+// server's descriptors nor its output beyond what it was asked for.
+TEST(HostCommands, InstrumentRunsThroughBashWithoutLeakingDescriptors) {
+  CHost host("/");
+  std::string out;
+  EXPECT_EQ(host.Capture("echo one &>/dev/null; echo two", &out), 0);
+  EXPECT_EQ(out, "two\n");
+  EXPECT_EQ(host.Run("exit 3"), 3);
+
+  int fd = ::open("/dev/null", O_RDONLY);  // deliberately without close-on-exec
+  ASSERT_GE(fd, 3);
+  EXPECT_EQ(host.Capture("test -e /proc/self/fd/" + std::to_string(fd) + " && echo open || echo closed", &out), 0);
+  EXPECT_EQ(out, "closed\n");
+  ::close(fd);
+}
+
+TEST(ServerOptions, ParsesWorkstationOptions) {
+  auto parse = [](std::vector<std::string> args, CServerOptions& o, std::string& err) {
+    std::vector<char*> argv;
+    static std::string name = "vr480d";
+    argv.push_back(name.data());
+    for (auto& a : args) argv.push_back(a.data());
+    return ParseOptions(static_cast<int>(argv.size()), argv.data(), o, err);
+  };
+  CServerOptions o;
+  std::string err;
+  ASSERT_TRUE(parse({}, o, err));
+  EXPECT_TRUE(o.bFrontPanel);
+  EXPECT_EQ(o.Port, 1852);
+  EXPECT_EQ(o.Root, "/");
+
+  CServerOptions w;
+  ASSERT_TRUE(parse({"--root", "/tmp/x", "--port", "8520", "--sim", "--scene", "s.txt"}, w, err));
+  EXPECT_FALSE(w.bFrontPanel);
+  EXPECT_EQ(w.Port, 8520);
+  EXPECT_EQ(w.ListenAddress, "127.0.0.1");
+  EXPECT_TRUE(w.bForceSim);
+  EXPECT_EQ(w.SceneFile, "s.txt");
+
+  CServerOptions any;
+  ASSERT_TRUE(parse({"nogui"}, any, err));  // any argument only suppresses the window
+  EXPECT_FALSE(any.bFrontPanel);
+  CServerOptions fp;
+  ASSERT_TRUE(parse({"--listen", "0.0.0.0", "--front-panel"}, fp, err));
+  EXPECT_TRUE(fp.bFrontPanel);
+  EXPECT_EQ(fp.ListenAddress, "0.0.0.0");
+
+  for (std::vector<std::string> bad : {std::vector<std::string>{"--port", "0"}, {"--port", "65536"},
+                                       {"--port", "12x"}, {"--port"}, {"--bogus"}}) {
+    CServerOptions b;
+    EXPECT_FALSE(parse(bad, b, err)) << bad[0];
+    EXPECT_FALSE(err.empty());
+  }
+}
+
+TEST(ServerOptions, NewRootGetsSkeletonAndBaselineTagsButKeepsExistingOnes) {
+  CTempDir root;
+  std::string err;
+  ASSERT_TRUE(PrepareWorkstationRoot(root.Path(), err)) << err;
+  EXPECT_TRUE(std::filesystem::is_directory(root / "vr480"));
+  EXPECT_TRUE(std::filesystem::is_directory(root / "tmp"));
+  std::string tags = ReadFile(root / "vr480/vr480.tag");
+  EXPECT_NE(tags.find("#SET_SOA_DRIVE = \"30000\"\n"), std::string::npos);
+  EXPECT_NE(tags.find("#SET_ZOR_LOC_MEAS_ENABLE = \"1\"\n"), std::string::npos);
+
+  WriteFile(root / "vr480/vr480.tag", "#SET_SCAN_AMP = \"1\"\n");
+  ASSERT_TRUE(PrepareWorkstationRoot(root.Path(), err));
+  EXPECT_EQ(ReadFile(root / "vr480/vr480.tag"), "#SET_SCAN_AMP = \"1\"\n");
+}

@@ -1,0 +1,166 @@
+#include "support/ServerProcess.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace {
+
+pid_t SpawnServer(const std::vector<std::string>& args, int* readFd) {
+  int pipefd[2];
+  if (::pipe(pipefd) != 0) return -1;
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    ::dup2(pipefd[1], STDOUT_FILENO);
+    ::dup2(pipefd[1], STDERR_FILENO);
+    ::close(pipefd[0]);
+    ::close(pipefd[1]);
+    std::vector<char*> argv;
+    std::string binary = VR480D_BINARY;
+    argv.push_back(binary.data());
+    std::vector<std::string> copy = args;
+    for (auto& a : copy) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    ::execv(binary.c_str(), argv.data());
+    ::_exit(127);
+  }
+  ::close(pipefd[1]);
+  *readFd = pipefd[0];
+  return pid;
+}
+
+bool WaitPid(pid_t pid, int* status, std::chrono::milliseconds timeout) {
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (std::chrono::steady_clock::now() < deadline) {
+    int st = 0;
+    pid_t r = ::waitpid(pid, &st, WNOHANG);
+    if (r == pid) {
+      *status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+      return true;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return false;
+}
+
+}  // namespace
+
+CServerProcess::CServerProcess(const std::string& root, int port, std::vector<std::string> extraArgs)
+    : PortNumber(port) {
+  std::vector<std::string> args = {"--root", root, "--port", std::to_string(port)};
+  args.insert(args.end(), extraArgs.begin(), extraArgs.end());
+  int fd = -1;
+  Child = SpawnServer(args, &fd);
+  if (fd >= 0) Reader = std::thread([this, fd] { ReadLoop(fd); });
+}
+
+CServerProcess::~CServerProcess() {
+  if (Child > 0 && !bExited) {
+    ::kill(Child, SIGKILL);
+    int status;
+    WaitPid(Child, &status, std::chrono::seconds(10));
+  }
+  if (Reader.joinable()) Reader.join();
+}
+
+void CServerProcess::ReadLoop(int fd) {
+  char buf[4096];
+  for (;;) {
+    ssize_t n = ::read(fd, buf, sizeof buf);
+    if (n > 0) {
+      std::lock_guard<std::mutex> g(Lock);
+      Console.append(buf, static_cast<size_t>(n));
+    } else if (n < 0 && errno == EINTR) {
+      continue;
+    } else {
+      break;
+    }
+  }
+  ::close(fd);
+}
+
+bool CServerProcess::WaitForOutput(const std::string& text, std::chrono::milliseconds timeout) {
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (std::chrono::steady_clock::now() < deadline) {
+    {
+      std::lock_guard<std::mutex> g(Lock);
+      if (Console.find(text) != std::string::npos) return true;
+    }
+    if (!bExited) {
+      int st = 0;
+      if (::waitpid(Child, &st, WNOHANG) == Child) {
+        bExited = true;
+        ExitStatus = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+      }
+    } else {
+      // Give the reader a moment to drain what the process wrote last.
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      std::lock_guard<std::mutex> g(Lock);
+      return Console.find(text) != std::string::npos;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return false;
+}
+
+int CServerProcess::Stop(int signal, std::chrono::milliseconds timeout) {
+  if (!bExited) ::kill(Child, signal);
+  return WaitExit(timeout);
+}
+
+int CServerProcess::WaitExit(std::chrono::milliseconds timeout) {
+  if (!bExited) {
+    int status = -1;
+    if (!WaitPid(Child, &status, timeout)) return -1;
+    bExited = true;
+    ExitStatus = status;
+  }
+  if (Reader.joinable()) Reader.join();
+  return ExitStatus;
+}
+
+std::string CServerProcess::Output() const {
+  std::lock_guard<std::mutex> g(Lock);
+  return Console;
+}
+
+int FreePort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = 0;
+  ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+  socklen_t len = sizeof addr;
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+  int port = ntohs(addr.sin_port);
+  ::close(fd);
+  return port;
+}
+
+int RunServerToExit(const std::vector<std::string>& args, std::string* output, std::chrono::milliseconds timeout) {
+  int fd = -1;
+  pid_t pid = SpawnServer(args, &fd);
+  std::string out;
+  std::thread reader([&] {
+    char buf[4096];
+    ssize_t n;
+    while ((n = ::read(fd, buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR))
+      if (n > 0) out.append(buf, static_cast<size_t>(n));
+    ::close(fd);
+  });
+  int status = -1;
+  if (!WaitPid(pid, &status, timeout)) {
+    ::kill(pid, SIGKILL);
+    WaitPid(pid, &status, std::chrono::seconds(5));
+    status = -1;
+  }
+  reader.join();
+  if (output) *output = out;
+  return status;
+}
