@@ -1,0 +1,447 @@
+#include "device/DriverInterface.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "device/FakeCard.h"
+#include "device/ParallelPort.h"
+
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+namespace {
+
+class DriverTest : public testing::Test {
+ protected:
+  DriverTest() : Driver(&Provider) {
+    Driver.SetSleepHook([this](unsigned long us) { Sleeps.push_back(us); });
+  }
+  ~DriverTest() override { Driver.close_vr480(); }
+
+  FakeCardState& Fake() { return Provider.Card(); }
+
+  // Opens the card and forgets what the opening sent.
+  void Open() {
+    ASSERT_EQ(Driver.init_vr480(), 0);
+    std::lock_guard<std::mutex> g(Fake().Lock);
+    Fake().Commands.clear();
+    Fake().Requests.clear();
+    Fake().PpBytes.clear();
+    Sleeps.clear();
+  }
+
+  uint32_t LastCommand() {
+    std::lock_guard<std::mutex> g(Fake().Lock);
+    return Fake().Commands.empty() ? 0xDEADBEEF : Fake().Commands.back();
+  }
+  size_t CommandCount() {
+    std::lock_guard<std::mutex> g(Fake().Lock);
+    return Fake().Commands.size();
+  }
+
+  FakeCardProvider Provider;
+  C480_DriverInterface Driver;
+  std::vector<unsigned long> Sleeps;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Opening the card
+
+TEST_F(DriverTest, InitProgramsRingAddressesArmsMapsAndDarkensLeds) {
+  CaptureStdout();
+  ASSERT_EQ(Driver.init_vr480(), 0);
+  EXPECT_EQ(GetCapturedStdout(), "");
+
+  // Every buffer's bus address, low half, high half, index, in ring order.
+  const auto& cmds = Fake().Commands;
+  ASSERT_EQ(cmds.size(), 3u * kDmaBuffers);
+  for (uint32_t k = 0; k < kDmaBuffers; ++k) {
+    uint32_t address = FakeCardState::kBusBase + 8192 * k;
+    ASSERT_EQ(cmds[3 * k], 0x38000000 | (address & 0xFFFF)) << k;
+    ASSERT_EQ(cmds[3 * k + 1], 0x39000000 | (address >> 16)) << k;
+    ASSERT_EQ(cmds[3 * k + 2], 0x3A000000 | k) << k;
+  }
+  // The clients were counted before, and the ring armed after, the addresses went out.
+  const auto& req = Fake().Requests;
+  int clientCount = Fake().FirstRequest(kVrClientCount);
+  int firstWrite = Fake().FirstRequest(kVrWriteReg32);
+  int start = Fake().FirstRequest(kVrStart);
+  ASSERT_GE(clientCount, 0);
+  EXPECT_LT(clientCount, firstWrite);
+  int lastWrite = -1;
+  for (size_t i = 0; i < req.size(); ++i)
+    if (req[i] == kVrWriteReg32) lastWrite = static_cast<int>(i);
+  EXPECT_GT(start, lastWrite);
+  EXPECT_EQ(Sleeps, std::vector<unsigned long>{1000000});  // settle before the addresses
+
+  ASSERT_EQ(Fake().MapLengths.size(), static_cast<size_t>(kDmaBuffers));
+  for (int k = 0; k < kDmaBuffers; ++k) {
+    ASSERT_EQ(Fake().MapLengths[k], 6176u);
+    ASSERT_EQ(Driver.PeaksData[k], &Fake().Buffers[k]);
+  }
+
+  // Port byte 4, then both LED bits cleared one at a time.
+  EXPECT_EQ(Fake().PpBytes, (std::vector<uint8_t>{4, 4}));
+  EXPECT_EQ(pp_shadow, 4);
+  EXPECT_EQ(pp_driver_fd, 0);
+
+  EXPECT_EQ(Driver.close_vr480(), 0);
+  EXPECT_EQ(Fake().Unmaps, kDmaBuffers);
+  EXPECT_TRUE(Fake().Closed);
+  EXPECT_TRUE(Fake().PpClosed);
+  EXPECT_EQ(Driver.PeaksData[0], nullptr);
+}
+
+TEST_F(DriverTest, OldDriverReleaseSkipsClientWaitAndAddresses) {
+  Fake().DriverRelease = 49;
+  ASSERT_EQ(Driver.init_vr480(), 0);
+  EXPECT_TRUE(Fake().Commands.empty());
+  EXPECT_EQ(Fake().FirstRequest(kVrClientCount), -1);
+  EXPECT_GE(Fake().FirstRequest(kVrStart), 0);
+  EXPECT_TRUE(Sleeps.empty());
+  EXPECT_EQ(Fake().MapLengths.size(), static_cast<size_t>(kDmaBuffers));
+}
+
+TEST_F(DriverTest, WaitsForOtherDriverClientsToLeave) {
+  Fake().ClientCounts = {2, 2, 1};
+  CaptureStdout();
+  ASSERT_EQ(Driver.init_vr480(), 0);
+  EXPECT_EQ(GetCapturedStdout(),
+            "Waiting on 1 driver clients...89\rWaiting on 0 driver clients...88\r");
+  EXPECT_EQ(Sleeps.size(), 3u);  // two polls and the settle
+  EXPECT_EQ(Fake().Commands.size(), 3u * kDmaBuffers);
+}
+
+TEST_F(DriverTest, GivesUpWhenAnotherClientStays) {
+  Fake().ClientCounts = {3};
+  CaptureStdout();
+  EXPECT_EQ(Driver.init_vr480(), -1);
+  std::string out = GetCapturedStdout();
+  EXPECT_EQ(Sleeps.size(), 90u);
+  EXPECT_NE(out.find("Waiting on 2 driver clients...89\r"), std::string::npos);
+  EXPECT_NE(out.find("Waiting on 2 driver clients...0\r"), std::string::npos);
+  EXPECT_TRUE(out.ends_with("...0\rError: a client is already attached to the driver. \n")) << out;
+  EXPECT_TRUE(Fake().Commands.empty());
+  EXPECT_EQ(Fake().FirstRequest(kVrStart), -1);
+}
+
+TEST_F(DriverTest, OpenAndMappingFailures) {
+  Fake().Absent = true;
+  CaptureStdout();
+  EXPECT_EQ(Driver.init_vr480(), -1);
+  EXPECT_EQ(GetCapturedStdout(), "Error opening /dev/vr480 [-1]\n");
+  // Nothing to talk to: setters fail, readers answer 0.
+  EXPECT_EQ(Driver.GetDID(), 0);
+  EXPECT_EQ(Driver.ReadReg32(0x34), 0u);
+
+  Fake().Absent = false;
+  Fake().FailMapAt = 7;
+  CaptureStdout();
+  EXPECT_EQ(Driver.init_vr480(), -2);
+  EXPECT_EQ(GetCapturedStdout(), "Failed to mmap peaks_data[7].\n");
+  EXPECT_EQ(Driver.PeaksData[7], nullptr);
+}
+
+// ---------------------------------------------------------------------------------------------
+// FPGA commands: what the card receives, what the shadow keeps
+
+TEST_F(DriverTest, CommandWordsAndShadows) {
+  Open();
+  EXPECT_EQ(Driver.SetChGain(2, 0x1234), 0);
+  EXPECT_EQ(LastCommand(), 0x06321234u);
+  EXPECT_EQ(Driver.GetChGain(2), 0x1234);
+  Driver.SetChThresh(5, 0x0100);
+  EXPECT_EQ(LastCommand(), 0x0D350100u);
+  Driver.SetChLockoutPeriod(2, 200);
+  EXPECT_EQ(LastCommand(), 0x0E0200C8u);
+  Driver.SetChNoiseThreshEnabled(1, true);
+  EXPECT_EQ(LastCommand(), 0x0F010001u);
+  Driver.SetChNtValidPeriod(4, 1500);
+  EXPECT_EQ(LastCommand(), 0x100405DCu);
+  Driver.SetChNtvResetOnZc(0, false);
+  EXPECT_EQ(LastCommand(), 0x11000000u);
+  EXPECT_FALSE(Driver.GetChNtvResetOnZc(0));
+  EXPECT_TRUE(Driver.GetChNtvResetOnZc(3));  // the constructor's default
+
+  Driver.SetBias(28000);
+  EXPECT_EQ(LastCommand(), 0x03006D60u);
+  Driver.EnableDMA(true);
+  EXPECT_EQ(LastCommand(), 0x01000001u);
+  Driver.SetHwClkDivider(true);
+  EXPECT_EQ(LastCommand(), 0x0C000001u);
+  EXPECT_TRUE(Driver.GetHwClkDivider_());
+  Driver.SwStopTrig();
+  EXPECT_EQ(LastCommand(), 0x24000000u);
+
+  // Clamps and masks apply to the shadow as well as to the word.
+  Driver.SetFan1ControlTemp(0);
+  EXPECT_EQ(LastCommand(), 0x09000001u);
+  EXPECT_EQ(Driver.GetFan1ControlTemp(), 1);
+  Driver.SetFan2ControlTemp(200);
+  EXPECT_EQ(LastCommand(), 0x0B000096u);
+  EXPECT_EQ(Driver.GetFan2ControlTemp(), 150);
+  Driver.SetSyncHiCount(0x20000);
+  EXPECT_EQ(LastCommand(), 0x31000000u);
+  EXPECT_EQ(Driver.GetSyncHiCount(), 0u);
+  Driver.SetSyncLoCount(65536);
+  EXPECT_EQ(LastCommand(), 0x32010000u);
+  Driver.SetTrigStopType(5);
+  EXPECT_EQ(LastCommand(), 0x25000001u);
+  EXPECT_EQ(Driver.GetTrigStopType(), 5);
+  Driver.SetOperatingMode(7);
+  EXPECT_EQ(LastCommand(), 0x20000003u);
+  EXPECT_EQ(Driver.GetOperatingMode(), 3);
+  Driver.SetTrigSource(2);
+  EXPECT_EQ(LastCommand(), 0x22000000u);
+  Driver.SetFpgaDebug(0xAB123456);
+  EXPECT_EQ(LastCommand(), 0x14123456u);
+  EXPECT_EQ(Driver.GetFpgaDebug(), 0x123456u);
+  Driver.SetTrigAcqTime(0x1000001);
+  EXPECT_EQ(Driver.GetTrigAcqTime(), 1u);
+
+  // SetAnalogVout reaches nothing.
+  size_t before = CommandCount();
+  EXPECT_EQ(Driver.SetAnalogVout(1, 1000), 0);
+  EXPECT_EQ(CommandCount(), before);
+  EXPECT_EQ(Driver.GetAnalogVout(1), 0);
+}
+
+TEST_F(DriverTest, ChannelAboveFiveIsRefusedAndReadsZero) {
+  Open();
+  Driver.SetChGain(5, 77);
+  size_t before = CommandCount();
+  EXPECT_EQ(Driver.SetChGain(6, 77), -1);
+  EXPECT_EQ(Driver.SetChThresh(6, 1), -1);
+  EXPECT_EQ(Driver.SetChLockoutPeriod(200, 1), -1);
+  EXPECT_EQ(Driver.SetChNoiseThreshEnabled(6, true), -1);
+  EXPECT_EQ(Driver.SetChNtValidPeriod(6, 1), -1);
+  EXPECT_EQ(Driver.SetChNtvResetOnZc(6, true), -1);
+  EXPECT_EQ(CommandCount(), before);
+  EXPECT_EQ(Driver.GetChGain(6), 0);
+  EXPECT_EQ(Driver.GetChGain(5), 77);
+  EXPECT_FALSE(Driver.GetChNtvResetOnZc(6));
+  EXPECT_EQ(Driver.GetAnalogVout(8), 0);
+}
+
+TEST_F(DriverTest, ConverterWordsCarryAmplitudeChannel) {
+  Open();
+  Driver.SetAmpCh(5);
+  EXPECT_EQ(LastCommand(), 0x12009400u);
+  EXPECT_EQ(Driver.GetAmpCh(), 5);
+  Driver.WriteAd7329ControlRegister(0x810);
+  EXPECT_EQ(LastCommand(), 0x12008810u);
+  Driver.WriteAd7329RangeRegister1(0xAA0);
+  EXPECT_EQ(LastCommand(), 0x1200AAA0u);
+  Driver.WriteAd7329RangeRegister2(0xAA0);
+  EXPECT_EQ(LastCommand(), 0x1200CAA0u);
+  Driver.SetAmpCh(5);
+  EXPECT_EQ(LastCommand(), 0x12009410u);  // the reference bit of the control write stays
+}
+
+TEST_F(DriverTest, LedsGoToPortAndFpga) {
+  Open();
+  Driver.SetClientLed(true);
+  EXPECT_EQ(LastCommand(), 0x08000001u);
+  Driver.SetReadyLed(true);
+  EXPECT_EQ(LastCommand(), 0x07000001u);
+  Driver.SetClientLed(false);
+  EXPECT_EQ(LastCommand(), 0x08000000u);
+  EXPECT_EQ(Fake().PpBytes, (std::vector<uint8_t>{0x0C, 0x1C, 0x14}));
+  EXPECT_FALSE(Driver.GetClientLed());
+  EXPECT_TRUE(Driver.GetReadyLed());
+}
+
+// ---------------------------------------------------------------------------------------------
+// The mailbox
+
+TEST_F(DriverTest, WaitsForTheFpgaToTakeEachWord) {
+  Open();
+  Fake().MailboxBusyReads = 50;
+  Driver.SetScanAmp(40000);
+  Driver.SetSOADrive(30000);
+  EXPECT_EQ(Fake().Commands, (std::vector<uint32_t>{0x04009C40, 0x18007530}));
+  EXPECT_EQ(Fake().WritesWhileFull, 0);
+}
+
+TEST_F(DriverTest, StalledMailboxLosesTheCommandButKeepsTheShadow) {
+  Open();
+  Fake().MailboxStalled = true;
+  CaptureStdout();
+  auto t0 = std::chrono::steady_clock::now();
+  EXPECT_EQ(Driver.SetChGain(2, 0x1234), -1);
+  auto waited = std::chrono::steady_clock::now() - t0;
+  EXPECT_EQ(GetCapturedStdout(),
+            "Warning: timeout on S5335 OMBX1.  Last command is lost.\n"
+            "Lost Command: 103944756  (cmd= 6, arg=3281460)\n");
+  EXPECT_GE(waited, std::chrono::microseconds(20000));
+  EXPECT_TRUE(Fake().Commands.empty());
+  EXPECT_EQ(Driver.GetChGain(2), 0x1234);
+
+  // The next command goes through once the FPGA takes words again.
+  Fake().MailboxStalled = false;
+  EXPECT_EQ(Driver.SetBias(1), 0);
+  EXPECT_EQ(LastCommand(), 0x03000001u);
+}
+
+// The lock is class-wide: two interfaces on the same card, each used from two threads, never
+// write into a full mailbox and lose nothing.
+TEST_F(DriverTest, MailboxLockSerialisesThreadsAndInstances) {
+  Open();
+  C480_DriverInterface second(&Provider);
+  second.SetSleepHook([](unsigned long) {});
+  ASSERT_EQ(second.init_vr480(), 0);
+  {
+    std::lock_guard<std::mutex> g(Fake().Lock);
+    Fake().Commands.clear();
+    Fake().MailboxBusyReads = 3;
+  }
+  Fake().MailboxReadPauseUs = 20;
+  constexpr int kPerThread = 100;
+  auto send = [](C480_DriverInterface* d, uint8_t ch) {
+    for (int i = 0; i < kPerThread; ++i) d->SetChLockoutPeriod(ch, static_cast<uint16_t>(i));
+  };
+  std::vector<std::thread> threads;
+  threads.emplace_back(send, &Driver, 0);
+  threads.emplace_back(send, &Driver, 1);
+  threads.emplace_back(send, &second, 2);
+  threads.emplace_back(send, &second, 3);
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(CommandCount(), 4u * kPerThread);
+  EXPECT_EQ(Fake().WritesWhileFull, 0);
+  // Each thread's words arrive in its own order.
+  int next[4] = {};
+  for (uint32_t w : Fake().Commands) {
+    int ch = (w >> 16) & 0xFF;
+    ASSERT_EQ(static_cast<int>(w & 0xFFFF), next[ch]++);
+  }
+  second.close_vr480();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Registers, identification, records
+
+TEST_F(DriverTest, RegistersAndIdentification) {
+  Open();
+  EXPECT_EQ(Driver.WriteReg32(0x04, 0x12345678), 0);
+  EXPECT_EQ(Driver.ReadReg32(0x04), 0x12345678u);
+  EXPECT_EQ(Driver.ReadReg16(0x04), 0x5678);
+  EXPECT_EQ(Driver.ReadReg8(0x04), 0x78);
+  Driver.WriteReg16(0x08, 0xBEEF);
+  Driver.WriteReg8(0x0C, 0x5A);
+  EXPECT_EQ(Fake().Registers[0x08], 0xBEEFu);
+  EXPECT_EQ(Fake().Registers[0x0C], 0x5Au);
+
+  EXPECT_EQ(Driver.GetDID(), 0x8882);
+  EXPECT_EQ(Driver.GetDriverVersion(), 52);
+  EXPECT_EQ(Driver.GetMWAR(3), FakeCardState::kBusBase + 3 * 8192);
+  EXPECT_EQ(Driver.DataReady(), 0);
+  Fake().WaitIndices = {1};
+  EXPECT_NE(Driver.DataReady(), 0);
+  Driver.Vr480Debug(5);
+  EXPECT_GE(Fake().FirstRequest(kVrDebug), 0);
+}
+
+// An index outside the ring is never used: WaitForData reports -1 and GetData waits for the
+// next valid record.
+TEST_F(DriverTest, RecordIndexOutsideRingIsRejected) {
+  Open();
+  Fake().WaitIndices = {600, 3, 512, 0xFFFF, 7};
+  CaptureStdout();
+  EXPECT_EQ(Driver.WaitForData(), -1);
+  EXPECT_EQ(Driver.WaitForData(), 3);
+  struct_dma_peaks_data* record = nullptr;
+  EXPECT_EQ(Driver.GetData(&record), 0);
+  EXPECT_EQ(record, &Fake().Buffers[7]);
+  std::string out = GetCapturedStdout();
+  EXPECT_NE(out.find("buffer 600 outside the ring"), std::string::npos);
+  EXPECT_EQ(out.find("buffer 512"), std::string::npos);  // reported once, not per record
+
+  EXPECT_EQ(Driver.WaitForData(), -1);  // the request itself fails: nothing delivered
+
+  Driver.close_vr480();
+  EXPECT_EQ(Driver.GetData(&record), -1);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Configuration memory
+
+TEST_F(DriverTest, NvRamBytesAndSerialNumberRoundTrip) {
+  Open();
+  EXPECT_EQ(Driver.nvRAM_write(0x10, 0xAB), 0);
+  EXPECT_EQ(Fake().NvRam[0x10], 0xAB);
+  EXPECT_EQ(Driver.nvRAM_read(0x10), 0xAB);
+  EXPECT_EQ(Sleeps, std::vector<unsigned long>{10000});  // the EEPROM's programming time
+
+  char sn[kSerialNumberLength];
+  std::memcpy(sn, "VR480-0001234567", kSerialNumberLength);
+  EXPECT_EQ(Driver.write_nvRAM_SN(sn), 0);
+  EXPECT_EQ(std::memcmp(&Fake().NvRam[0x80], "VR480-0001234567", 16), 0);
+  char back[kSerialNumberLength] = {};
+  EXPECT_EQ(Driver.read_nvRAM_SN(back), 0);
+  EXPECT_EQ(std::memcmp(back, sn, kSerialNumberLength), 0);
+  EXPECT_EQ(Fake().NvRam[0x90], 0xFF);  // exactly 16 bytes
+}
+
+TEST_F(DriverTest, ConfigurationImage) {
+  Open();
+  char sn[kSerialNumberLength];
+  std::memcpy(sn, "VR480-0001234567", kSerialNumberLength);
+  Driver.write_nvRAM_SN(sn);
+  Fake().NvRam[0x20] = 0x00;
+
+  EXPECT_EQ(Driver.make_ZOR_device(3), 0);
+  const uint8_t image3[64] = {
+      0xE8, 0x10, 0x82, 0x88, 0x00, 0x01, 0x00, 0x00, 0x03, 0x00, 0x00, 0xFF, 0x00, 0xFF, 0x00, 0x00,
+      0xC1, 0xFF, 0xE8, 0x10, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+      0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+      0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xFF, 0x01, 0xFF, 0x00};
+  for (int a = 0; a < 256; ++a) {
+    uint8_t expected = (a >= 0x40 && a < 0x80) ? image3[a - 0x40] : 0xFF;
+    ASSERT_EQ(Fake().NvRam[a], expected) << "address " << a;  // serial number erased too
+  }
+  EXPECT_EQ(Driver.GetNvRamRev(), 3);
+
+  Driver.make_ZOR_device(1);
+  EXPECT_EQ(Fake().NvRam[0x45], 0x81);
+  EXPECT_EQ(Fake().NvRam[0x4D], 0x00);
+  EXPECT_EQ(Fake().NvRam[0x7E], 0x00);
+  EXPECT_EQ(Driver.GetNvRamRev(), 1);
+
+  // Without a revision the driver release decides.
+  CaptureStdout();
+  Driver.make_ZOR_device();
+  EXPECT_EQ(GetCapturedStdout(),
+            "** Warning: No RID was specified.  Assuming a Rev. 3 ZOR device... **\n");
+  EXPECT_EQ(Driver.GetNvRamRev(), 3);
+  Fake().DriverRelease = 49;
+  CaptureStdout();
+  Driver.make_ZOR_device();
+  EXPECT_EQ(GetCapturedStdout(),
+            "** Warning: No RID was specified.  Assuming a Rev. 2 ZOR device... **\n");
+  EXPECT_EQ(Driver.GetNvRamRev(), 2);
+  EXPECT_EQ(Fake().NvRam[0x45], 0x81);
+  EXPECT_EQ(Fake().NvRam[0x4D], 0xFF);
+
+  // Clearing blanks the bridge's half and leaves the serial number's half alone.
+  Driver.write_nvRAM_SN(sn);
+  EXPECT_EQ(Driver.clear_device(), 0);
+  for (int a = 0; a < 0x80; ++a) ASSERT_EQ(Fake().NvRam[a], 0xFF) << a;
+  EXPECT_EQ(std::memcmp(&Fake().NvRam[0x80], sn, kSerialNumberLength), 0);
+}
+
+TEST_F(DriverTest, NvRamBusyForeverReportsMcsrNotReady) {
+  Open();
+  Fake().NvRamStuckBusy = true;
+  CaptureStdout();
+  Driver.nvRAM_read(0x48);
+  EXPECT_EQ(Driver.wait_for_mcsr_ready(), -1);
+  EXPECT_EQ(GetCapturedStdout(), "MCSR not ready\nMCSR not ready\nMCSR not ready\nMCSR not ready\n"
+                                 "MCSR not ready\n");
+}
+
+}  // namespace
