@@ -37,7 +37,7 @@ const char* UsageText() {
          "instrument: front panel on, root \"/\", command port 1852.\n"
          "\n"
          "  --root DIR       directory that stands for \"/\" (created with vr480/ and tmp/)\n"
-         "  --port N         TCP command port (1-65535, default 1852)\n"
+         "  --port N         TCP command port (1-9999, default 1852)\n"
          "  --listen ADDR    address to bind (default: any; 127.0.0.1 with --root)\n"
          "  --sim            use the simulated card even if /dev/vr480 exists\n"
          "  --scene FILE     scene of the simulated card (default <root>/vr480/sim_scene.txt)\n"
@@ -64,8 +64,8 @@ bool ParseOptions(int argc, char** argv, CServerOptions& options, std::string& e
       char* end = nullptr;
       errno = 0;
       long port = std::strtol(text, &end, 10);
-      if (errno != 0 || end == text || *end != '\0' || port < 1 || port > 65535) {
-        error = std::string("invalid port '") + text + "' (1-65535)";
+      if (errno != 0 || end == text || *end != '\0' || port < 1 || port > 9999) {
+        error = std::string("invalid port '") + text + "' (1-9999)";
         return false;
       }
       options.Port = static_cast<int>(port);

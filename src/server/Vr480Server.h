@@ -73,6 +73,10 @@ class CVr480Server {
   // The sweep rate: 1000/s, 2000/s in 2 kHz mode, halved by the hardware clock divider.
   int SweepRate();
 
+  // Allocates the processed-data, spectrum and raw-spectrum buffers (Init does it; a test
+  // that drives the pipeline without a card calls it itself). False when memory is short.
+  bool AllocateRings();
+
   // ---- Averaging depth per sensor ---------------------------------------------------------
   int SetNumAverages(uint8_t channel, uint16_t sensor, uint16_t n);
   uint16_t GetNumAverages(uint8_t channel, uint16_t sensor);
@@ -299,7 +303,6 @@ class CVr480Server {
   void ReplayTags();
   void StartTcpServer();
   void build_FBG_Vth2Thz_LUT();
-  bool AllocateRings();
   bool StartCalibrationThread();
   bool StopCalibrationThread();
   void LoadDataFiles();

@@ -111,7 +111,7 @@ TEST(ServerOptions, ParsesWorkstationOptions) {
   EXPECT_TRUE(fp.bFrontPanel);
   EXPECT_EQ(fp.ListenAddress, "0.0.0.0");
 
-  for (std::vector<std::string> bad : {std::vector<std::string>{"--port", "0"}, {"--port", "65536"},
+  for (std::vector<std::string> bad : {std::vector<std::string>{"--port", "0"}, {"--port", "10000"},
                                        {"--port", "12x"}, {"--port"}, {"--bogus"}}) {
     CServerOptions b;
     EXPECT_FALSE(parse(bad, b, err)) << bad[0];

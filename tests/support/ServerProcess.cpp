@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <random>
 
 namespace {
 
@@ -129,18 +130,23 @@ std::string CServerProcess::Output() const {
   return Console;
 }
 
+// The command server accepts ports 1 to 9999 only, below the kernel's ephemeral range, so a
+// port is drawn at random from 2000-9999 and kept when it can be bound right now.
 int FreePort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = 0;
-  ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-  socklen_t len = sizeof addr;
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-  int port = ntohs(addr.sin_port);
-  ::close(fd);
-  return port;
+  static std::mt19937 rng(static_cast<unsigned>(::getpid()) * 7919u +
+                          static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count()));
+  for (int attempt = 0; attempt < 200; ++attempt) {
+    int port = 2000 + static_cast<int>(rng() % 8000);
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    bool ok = ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+    ::close(fd);
+    if (ok) return port;
+  }
+  return 0;
 }
 
 int RunServerToExit(const std::vector<std::string>& args, std::string* output, std::chrono::milliseconds timeout) {
