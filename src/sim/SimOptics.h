@@ -69,7 +69,7 @@ struct COpticsParams {
   double GroupIndex = server_scale::kGroupIndex;  // the fibre's true group index
   double DetectorLatencyCounts = 160.0;  // peak detector delay, on every list, not on samples
   double CountsPerDb = 0.0;              // kappa: position shift per dB of detector gain
-  double PeakNoiseCounts = 0.7;          // sigma of a detected position
+  double PeakNoiseCounts = 0.5;          // sigma of a detected position
   double SampleNoise = 20.0;             // sigma of a full-spectrum sample
   double SampleBaseline = 300.0;         // dark level of a full-spectrum sample
 };
