@@ -16,18 +16,14 @@ int CVr480Server::ProcessCmd(const std::string& line, int client) {
 
 void CVr480Server::ReplayTags() {}
 void CVr480Server::StartTcpServer() {}
-void CVr480Server::build_FBG_Vth2Thz_LUT() {}
 void CVr480Server::LoadSettingsDataFiles() {}
 void CVr480Server::BuildTimeOfFlightLUT() {}
 
-void CVr480Server::BinAcquiredData() {}
 void CVr480Server::BuildRawFSBuffer() {}
-int CVr480Server::ProcessPeaksData() { return 0; }
 int CVr480Server::AutoBias() { return 0; }
 int CVr480Server::AutoScanAmp() { return 0; }
 void CVr480Server::BuildSpectrum() {}
 int CVr480Server::CalibrateFsOffset() { return 0; }
-double CVr480Server::Wvl2Counts(double) { return 0.0; }
 int CVr480Server::DistMeas_GeneratePlot() { return 0; }
 int CVr480Server::MeasureSensorDistances() { return 0; }
 

@@ -341,6 +341,55 @@ class CVr480Server {
 
   mutable std::mutex StatusTextLock;
   std::string StatusText;  // guarded by StatusTextLock
+
+  // ---- Measurement processing ----
+  // The wavelength scale, the peak pipeline and sensor binning (src/processing). The stages
+  // the acquisition loop calls (ProcessPeaksData, BinAcquiredData, Wvl2Counts) and the table
+  // builder are declared above; these are what the commands and the other subsystems need.
+ public:
+  // Temperature of the reference grating, degC, for a thermistor reading (Steinhart model of
+  // a thermistor in a 10 kOhm divider). Any thread.
+  double thermistor_Vth2degC(int16_t vth) const;
+  // Grating frequency, THz, for the current record's thermistor reading (from Vth2Thz).
+  double GetFBG_Thz() const;
+  // Wavelength, nm, of a sweep position on the current record's comb; -1.0 when the record
+  // has fewer than 2 comb teeth. Positions outside the comb extrapolate the end segments.
+  double Counts2Wvl(double counts) const;
+  // On: forget the bins and learn them from the next MuxLevel published records. Off: stop
+  // binning and return once the acquisition thread has left binned processing. 0.
+  int StartSensorTracking(bool on);
+  // Sorts the peaks of `raw` into the learned bins of its layer, writing the result to `out`
+  // (a bin without its sensor gets position 0; a missing or extra peak marks a bin fault). 0.
+  int BinAcquiredData(const struct_dma_peaks_data& raw, struct_dma_peaks_data& out);
+  // Amplitude of the reflected light near full-spectrum sample `sample` of a multiplexer
+  // layer; the pipeline reports it for each peak of the amplitude channel.
+  int GetPeakAmplitude(int layer, int sample);
+
+  Relaxed<bool> bDistMeasActive = false;  // a distance measurement owns acquisition: records are processed but not
+                                          // announced, no amplitudes or outputs; distance measurement
+
+ private:
+  // Where the comb was placed on a record: the comb segment [Segment-1, Segment] that holds
+  // the grating, and the whole number of teeth the reference tooth lies from it.
+  struct CombPlacement {
+    int Segment = 0;       // smallest comb index whose position lies beyond the grating
+    int ToothOffset = 0;   // WvlCorrCoef rounded to a whole number (0 without the monitored grating)
+  };
+  uint8_t CheckScaleReferences(const struct_dma_peaks_data& rec, const struct_dma_peaks_status& hdr);
+  bool PlaceComb(const struct_dma_peaks_data& rec, int combCount, CombPlacement& placement);
+  void FinishComb(const struct_dma_peaks_data& rec, int combCount, const CombPlacement& placement, uint8_t* slot);
+  uint32_t ConvertSensors(const struct_dma_peaks_data& rec, const struct_dma_peaks_status& hdr, int combCount,
+                          uint32_t limit, bool learning, uint8_t* slot, uint32_t& skip);
+  void ApplySensorLimit(uint32_t kept, uint32_t limit, uint8_t* slot);
+  void CountBinLearningRecord(bool learning);
+  uint32_t WriteAmplitudes(const struct_dma_peaks_data& rec, const struct_dma_peaks_status& hdr, uint32_t kept,
+                           uint32_t skip, uint8_t* slot);
+  void WriteAnalogOutputs();
+  void AdvanceProcessedRing();
+
+  std::atomic<int32_t> SensorBinLearnRecords{0};  // published records seen since learning started; acquisition, StartSensorTracking
+  friend struct ProcessingAccess;                 // the processing tests and the pipeline benchmark drive the private stages
+  // ---- end of measurement processing ----
 };
 
 // The server object. main builds it once the host seam is installed (its constructor already

@@ -1,0 +1,183 @@
+// What the processing tests share: a server with what start-up gives the pipeline (rings,
+// averaging store, grating table), a hand-built sweep as the card reports it, and readers for
+// the processed record a client would receive.
+//
+// The sweep: 101 comb teeth, 512 counts apart from count 4000, 100 GHz apart in frequency;
+// tooth 50 is the reference tooth at 194.0 THz, so tooth j sits at 194.0 + (50 - j) x 0.1 THz
+// (frequency falls as the count rises). The reference grating lies halfway between teeth 60
+// and 61, at 192.95 THz, and its thermistor reads kGratingVth, the reading the grating table
+// is anchored to. Sensors go on the four DUT channels at chosen counts.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "device/CardSeam.h"
+#include "device/DriverInterface.h"
+#include "processing/ProcessedRecord.h"
+#include "server/Vr480Server.h"
+
+// The pipeline's stages are private to the server; the tests drive them as the acquisition
+// loop does.
+struct ProcessingAccess {
+  static int Process(CVr480Server& s) { return s.ProcessPeaksData(); }
+  static void BuildGratingTable(CVr480Server& s) { s.build_FBG_Vth2Thz_LUT(); }
+  static double Wvl2Counts(CVr480Server& s, double nm) { return s.Wvl2Counts(nm); }
+  static void BinCurrentRecord(CVr480Server& s) { s.BinAcquiredData(); }
+};
+
+namespace proc_test {
+
+constexpr double kSpeedOfLight = 299792458.0;
+constexpr int kTeeth = 101;
+constexpr uint32_t kFirstTooth = 4000;
+constexpr uint32_t kToothSpacing = 512;
+constexpr int kRefTooth = 50;
+constexpr int kGratingTooth = 60;  // the grating lies between this tooth and the next
+constexpr int16_t kGratingVth = 1000;
+constexpr uint8_t kPublish = 0x20;
+
+inline uint32_t ToothCount(int j) { return kFirstTooth + kToothSpacing * static_cast<uint32_t>(j); }
+inline double ToothThz(int j) { return 194.0 + (kRefTooth - j) * 0.1; }
+inline double Nm(double thz) { return kSpeedOfLight * 0.001 / thz; }
+// Wavelength at a fraction of the way from tooth j to tooth j + 1.
+inline double NmBetween(int j, double fraction) { return Nm(ToothThz(j) - fraction * 0.1); }
+inline uint32_t CountBetween(int j, double fraction) {
+  return ToothCount(j) + static_cast<uint32_t>(fraction * kToothSpacing);
+}
+// A wavelength in the integer units of the record (default granularity: 1 unit = 1 fm).
+inline double Fm(double nm) { return nm * 1e6; }
+
+// A published sweep with a healthy comb and grating and no sensors.
+inline struct_dma_peaks_data MakeSweep() {
+  struct_dma_peaks_data r;
+  std::memset(&r, 0, sizeof r);
+  r.status.Status3 = kPublish;
+  r.status.Vth = kGratingVth;
+  r.status.fw_version = 101;
+  r.status.SweepCounter = 123456;
+  r.status.RecordCounter = 77;
+  r.status.NumPeaks[0] = 1;
+  r.FbgPeaks[0] = CountBetween(kGratingTooth, 0.5);
+  r.status.FbgPosition = 0x00FFFFFF & r.FbgPeaks[0];
+  r.status.NumPeaks[1] = kTeeth;
+  for (int j = 0; j < kTeeth; ++j) r.FfpiPeaks[j] = ToothCount(j);
+  return r;
+}
+
+inline void AddSensor(struct_dma_peaks_data& r, int ch, uint32_t count) {
+  r.DutPeaks[ch][r.status.NumPeaks[2 + ch]++] = count;
+}
+
+inline std::unique_ptr<CVr480Server> MakeServer() {
+  auto s = std::make_unique<CVr480Server>();
+  EXPECT_TRUE(s->AllocateRings());
+  s->WvlAvg.Init(16, kSensorsPerChannel, 64);
+  s->DataRateDivider = 1;
+  s->MinDataRateDivider = 1;
+  s->FbgRefVth = static_cast<uint16_t>(kGratingVth);
+  s->FbgRefWvlNm = NmBetween(kGratingTooth, 0.5);
+  ProcessingAccess::BuildGratingTable(*s);
+  return s;
+}
+
+// Hands a record to the pipeline the way the acquisition loop does.
+inline void Feed(CVr480Server& s, struct_dma_peaks_data& r) {
+  s.pPeaks = &r;
+  s.pLastPeaks = &r;
+  ProcessingAccess::Process(s);
+}
+
+inline const uint8_t* Slot(const CVr480Server& s, int index) {
+  return s.ProcessedData + static_cast<size_t>(index) * kProcessedRecordBytes;
+}
+// The record published last (the slot before the write index).
+inline const uint8_t* LastSlot(const CVr480Server& s) {
+  const int w = s.ProcessedWriteIndex;
+  return Slot(s, w == 0 ? kProcessedRingSlots - 1 : w - 1);
+}
+
+// The processed record as a client reads it.
+struct Published {
+  const uint8_t* Bytes;
+  uint8_t Status() const { return Bytes[kRecStatusCodeOffset]; }
+  uint32_t StatusLow24() const { return GetRecU32(Bytes, kRecStatusWordOffset) & 0x00FFFFFF; }
+  bool ScaleWarning() const { return (Bytes[kRecStatus3Offset] & kRecScaleWarningBit) != 0; }
+  uint16_t Kept(int ch) const { return GetRecU16(Bytes, kRecKeptCountsOffset + 2 * ch); }
+  uint32_t Sensors() const { return (GetRecU32(Bytes, kRecSensorBytesOffset) - 88) / 4; }
+  uint32_t Amplitudes() const {
+    return (GetRecU32(Bytes, kRecTotalBytesOffset) - GetRecU32(Bytes, kRecSensorBytesOffset)) / 2;
+  }
+  int32_t Value(uint32_t i) const { return GetRecI32(Bytes, kRecSensorsOffset + 4 * i); }
+  // Sensor s of DUT channel ch.
+  int32_t Value(int ch, int s) const {
+    uint32_t before = 0;
+    for (int c = 0; c < ch; ++c) before += Kept(c);
+    return Value(before + s);
+  }
+  uint16_t Amplitude(uint32_t i) const { return GetRecU16(Bytes, kRecSensorsOffset + 4 * Sensors() + 2 * i); }
+  uint32_t Granularity() const { return GetRecU32(Bytes, kRecGranularityOffset); }
+  const struct_dma_peaks_status& Header() const {
+    return *reinterpret_cast<const struct_dma_peaks_status*>(Bytes + kRecHeaderOffset);
+  }
+};
+inline Published LastRecord(const CVr480Server& s) { return Published{LastSlot(s)}; }
+
+// Console output of a piece of code.
+template <class F>
+std::string Console(F&& f) {
+  std::fflush(stdout);
+  testing::internal::CaptureStdout();
+  f();
+  std::fflush(stdout);
+  return testing::internal::GetCapturedStdout();
+}
+
+// A card that only records what the bridge registers receive: enough for the analog outputs
+// (mailboxes 2-4) and the rate commands.
+struct RegisterLog {
+  std::vector<std::pair<uint32_t, uint32_t>> Writes;  // (register, value) in order
+  uint32_t Last(uint32_t reg) const {
+    for (auto it = Writes.rbegin(); it != Writes.rend(); ++it)
+      if (it->first == reg) return it->second;
+    return 0xDEADBEEF;
+  }
+};
+
+class RecordingDevice : public CDeviceFile {
+ public:
+  explicit RecordingDevice(RegisterLog* log) : Log(log), Buffers(kDmaBuffers) {}
+  int Ioctl(unsigned long request, uintptr_t arg) override {
+    if (request == kVrWriteReg32 || request == kVrWriteReg16 || request == kVrWriteReg8) {
+      auto* access = reinterpret_cast<VrRegisterAccess*>(arg);
+      Log->Writes.emplace_back(access->reg, access->value);
+    } else if (request == kVrReadReg8 || request == kVrReadReg16 || request == kVrReadReg32) {
+      reinterpret_cast<VrRegisterAccess*>(arg)->value = 0;  // mailbox always empty
+    } else if (request == kVrGetDriverVersion) {
+      *reinterpret_cast<uint16_t*>(arg) = 40;  // an old driver: no client wait, no buffer addresses
+    }
+    return 0;
+  }
+  void* Map(size_t) override { return &Buffers[Mapped++ % kDmaBuffers]; }
+  int Unmap(void*, size_t) override { return 0; }
+  int Close() override { return 0; }
+
+ private:
+  RegisterLog* Log;
+  std::vector<struct_dma_peaks_data> Buffers;
+  int Mapped = 0;
+};
+
+class RecordingCard : public CCardProvider {
+ public:
+  std::unique_ptr<CDeviceFile> Open(const std::string&) override { return std::make_unique<RecordingDevice>(&Log); }
+  RegisterLog Log;
+};
+
+}  // namespace proc_test

@@ -1,0 +1,205 @@
+// Sensor binning: learning where the sensors are, then keeping their numbers while one fades
+// out, an extra peak appears, or the sensors drift.
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "ProcessingFixture.h"
+
+using namespace proc_test;
+
+namespace {
+
+const uint32_t kA = ToothCount(30), kB = ToothCount(35), kC = ToothCount(40), kD = ToothCount(45);
+constexpr uint16_t kFault0 = 0x0100;  // bin fault on DUT channel 0
+
+struct LearnedServer {
+  std::unique_ptr<CVr480Server> S = MakeServer();
+  int32_t ValA = 0, ValB = 0, ValC = 0;
+
+  // Learns three sensors on channel 0 and one on channel 1; a peak outside the window gets
+  // no bin.
+  LearnedServer() {
+    EXPECT_EQ(S->StartSensorTracking(true), 0);
+    EXPECT_TRUE(S->bSensorBinLearning);
+    EXPECT_FALSE(S->bEnableSensorBins);
+    auto r = MakeSweep();
+    AddSensor(r, 0, ToothCount(5));  // about 1510 nm
+    AddSensor(r, 0, kA);
+    AddSensor(r, 0, kB);
+    AddSensor(r, 0, kC);
+    AddSensor(r, 1, kD);
+    Feed(*S, r);
+    const Published p = LastRecord(*S);
+    ValA = p.Value(0, 0);
+    ValB = p.Value(0, 1);
+    ValC = p.Value(0, 2);
+  }
+
+  // Bins a sweep that shows `peaks` on channel 0 (and sensor D on channel 1) and publishes it.
+  struct_dma_peaks_data BinAndFeed(std::initializer_list<uint32_t> peaks) {
+    auto raw = MakeSweep();
+    for (uint32_t p : peaks) AddSensor(raw, 0, p);
+    AddSensor(raw, 1, kD);
+    struct_dma_peaks_data out;
+    EXPECT_EQ(S->BinAcquiredData(raw, out), 0);
+    Feed(*S, out);
+    return out;
+  }
+};
+
+}  // namespace
+
+TEST(SensorBinning, LearningTakesOnePublishedSweepPerLayer) {
+  LearnedServer l;
+  CVr480Server& s = *l.S;
+  EXPECT_FALSE(s.bSensorBinLearning);
+  EXPECT_TRUE(s.bEnableSensorBins);
+  EXPECT_EQ(s.SensorBinCount[0], 3);
+  EXPECT_EQ(s.SensorBinCount[1], 1);
+  EXPECT_EQ(s.SensorBinCount[2], 0);
+  EXPECT_EQ(s.SensorBinPositions[0][0], kA);
+  EXPECT_EQ(s.SensorBinPositions[0][2], kC);
+  EXPECT_EQ(s.SensorBinPositions[1][0], kD);
+
+  // Asking again while binning is in force changes nothing.
+  EXPECT_EQ(s.StartSensorTracking(true), 0);
+  EXPECT_TRUE(s.bEnableSensorBins);
+  EXPECT_EQ(s.SensorBinCount[0], 3);
+
+  // With two multiplexer layers, each layer's sweep teaches its own bins; asking again during
+  // learning starts it over.
+  auto s2 = MakeServer();
+  s2->MuxLevel = 2;
+  auto layer0 = MakeSweep();
+  AddSensor(layer0, 0, kA);
+  auto layer1 = MakeSweep();
+  layer1.status.flags1_lo = 1;
+  AddSensor(layer1, 0, kB);
+  AddSensor(layer1, 0, kC);
+  s2->StartSensorTracking(true);
+  Feed(*s2, layer0);
+  EXPECT_TRUE(s2->bSensorBinLearning);
+  s2->StartSensorTracking(true);
+  EXPECT_EQ(s2->SensorBinCount[0], 0);
+  Feed(*s2, layer1);
+  EXPECT_TRUE(s2->bSensorBinLearning);
+  Feed(*s2, layer0);
+  EXPECT_FALSE(s2->bSensorBinLearning);
+  EXPECT_TRUE(s2->bEnableSensorBins);
+  EXPECT_EQ(s2->SensorBinCount[0], 1);
+  EXPECT_EQ(s2->SensorBinCount[4], 2);
+  EXPECT_EQ(s2->SensorBinPositions[4][1], kC);
+}
+
+TEST(SensorBinning, MissingAndExtraPeaksKeepTheNumbering) {
+  LearnedServer l;
+  CVr480Server& s = *l.S;
+
+  // All present: no fault, the same values as while learning.
+  auto out = l.BinAndFeed({kA, kB, kC});
+  EXPECT_EQ(out.status.BinningMarks, 0);
+  Published p = LastRecord(s);
+  EXPECT_EQ(p.Kept(0), 3);
+  EXPECT_EQ(p.Value(0, 0), l.ValA);
+  EXPECT_EQ(p.Value(0, 2), l.ValC);
+
+  // B fades out: C keeps number 2, B reads 0, and channel 0 records a fault.
+  out = l.BinAndFeed({kA, kC});
+  EXPECT_EQ(out.status.NumPeaks[2], 3);
+  EXPECT_EQ(out.DutPeaks[0][1], 0u);
+  EXPECT_EQ(out.status.BinningMarks, kFault0);
+  EXPECT_EQ(s.LastBinFaultCnt[0], 2);
+  p = LastRecord(s);
+  EXPECT_EQ(p.Kept(0), 3);
+  EXPECT_EQ(p.Value(0, 0), l.ValA);
+  EXPECT_EQ(p.Value(0, 1), 0);
+  EXPECT_EQ(p.Value(0, 2), l.ValC);
+  EXPECT_EQ(p.Kept(1), 1);
+  EXPECT_EQ(p.Header().BinningMarks, kFault0);  // clients see the fault in the header
+
+  // A spurious peak beside A: it finds no free bin and is dropped, but counts as a fault.
+  out = l.BinAndFeed({kA, kA + 50, kB, kC});
+  EXPECT_EQ(out.status.BinningMarks, kFault0);
+  EXPECT_EQ(s.LastBinFaultCnt[0], 4);
+  p = LastRecord(s);
+  EXPECT_EQ(p.Kept(0), 3);
+  EXPECT_EQ(p.Value(0, 1), l.ValB);
+
+  // The acquisition loop's path: the card's record binned into the server's own copy.
+  auto raw = MakeSweep();
+  AddSensor(raw, 0, kC);
+  AddSensor(raw, 1, kD);
+  s.pRawPeaks = &raw;
+  ProcessingAccess::BinCurrentRecord(s);
+  EXPECT_EQ(s.BinnedPeaks.DutPeaks[0][0], 0u);
+  EXPECT_EQ(s.BinnedPeaks.DutPeaks[0][2], kC);
+  EXPECT_EQ(s.BinnedPeaks.DutPeaks[1][0], kD);
+  EXPECT_EQ(s.BinnedPeaks.status.BinningMarks, kFault0);
+}
+
+TEST(SensorBinning, BinsFollowSensorsThatMoveLessThanTheWidth) {
+  LearnedServer l;
+  CVr480Server& s = *l.S;
+  l.BinAndFeed({kA + 150, kB + 150, kC + 150});
+  EXPECT_EQ(s.SensorBinPositions[0][0], kA + 150);
+  auto out = l.BinAndFeed({kA + 300, kB + 300, kC + 300});  // 300 from where it was learned
+  EXPECT_EQ(out.status.BinningMarks, 0);
+  EXPECT_EQ(out.DutPeaks[0][1], kB + 300);
+
+  // A jump of exactly the width is too far.
+  out = l.BinAndFeed({kA + 300, kB + 500, kC + 300});
+  EXPECT_EQ(out.DutPeaks[0][1], 0u);
+  EXPECT_EQ(out.status.BinningMarks, kFault0);
+  EXPECT_EQ(s.SensorBinPositions[0][1], kB + 300);  // the empty bin stays where it was
+
+  // Two peaks close to one bin: the first takes it, the second can only go to a later bin.
+  s.SensorBinWidth = 3000;
+  out = l.BinAndFeed({kA + 100, kA + 200, kC});
+  EXPECT_EQ(out.DutPeaks[0][0], kA + 100);
+  EXPECT_EQ(out.DutPeaks[0][1], kA + 200);  // within 3000 of B's bin
+  EXPECT_EQ(out.DutPeaks[0][2], kC);
+}
+
+TEST(SensorBinning, ChannelWithoutBinsReportsNoSensors) {
+  LearnedServer l;
+  CVr480Server& s = *l.S;
+  auto raw = MakeSweep();
+  AddSensor(raw, 0, kA);
+  AddSensor(raw, 0, kB);
+  AddSensor(raw, 0, kC);
+  AddSensor(raw, 1, kD);
+  AddSensor(raw, 3, ToothCount(60));  // channel 3 learned nothing
+  struct_dma_peaks_data out;
+  s.BinAcquiredData(raw, out);
+  EXPECT_EQ(out.status.NumPeaks[5], 0);
+  EXPECT_EQ(out.status.BinningMarks, 0x0800);
+  EXPECT_EQ(s.LastBinFaultCnt[3], 1);
+  Feed(s, out);
+  EXPECT_EQ(LastRecord(s).Kept(3), 0);
+  EXPECT_EQ(LastRecord(s).Sensors(), 4u);
+}
+
+TEST(SensorBinning, SwitchingOffWaitsForTheAcquisitionThread) {
+  LearnedServer l;
+  CVr480Server& s = *l.S;
+  std::atomic<bool> done{false};
+  std::thread command([&] {
+    s.StartSensorTracking(false);
+    done = true;
+  });
+  // The acquisition loop keeps publishing while the command waits.
+  auto r = MakeSweep();
+  AddSensor(r, 0, kA);
+  int records = 0;
+  while (!done) {
+    Feed(s, r);
+    ++records;
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+  }
+  command.join();
+  EXPECT_FALSE(s.bEnableSensorBins);
+  EXPECT_GE(records, 2);
+  // Switching off while off is a no-op that returns at once.
+  EXPECT_EQ(s.StartSensorTracking(false), 0);
+}
