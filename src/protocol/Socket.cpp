@@ -1,0 +1,553 @@
+#include "protocol/Socket.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <system_error>
+
+#include "host/Host.h"
+
+namespace {
+
+bool ValidClient(uint16_t client) { return client < CSocket::kMaxClients; }
+
+void SleepUs(uint32_t us) {
+  if (us > 0) ::usleep(us);
+}
+
+}  // namespace
+
+CSocket::CClientConnection::~CClientConnection() {
+  if (Fd >= 0) ::close(Fd);
+}
+
+CSocket::CSocket() {
+  for (int i = 0; i < kMaxClients; ++i) {
+    ClientAddressLength[i] = sizeof(sockaddr_in);
+    WriteRecoveryAttempts[i] = kDefaultWriteRecoveryAttempts;
+    WriteRecoveryDelayUs[i] = kDefaultWriteRecoveryDelayUs;
+  }
+  ServerAddress.sin_family = AF_INET;
+  ServerAddress.sin_addr.s_addr = htonl(INADDR_ANY);
+  FileXferBuffer.reset(new (std::nothrow) uint8_t[kFileXferBufferSize]);
+  bFileXferBufferAllocated = FileXferBuffer != nullptr;
+  if (!bFileXferBufferAllocated) {
+    std::printf("CSocket allocation error on FileXferBuffer[].\n");
+    std::printf("Could not allocate the FileXferBuffers.\n");
+    std::fflush(stdout);
+  }
+}
+
+// Clients are closed (with their callbacks) before the accept thread is joined, as the session
+// layer expects; the stop flag is raised first so that no client is accepted meanwhile.
+CSocket::~CSocket() {
+  {
+    std::lock_guard<std::mutex> g(TableLock);
+    bStopping = true;
+  }
+  if (StopEvent >= 0) {
+    uint64_t one = 1;
+    (void)!::write(StopEvent, &one, sizeof one);
+  }
+  for (uint16_t c = 0; c < kMaxClients; ++c) {
+    bool occupied;
+    {
+      std::lock_guard<std::mutex> g(TableLock);
+      occupied = bClientConnected[c];
+    }
+    if (occupied) close_client(c);
+  }
+  if (bFileXferBufferAllocated) {
+    std::printf("CSocket: Freeing the file Xfer buffers...\n");
+    FileXferBuffer.reset();
+    bFileXferBufferAllocated = false;
+  }
+  std::printf("Canceling cs_thread...");
+  std::fflush(stdout);
+  std::printf(Stop() ? "thread canceled.\n" : "~CSocket() Thread cancelation failed.\n");
+  std::fflush(stdout);
+}
+
+int CSocket::SetListenAddress(const std::string& addr) {
+  in_addr a{};
+  if (::inet_pton(AF_INET, addr.c_str(), &a) != 1) return -1;
+  ServerAddress.sin_addr = a;
+  return 0;
+}
+
+// ---- Start and stop -----------------------------------------------------------------------
+
+int CSocket::init(int port) {
+  if (port < 1 || port > 9999) {
+    std::printf("socket #%d out of range.\n", port);
+    std::fflush(stdout);
+    return -1;
+  }
+  if (cs_thread.joinable() || ServerSocket >= 0) {
+    std::printf("CSocket::init() already listening on port %d.\n", Port);
+    std::fflush(stdout);
+    return -1;
+  }
+  Port = port;
+  {
+    std::lock_guard<std::mutex> g(TableLock);
+    bStopping = false;  // a server stopped earlier may listen again
+  }
+  bAcceptThreadEnded = false;
+  // Non-blocking so that a connection reset between poll and accept cannot stall the accept
+  // thread; close-on-exec so that no command the server runs inherits the listener.
+  ServerSocket = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (ServerSocket < 0) {
+    int err = errno;
+    std::printf("could not create the server socket.  Error #%d\n", err);
+    PrintSystemError("CSocket::init() error", err);
+    return -1;
+  }
+  ServerAddress.sin_family = AF_INET;
+  ServerAddress.sin_port = htons(static_cast<uint16_t>(port));
+  ServerAddressLength = sizeof(sockaddr_in);
+
+  // No SO_REUSEADDR: a second server on the same port must fail to start, not share it.
+  int result = ::bind(ServerSocket, reinterpret_cast<sockaddr*>(&ServerAddress), ServerAddressLength);
+  if (result != 0) {
+    int err = errno;
+    std::printf("failed to bind server socket to file descriptor.  Error #%d\n", err);
+    PrintSystemError("CSocket::init() error", err);
+    ::close(ServerSocket);
+    ServerSocket = -1;
+    return result;
+  }
+  // Inherited by every accepted socket: short replies must leave at once, not wait for more.
+  int on = 1;
+  if (::setsockopt(ServerSocket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0) {
+    int err = errno;
+    std::printf("could not set the TCP_NODELAY option for the server socket.\n");
+    PrintSystemError("CSocket::init() error", err);
+  }
+  result = ::listen(ServerSocket, kListenBacklog);
+  if (result != 0) {
+    std::printf("failed to create a queue for the server socket.  Error #%d\n", errno);
+    std::fflush(stdout);
+    ::close(ServerSocket);
+    ServerSocket = -1;
+    return result;
+  }
+
+  StopEvent = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  int code = StopEvent < 0 ? errno : 0;
+  if (code == 0) {
+    try {
+      cs_thread = std::thread(&CSocket::CSocketConnectThread, this);
+    } catch (const std::system_error& e) {
+      code = e.code().value();
+    }
+  }
+  if (code != 0) {
+    std::printf("CSocket thread creation failed with error code %d\n", code);
+    std::fflush(stdout);
+    if (StopEvent >= 0) ::close(StopEvent);
+    StopEvent = -1;
+    ::close(ServerSocket);  // a listener nobody accepts on would leave clients hanging
+    ServerSocket = -1;
+    return code;
+  }
+
+  // Writes to a vanished peer must fail with an error, not end the process. Every write also
+  // passes MSG_NOSIGNAL; this covers any other code that writes to a socket.
+  ::signal(SIGPIPE, SIG_IGN);
+  std::fflush(stdout);
+  return 0;
+}
+
+bool CSocket::Stop() {
+  {
+    std::lock_guard<std::mutex> g(TableLock);
+    bStopping = true;
+  }
+  if (!cs_thread.joinable()) return bAcceptThreadEnded;
+  uint64_t one = 1;
+  (void)!::write(StopEvent, &one, sizeof one);
+  cs_thread.join();
+  bAcceptThreadEnded = true;
+  // Closed here rather than left to process exit, so that the port can be bound again.
+  ::close(ServerSocket);
+  ServerSocket = -1;
+  ::close(StopEvent);
+  StopEvent = -1;
+  return true;
+}
+
+// Sleeps up to timeoutMs; true when a stop was requested.
+bool CSocket::WaitForStop(int timeoutMs) {
+  pollfd p{StopEvent, POLLIN, 0};
+  int r = ::poll(&p, 1, timeoutMs);
+  return r > 0;
+}
+
+// ---- Accept thread ------------------------------------------------------------------------
+
+void CSocket::PinToCpu0IfBoardMarker() {
+  struct stat st {};
+  if (::stat(Host().Path("/vr480.9361.id").c_str(), &st) != 0) return;
+  long tid = ::syscall(SYS_gettid);
+  std::printf("Setting Socket thread [PID: %ld] CPU affinity to CPU %d\n", tid, 0);
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  CPU_SET(0, &set);
+  int err = pthread_setaffinity_np(pthread_self(), sizeof set, &set);
+  if (err != 0) PrintSystemError("pthread_setaffinity_np() failed.", err);
+  std::fflush(stdout);
+}
+
+void CSocket::CSocketConnectThread() {
+  PinToCpu0IfBoardMarker();
+  std::printf("Entering thread loop...\n");
+  std::fflush(stdout);
+  for (;;) {
+    short slot = find_free_client_connection_point();
+    if (slot < 0) {
+      // All slots taken: further clients wait in the listen queue until one frees.
+      if (WaitForStop(5000)) return;
+      continue;
+    }
+    pollfd p[2] = {{ServerSocket, POLLIN, 0}, {StopEvent, POLLIN, 0}};
+    int r = ::poll(p, 2, -1);
+    if (r < 0) {
+      if (errno == EINTR) continue;
+      PrintSystemError("CSocketConnectThread() error", errno);
+      if (WaitForStop(1000)) return;
+      continue;
+    }
+    if (p[1].revents != 0) return;
+    if (p[0].revents != 0 && !AcceptInto(slot)) return;
+  }
+}
+
+// Accepts one waiting connection into `slot`. A failed accept leaves the slot free. False when
+// a stop was requested meanwhile.
+bool CSocket::AcceptInto(short slot) {
+  sockaddr_in peer{};
+  socklen_t peerLength = sizeof peer;
+  int fd = ::accept4(ServerSocket, reinterpret_cast<sockaddr*>(&peer), &peerLength, SOCK_NONBLOCK | SOCK_CLOEXEC);
+  if (fd < 0) {
+    int err = errno;
+    // The peer gave up before we got to it, or another wake-up took it: nothing to do.
+    if (err == EAGAIN || err == EWOULDBLOCK || err == EINTR || err == ECONNABORTED || err == EPROTO) return true;
+    // Out of descriptors or memory: the connection stays queued; wait instead of spinning.
+    std::printf("accept failed for client socket %d.\n", slot);
+    PrintSystemError("CSocketConnectThread() error", err);
+    return !WaitForStop(1000);
+  }
+
+  int on = 1;
+  if (::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0) {
+    int err = errno;
+    std::printf("could not set the TCP_NODELAY option for client socket %d.\n", slot);
+    PrintSystemError("CSocketConnectThread() error", err);
+  }
+  // Keep-alive timing is set system-wide at network start-up; it ends sessions of vanished peers.
+  if (::setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on) != 0) {
+    int err = errno;
+    std::printf("could not set the SO_KEEPALIVE option for client socket %d.\n", slot);
+    PrintSystemError("CSocketConnectThread() error", err);
+  }
+
+  ClientCallback connected;
+  {
+    std::lock_guard<std::mutex> g(TableLock);
+    if (bStopping) {
+      ::close(fd);
+      return false;
+    }
+    ClientSocket[slot] = std::make_shared<CClientConnection>(fd);
+    ClientAddress[slot] = peer;
+    ClientAddressLength[slot] = peerLength;
+    ++NumClients;
+    bClientConnected[slot] = true;
+    if (bConnectCallbackSet) connected = ConnectCallback;
+  }
+  if (connected) connected(static_cast<uint16_t>(slot));
+  std::printf("Connected client #%d (%s)\n", slot, FormatAddress(peer).c_str());
+  PrintClientCount(GetNumClients());
+  return true;
+}
+
+short CSocket::find_free_client_connection_point() {
+  int numClients;
+  {
+    std::lock_guard<std::mutex> g(TableLock);
+    if (NumClients >= kMaxClients) return -1;
+    for (short c = 0; c < kMaxClients; ++c)
+      if (!bClientConnected[c]) return c;
+    numClients = NumClients;
+  }
+  std::printf("CSocket error:  find_free_client_connection_point()\n");
+  std::printf("No free client connection point was found.  However, NumClients reports\n");
+  std::printf("that only %d out of a possible %d are connected.\n", numClients, kMaxClients);
+  std::fflush(stdout);
+  return -1;
+}
+
+// ---- Callbacks and queries ----------------------------------------------------------------
+
+int CSocket::SetClientConnectCallbackFunction(ClientCallback fn) {
+  std::lock_guard<std::mutex> g(TableLock);
+  ConnectCallback = std::move(fn);
+  bConnectCallbackSet = true;
+  return 0;
+}
+
+int CSocket::SetClientPreDisconnectCallbackFunction(ClientCallback fn) {
+  std::lock_guard<std::mutex> g(TableLock);
+  PreDisconnectCallback = std::move(fn);
+  bPreDisconnectCallbackSet = true;
+  return 0;
+}
+
+int CSocket::SetClientDisconnectCallbackFunction(ClientCallback fn) {
+  std::lock_guard<std::mutex> g(TableLock);
+  DisconnectCallback = std::move(fn);
+  bDisconnectCallbackSet = true;
+  return 0;
+}
+
+int CSocket::UnSetClientConnectCallbackFunction() {
+  std::lock_guard<std::mutex> g(TableLock);
+  bConnectCallbackSet = false;
+  return 0;
+}
+
+int CSocket::UnSetClientPreDisconnectCallbackFunction() {
+  std::lock_guard<std::mutex> g(TableLock);
+  bPreDisconnectCallbackSet = false;
+  return 0;
+}
+
+int CSocket::UnSetClientDisconnectCallbackFunction() {
+  std::lock_guard<std::mutex> g(TableLock);
+  bDisconnectCallbackSet = false;
+  return 0;
+}
+
+int CSocket::GetNumClients() const {
+  std::lock_guard<std::mutex> g(TableLock);
+  return NumClients;
+}
+
+const char* CSocket::GetClientAddress(uint16_t client) {
+  thread_local char text[16];
+  std::string s = "0.0.0.0";
+  if (ValidClient(client)) {
+    std::lock_guard<std::mutex> g(TableLock);
+    if (bClientConnected[client]) s = FormatAddress(ClientAddress[client]);
+  }
+  std::snprintf(text, sizeof text, "%s", s.c_str());
+  return text;
+}
+
+std::string CSocket::FormatAddress(const sockaddr_in& addr) {
+  const auto* b = reinterpret_cast<const unsigned char*>(&addr.sin_addr.s_addr);
+  char text[16];
+  std::snprintf(text, sizeof text, "%d.%d.%d.%d", b[0], b[1], b[2], b[3]);
+  return text;
+}
+
+CSocket::ConnectionPtr CSocket::Lease(uint16_t client) const {
+  if (!ValidClient(client)) return nullptr;
+  std::lock_guard<std::mutex> g(TableLock);
+  return bClientConnected[client] ? ClientSocket[client] : nullptr;
+}
+
+// ---- Reading ------------------------------------------------------------------------------
+
+int CSocket::ReadCmd(uint16_t client, char* buf, int size) {
+  if (buf && size > 0) buf[0] = '\0';
+  ConnectionPtr conn = Lease(client);
+  if (!conn) return -1;
+  std::string& line = conn->CmdBuffer;
+  for (;;) {
+    char ch;
+    ssize_t n = ::recv(conn->Fd, &ch, 1, 0);
+    if (n == 1) {
+      if (ch == '\n') break;
+      // An over-long line is cut: the byte that finds the buffer full is dropped and ends it.
+      if (line.size() >= static_cast<size_t>(kMaxCmdLength)) break;
+      line.push_back(ch);
+      continue;
+    }
+    if (n == 0) {
+      CloseSlot(client, conn.get());
+      return -1;
+    }
+    int err = errno;
+    if (err == EINTR) continue;
+    if (err == EAGAIN || err == EWOULDBLOCK) return -1;  // the partial line waits for more bytes
+    std::printf("read error in CSocket[%d]::ReadCmd: err = %d\n", client, err);
+    std::fflush(stdout);
+    CloseSlot(client, conn.get());
+    return -1;
+  }
+  if (buf && size > 0) {
+    size_t n = std::min(line.size(), static_cast<size_t>(size - 1));
+    std::memcpy(buf, line.data(), n);
+    buf[n] = '\0';
+  }
+  line.clear();
+  return 0;
+}
+
+int CSocket::ReadData(uint16_t client, char* buf, int len) {
+  ConnectionPtr conn = Lease(client);
+  if (!conn) return -1;
+  return static_cast<int>(::recv(conn->Fd, buf, static_cast<size_t>(std::max(len, 0)), 0));
+}
+
+int CSocket::WaitReadable(uint16_t client, int timeoutMs) {
+  ConnectionPtr conn = Lease(client);
+  if (!conn) return -1;
+  pollfd p{conn->Fd, POLLIN, 0};
+  int r = ::poll(&p, 1, timeoutMs);
+  if (r < 0) return errno == EINTR ? 0 : -1;
+  return r > 0 ? 1 : 0;
+}
+
+// ---- Writing ------------------------------------------------------------------------------
+
+int CSocket::WriteData(uint16_t client, const char* data, int len) {
+  ConnectionPtr conn = Lease(client);
+  if (!conn) return -1;
+  const uint32_t budget = WriteRecoveryAttempts[client];
+  const uint32_t delayUs = WriteRecoveryDelayUs[client];
+  int remaining = std::max(len, 0);
+  int written = 0;
+  uint32_t used = 0;
+  // The budget counts only full-buffer retries, per call: partial writes go on for free.
+  while (remaining > 0 && used < budget) {
+    ssize_t n = ::send(conn->Fd, data + written, static_cast<size_t>(remaining), MSG_NOSIGNAL);
+    if (n > 0) {
+      written += static_cast<int>(n);
+      remaining -= static_cast<int>(n);
+      continue;
+    }
+    int err = n < 0 ? errno : EAGAIN;
+    if (err == EINTR) continue;
+    if (err == EAGAIN || err == EWOULDBLOCK) {
+      ++used;
+      SleepUs(delayUs);
+      continue;
+    }
+    std::printf("closing client on error #%d\n", err);
+    std::printf("CSocket::WriteData() Broken Pipe\n");
+    std::fflush(stdout);
+    CloseSlot(client, conn.get());
+    return err;
+  }
+  if (remaining == 0) return 0;
+  // The client stays connected; the rest of this reply is lost.
+  std::printf("Write failed. (%d of %d bytes written after %u attempts (%u us/attempt).\n", written, len, used, delayUs);
+  std::fflush(stdout);
+  return written;
+}
+
+int CSocket::WriteData(uint16_t client, const std::string& data, int len) {
+  return WriteData(client, data.data(), std::min(len, static_cast<int>(data.size())));
+}
+
+int CSocket::SetWriteRecoveryOptions(uint16_t client, uint32_t attempts, uint32_t delayUs) {
+  if (!ValidClient(client)) return -1;
+  WriteRecoveryAttempts[client] = attempts == 0 ? 1 : attempts;  // every write gets at least one try
+  WriteRecoveryDelayUs[client] = delayUs;
+  return 0;
+}
+
+int CSocket::GetWriteRecoveryOptions(uint16_t client, uint32_t* attempts, uint32_t* delayUs) {
+  if (!ValidClient(client)) return -1;
+  if (attempts) *attempts = WriteRecoveryAttempts[client];
+  if (delayUs) *delayUs = WriteRecoveryDelayUs[client];
+  return 0;
+}
+
+int64_t CSocket::TransferFile(uint16_t client, const char* path) { return -1; }
+
+// ---- Closing ------------------------------------------------------------------------------
+
+int CSocket::close_client(uint16_t client) {
+  if (!ValidClient(client)) {
+    std::printf("Client %d not connected.\n", client);
+    std::fflush(stdout);
+    return -1;
+  }
+  return CloseSlot(client, nullptr);
+}
+
+// Closes `client`. With `expected` set (a reader or writer that found its own connection dead),
+// only that connection is closed: if another thread closed it already, or the slot meanwhile
+// holds a newer client, nothing happens.
+int CSocket::CloseSlot(uint16_t client, const CClientConnection* expected) {
+  bool mine = false;
+  ClientCallback preDisconnect;
+  {
+    std::lock_guard<std::mutex> g(TableLock);
+    bool holds = bClientConnected[client] && !bClientClosing[client] &&
+                 (!expected || ClientSocket[client].get() == expected);
+    if (expected && !holds) return -1;
+    if (holds) {
+      // Keeps the slot occupied, so not re-accepted, while the session is told to stop.
+      bClientClosing[client] = true;
+      mine = true;
+    }
+    if (bPreDisconnectCallbackSet) preDisconnect = PreDisconnectCallback;
+  }
+  if (preDisconnect) preDisconnect(client);
+  if (!mine) {
+    std::printf("Client %d not connected.\n", client);
+    std::fflush(stdout);
+    return -1;
+  }
+
+  std::printf("Closing connection on client %d\n", client);
+  ConnectionPtr conn;
+  int numClients;
+  ClientCallback disconnected;
+  {
+    std::lock_guard<std::mutex> g(TableLock);
+    conn = std::move(ClientSocket[client]);
+    bClientConnected[client] = false;
+    bClientClosing[client] = false;
+    --NumClients;
+    numClients = NumClients;
+    if (bDisconnectCallbackSet) disconnected = DisconnectCallback;
+  }
+  // The peer sees the close now and a reader in WaitReadable wakes; the descriptor itself goes
+  // when the last call still using it returns.
+  ::shutdown(conn->Fd, SHUT_RDWR);
+  conn.reset();
+  PrintClientCount(numClients);
+  if (disconnected) disconnected(client);
+  return 0;
+}
+
+void CSocket::PrintClientCount(int numClients) {
+  std::printf("%d%s", numClients, numClients == 1 ? " client connected\n" : " clients connected\n");
+  std::fflush(stdout);
+}
+
+// Standard output, in the layout of perror: the console is the one place diagnostics go.
+void CSocket::PrintSystemError(const char* prefix, int err) {
+  std::printf("%s: %s\n", prefix, std::strerror(err));
+  std::fflush(stdout);
+}
