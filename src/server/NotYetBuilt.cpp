@@ -9,13 +9,6 @@
 
 #include "server/Vr480Server.h"
 
-int CVr480Server::ProcessCmd(const std::string& line, int client) {
-  ResponseText[ClientRow(client)][0] = '\0';
-  return 0;
-}
-
-void CVr480Server::ReplayTags() {}
-void CVr480Server::StartTcpServer() {}
 void CVr480Server::LoadSettingsDataFiles() {}
 void CVr480Server::BuildTimeOfFlightLUT() {}
 
@@ -26,6 +19,10 @@ void CVr480Server::BuildSpectrum() {}
 int CVr480Server::CalibrateFsOffset() { return 0; }
 int CVr480Server::DistMeas_GeneratePlot() { return 0; }
 int CVr480Server::MeasureSensorDistances() { return 0; }
+
+// The in-use mark of a ring slot arrives with the data commands; until then a client's record
+// reply only forgets which slot it used.
+void CVr480Server::ReleaseClientRecord(uint16_t client) { ClientRecordInUse[client] = -1; }
 
 // The calibration thread waits for completed raw spectra. Until spectra are built it only
 // waits, waking once a second to notice the stop.

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iostream>
 #include <thread>
+#include <vector>
 
 #include "host/Host.h"
 #include "server/Globals.h"
@@ -201,4 +202,16 @@ void CVr480Server::WriteIdentificationSuffix() {
   std::memcpy(previous, IdnText, sizeof IdnText);
   std::snprintf(IdnText, 60, "%s%s-%d-%d-%d ", previous, kServerRelease, Driver.GetDriverVersion(),
                 pPeaks ? pPeaks->status.fw_version : 0, CfcVersion);
+}
+
+// Replays the persisted settings through the command interpreter as the internal client.
+// Each tag records itself again as it runs, so the list is copied before the replay.
+void CVr480Server::ReplayTags() {
+  TagManager.LoadTags(Host().Path(std::string("/vr480/") + kSettingsName));
+  std::vector<std::string> tags;
+  for (uint16_t i = 0; i < TagManager.GetNumTags(); ++i) tags.push_back(TagManager.GetTag(i));
+  for (const std::string& tag : tags) {
+    std::printf("CMD: %s\n", tag.c_str());
+    ExecuteInternal(tag);
+  }
 }

@@ -83,10 +83,17 @@ class CVr480Server {
 
   // ---- Commands -----------------------------------------------------------------------
   // Runs one command line for a caller (0-9 a client, 10 the server itself) and returns the
-  // reply-mode code; the reply text is left in ResponseText[ClientRow(client)].
-  int ProcessCmd(const std::string& line, int client);
+  // reply-mode code; *reply and *length give the reply body (the caller's ResponseText for
+  // text replies). Commands of different clients run at the same time.
+  int ProcessCmd(short client, const char* line, char** reply, unsigned int* length);
   // Runs a command line as the internal client, discarding the reply.
-  void ExecuteInternal(const std::string& line) { ProcessCmd(line, kInternalClient); }
+  void ExecuteInternal(const std::string& line);
+  // 0 when the argument text has min to max columns, -1 when not, -2 when min > max.
+  int CheckNumArgs(const std::string& args, uint16_t min, uint16_t max);
+  // Runs one command for a client and sends its reply in the frame its code asks for.
+  int ServiceSocket(uint16_t client, const char* command);
+  // Releases the ring slot a client's record reply had marked in use.
+  void ReleaseClientRecord(uint16_t client);
 
   // ---- Platform and owned objects ---------------------------------------------------------
   bool bPcm9361Board;              // the processor-board marker "/vr480.9361.id" existed at construction; constructor
@@ -257,6 +264,7 @@ class CVr480Server {
   uint32_t CmdLogHead = 0;                            // next ring entry; dispatcher
   uint32_t CmdLogCount = 0;                           // repeat count of the previous line; dispatcher
   std::string LastCmdLine, CurrentCmdLine;            // command history working lines; dispatcher
+  std::mutex CmdLogLock;                              // guards the command history while it is recorded
   Relaxed<double> SoaOnWvl = 0.0, SoaOffWvl = 0.0;    // SOA window, nm; handlers
   Relaxed<int32_t> SyncCtrlMode = 0;                  // #SET_SYNC_CTRL_MODE; handlers
   Relaxed<uint32_t> SyncHiCount = 0, SyncLoCount = 65536;  // sync output edges, counts; handlers
@@ -334,6 +342,7 @@ class CVr480Server {
   int MeasureSensorDistances();
 
   void AllocateTables();
+  void RecordCommandHistory(const std::string& command, const std::string& argText);
 
   static void* CalibrateSpectrumThread(void* server);
   std::atomic<bool> bFsCalCancel{false};  // asks the calibration thread to end; stop path

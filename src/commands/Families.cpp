@@ -1,0 +1,6 @@
+#include "commands/Families.h"
+
+void RegisterAllCommandFamilies(CCommandTable& table) {
+  RegisterGeneralCommands(table);
+  RegisterSessionCommands(table);
+}

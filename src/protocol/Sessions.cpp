@@ -1,0 +1,151 @@
+// Client sessions: what the server keeps for one connected client between its connect and its
+// disconnect, the service thread that reads its command lines and answers them, and the reply
+// frame every reply travels in: ten zero-padded decimal digits giving the body length, then the
+// body. The digits are written in place into the spare bytes every reply buffer keeps in front
+// of its body, so that frame and body leave in one write.
+#include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "protocol/CommandTable.h"
+#include "server/Globals.h"
+#include "server/Options.h"
+#include "server/Vr480Server.h"
+
+namespace {
+
+constexpr const char kMoreToken[] = "XXXXXXXX";  // another streamed record follows
+constexpr const char kEndToken[] = "ZZZZZZZZ";   // the stream has ended
+constexpr unsigned kTokenBytes = 8;
+constexpr int kMaxCommandLine = 256;
+
+// Writes the frame digits into the 10 bytes before `body` and sends frame and body together.
+// The formatter's terminating zero lands on the body's first byte, which is saved and restored.
+void SendFramedInPlace(CVr480Server& s, uint16_t client, char* body, unsigned length, unsigned declared) {
+  char* frame = body - 10;
+  const char first = body[0];
+  std::snprintf(frame, 11, "%10.10lu", static_cast<unsigned long>(declared));
+  body[0] = first;
+  s.Socket.WriteData(client, frame, static_cast<int>(length + 10));
+}
+
+void PinClientThread() {
+  long tid = ::syscall(SYS_gettid);
+  std::printf("Setting Client Service thread [PID: %ld] CPU affinity to CPU %d\n", tid, 0);
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  CPU_SET(0, &set);
+  if (pthread_setaffinity_np(pthread_self(), sizeof set, &set) != 0) perror("pthread_setaffinity_np() failed.");
+}
+
+struct SServiceArgs {
+  CVr480Server* Server;
+  uint16_t Client;
+};
+
+void* ClientServiceThread(void* raw) {
+  SServiceArgs args = *static_cast<SServiceArgs*>(raw);
+  delete static_cast<SServiceArgs*>(raw);
+  CVr480Server& s = *args.Server;
+  const uint16_t client = args.Client;
+  if (s.bPcm9361Board) PinClientThread();
+
+  char line[kMaxCommandLine + 1];
+  while (!s.bClientDisconnect[client]) {
+    s.Socket.ReadCmd(client, line, sizeof line);  // room for a whole 256-character line
+    if (!s.bStreaming[client]) {
+      if (line[0] != '\0') s.ServiceSocket(client, line);
+      else s.Socket.WaitReadable(client, 20);  // wakes at once when input arrives
+      continue;
+    }
+    // Streaming: one record per pass, paced by the instrument; a pending command is served
+    // after each record; then the token that tells the client what follows.
+    s.ServiceSocket(client, "#GET_DATA");
+    if (line[0] != '\0') s.ServiceSocket(client, line);
+    const bool still = s.bStreaming[client];
+    if (s.bUseStreamTokens[client]) {
+      s.Socket.WriteData(client, still ? kMoreToken : kEndToken, kTokenBytes);
+    } else if (!still) {
+      char frame[10 + kTokenBytes + 1];
+      std::snprintf(frame, sizeof frame, "%10.10lu%s", static_cast<unsigned long>(kTokenBytes), kEndToken);
+      s.Socket.WriteData(client, frame, 10 + kTokenBytes);
+    }
+  }
+  return nullptr;
+}
+
+void ClientConnectCallback(uint16_t client) {
+  CVr480Server& s = Vr480Server;
+  const uint16_t write = s.ProcessedWriteIndex;
+  s.ProcessedReadIndex[client] = write == 0 ? kProcessedRingSlots - 1 : write - 1;
+  const uint16_t spectrum = s.SpectrumWriteIndex;
+  s.SpectrumReadIndex[client] = spectrum == 0 ? kSpectrumRingSlots - 1 : spectrum - 1;
+  s.Driver.SetClientLed(true);
+  s.bClientDisconnect[client] = false;
+  s.bStreaming[client] = false;
+  s.bUseStreamTokens[client] = true;
+  s.bBufferEnable[client] = true;
+  s.DataInterleave[client] = 1;
+  s.ClientRecordInUse[client] = -1;
+
+  pthread_attr_t attr;
+  pthread_attr_init(&attr);
+  pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+  auto* args = new SServiceArgs{&s, client};
+  const int err = pthread_create(&s.ClientThread[client], &attr, ClientServiceThread, args);
+  pthread_attr_destroy(&attr);
+  if (err != 0) {
+    delete args;
+    std::printf("Failed to creating a client service thread for client %d...", client);
+    std::printf("Error = %d\n", err);
+    if (err == EAGAIN)
+      std::printf("(EAGAIN): Not enough system resources to create  a  process  for  the  new thread.\n");
+    std::printf("(PTHREAD_THREADS_MAX = %d)\n", 16384);
+  }
+  bUpdateGui = true;
+}
+
+void ClientPreDisconnectCallback(uint16_t client) { Vr480Server.bClientDisconnect[client] = true; }
+
+void ClientDisconnectCallback(uint16_t client) {
+  if (Vr480Server.Socket.GetNumClients() == 0) Vr480Server.Driver.SetClientLed(false);
+  bUpdateGui = true;
+}
+
+}  // namespace
+
+int CVr480Server::ServiceSocket(uint16_t client, const char* command) {
+  char* body = nullptr;
+  unsigned length = 0;
+  const int code = ProcessCmd(static_cast<short>(client), command, &body, &length);
+  const bool streaming = bStreaming[client];
+  if (code == kReplyRecord) {
+    const unsigned declared = length + ((streaming && bUseStreamTokens[client]) ? kTokenBytes : 0);
+    SendFramedInPlace(*this, client, body, length, declared);
+    ReleaseClientRecord(client);
+  } else if (code == kReplyAlways) {
+    SendFramedInPlace(*this, client, body, length, length);
+  } else if (!streaming && code != kReplyNone) {
+    if (code == kReplyConstant) {
+      char digits[11];
+      std::snprintf(digits, sizeof digits, "%10.10lu", static_cast<unsigned long>(length));
+      Socket.WriteData(client, digits, 10);
+      Socket.WriteData(client, body, static_cast<int>(length));
+    } else {
+      SendFramedInPlace(*this, client, body, length, length);
+    }
+  }
+  return 0;
+}
+
+void CVr480Server::StartTcpServer() {
+  if (!ServerOptions.ListenAddress.empty()) Socket.SetListenAddress(ServerOptions.ListenAddress);
+  Socket.init(ServerOptions.Port);
+  Socket.SetClientConnectCallbackFunction(ClientConnectCallback);
+  Socket.SetClientPreDisconnectCallbackFunction(ClientPreDisconnectCallback);
+  Socket.SetClientDisconnectCallbackFunction(ClientDisconnectCallback);
+}

@@ -1,0 +1,126 @@
+// Scene files: sensors, modulation, knobs, errors; and the built-in scene on the card.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "SimTestDriver.h"
+
+using namespace simtest;
+
+TEST(SimScene, ParsesSensorsAndKnobs) {
+  const std::string text =
+      "# a test scene\n"
+      "\n"
+      "1      1530.0   12.5  9000\n"
+      "2.1    1545.2   800   12000  fwhm 0.2  sine 0.05 2   # dot notation: channel 2, layer 1\n"
+      "16     1560     0     5000   dropout 1.5 0.25\n"
+      "1.4    1550     3     7000   step -0.1 4\n"
+      "internal_temp 30\n"
+      "grating_temp 27.5\n"
+      "grating_lag 12\n"
+      "scan_gain 3.6e-4\n"
+      "calibration_error -0.2\n"
+      "fsr 99.5\n"
+      "group_index 1.4682\n"
+      "master_divider 5\n"
+      "channel_length 2 15.5\n"
+      "layer_length 4 100\n"
+      "grating_list 3\n";
+  CSceneParseResult r = ParseScene(text);
+  ASSERT_TRUE(r.bOk) << r.Error;
+  const CSimScene& s = r.Scene;
+  ASSERT_EQ(s.Sensors[0].size(), 1u);
+  EXPECT_DOUBLE_EQ(s.Sensors[0][0].DistanceM, 12.5);
+  ASSERT_EQ(s.Sensors[1].size(), 1u);
+  EXPECT_EQ(s.Sensors[1][0].Modulation, EModulation::Sine);
+  EXPECT_DOUBLE_EQ(s.Sensors[1][0].FwhmNm, 0.2);
+  EXPECT_NEAR(s.Sensors[1][0].WavelengthAt(0.5), 1545.25, 1e-9);
+  ASSERT_EQ(s.Sensors[15].size(), 1u);
+  EXPECT_TRUE(s.Sensors[15][0].PresentAt(1.0));
+  EXPECT_FALSE(s.Sensors[15][0].PresentAt(1.2));
+  ASSERT_EQ(s.Sensors[12].size(), 1u) << "1.4: channel 1 of layer 4";
+  EXPECT_DOUBLE_EQ(s.Sensors[12][0].WavelengthAt(3.0), 1549.9);
+  EXPECT_DOUBLE_EQ(s.Environment.InternalDegC, 30.0);
+  EXPECT_DOUBLE_EQ(s.Environment.InternalDegC + s.Environment.GratingOffsetDegC, 27.5);
+  EXPECT_DOUBLE_EQ(s.Environment.GratingLagS, 12.0);
+  EXPECT_DOUBLE_EQ(s.Optics.ScanGainThzPerLsb, 3.6e-4);
+  EXPECT_DOUBLE_EQ(s.Optics.CalibrationErrorFsr, -0.2);
+  EXPECT_DOUBLE_EQ(s.Optics.CombFsrGhz, 99.5);
+  EXPECT_DOUBLE_EQ(s.Optics.GroupIndex, 1.4682);
+  EXPECT_EQ(s.Environment.MasterDivider, 5);
+  EXPECT_DOUBLE_EQ(s.Environment.ChannelLengthM[1], 15.5);
+  EXPECT_DOUBLE_EQ(s.Environment.LayerLengthM[3], 100.0);
+  EXPECT_EQ(s.Optics.GratingList, 3);
+}
+
+TEST(SimScene, ErrorsNameTheLine) {
+  struct Case {
+    std::string Text;
+    std::string Expect;
+  } cases[] = {
+      {"1 1530 0 9000\n17 1530 0 9000\n", "line 2: bad channel '17'"},
+      {"5.1 1530 0 9000\n", "line 1: bad channel '5.1'"},
+      {"1 abc 0 9000\n", "line 1: expected wavelength in nm, got 'abc'"},
+      {"# only\n1 1530 0\n", "line 2: missing amplitude"},
+      {"1 1530 -4 9000\n", "line 1: distance in m -4 is outside"},
+      {"1 1530 0 9000 wobble 3\n", "line 1: unknown sensor option 'wobble'"},
+      {"1 1530 0 9000 sine 0.1\n", "line 1: missing modulation period in s"},
+      {"\n\nwarp_drive 9\n", "line 3: unknown setting 'warp_drive'"},
+      {"internal_temp\n", "line 1: 'internal_temp' takes 1 value(s), got 0"},
+      {"fsr 1,5\n", "line 1: expected free spectral range in GHz, got '1,5'"},
+      {"grating_list 1\n", "line 1: grating_list must be 0 or 2-5"},
+      {"channel_length 2.5 3\n", "line 1: index must be a whole number 1-4"},
+  };
+  for (const Case& c : cases) {
+    CSceneParseResult r = ParseScene(c.Text);
+    EXPECT_FALSE(r.bOk) << c.Text;
+    EXPECT_EQ(r.Error.rfind(c.Expect, 0), 0u) << "got: " << r.Error;
+  }
+  std::string many;
+  for (int i = 0; i < 251; ++i) many += "3 1550 0 100\n";
+  CSceneParseResult full = ParseScene(many);
+  EXPECT_EQ(full.Error, "line 251: more than 250 sensors on channel 3");
+  EXPECT_TRUE(ParseScene("").bOk);
+}
+
+TEST(SimScene, CardUsesDefaultOrFileScene) {
+  CTestDriver builtIn;
+  builtIn.Start();
+  builtIn.LaserOn();
+  auto& r = builtIn.Advance(3);
+  for (int ch = 0; ch < 4; ++ch) EXPECT_EQ(r.status.NumPeaks[2 + ch], 3) << "three sensors per channel";
+  EXPECT_TRUE(builtIn.Card().Sensors(4).empty()) << "layer 1 is empty";
+
+  const auto path = std::filesystem::temp_directory_path() / ("vr480-scene-" + std::to_string(::getpid()) + ".txt");
+  {
+    std::ofstream f(path);
+    f << "2 1550 0 9000\n2 1551 0 9000\ninternal_temp 28\n";
+  }
+  CSimOptions o = StepOptions();
+  o.SceneFile = path.string();
+  CTestDriver fromFile(o);
+  EXPECT_EQ(fromFile.Card().SceneError(), "");
+  EXPECT_EQ(fromFile.Card().Sensors(1).size(), 2u);
+  EXPECT_TRUE(fromFile.Card().Sensors(0).empty());
+  EXPECT_DOUBLE_EQ(fromFile.Card().InternalTemperature(), 28.0);
+
+  {
+    std::ofstream f(path);
+    f << "2 1550 0 9000\n2 1551 zero 9000\n";
+  }
+  CTestDriver bad(o);
+  EXPECT_NE(bad.Card().SceneError().find("line 2: expected distance in m, got 'zero'"), std::string::npos)
+      << bad.Card().SceneError();
+  EXPECT_EQ(bad.Card().Sensors(0).size(), 3u) << "falls back to the built-in scene";
+  std::string error;
+  EXPECT_FALSE(bad.Card().LoadSceneFile(path.string() + ".missing", &error));
+  EXPECT_NE(error.find("cannot read scene file"), std::string::npos);
+  std::filesystem::remove(path);
+
+  EXPECT_EQ(ParseLogicalChannel("1"), 0);
+  EXPECT_EQ(ParseLogicalChannel("16"), 15);
+  EXPECT_EQ(ParseLogicalChannel("3.2"), 6);
+  EXPECT_EQ(ParseLogicalChannel("0"), std::nullopt);
+  EXPECT_EQ(ParseLogicalChannel("1."), std::nullopt);
+}
