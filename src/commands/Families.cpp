@@ -3,4 +3,8 @@
 void RegisterAllCommandFamilies(CCommandTable& table) {
   RegisterGeneralCommands(table);
   RegisterSessionCommands(table);
+  RegisterAcquisitionCommands(table);
+  RegisterLoopCommands(table);
+  RegisterDataCommands(table);
+  RegisterSettingsCommands(table);
 }

@@ -4,8 +4,12 @@
 
 class CCommandTable;
 
-void RegisterGeneralCommands(CCommandTable& table);
-void RegisterSessionCommands(CCommandTable& table);
+void RegisterGeneralCommands(CCommandTable& table);       // src/commands/GeneralCommands.cpp
+void RegisterSessionCommands(CCommandTable& table);       // src/commands/SessionCommands.cpp
+void RegisterAcquisitionCommands(CCommandTable& table);   // src/commands/AcquisitionCommands.cpp
+void RegisterLoopCommands(CCommandTable& table);          // src/commands/LoopCommands.cpp
+void RegisterDataCommands(CCommandTable& table);          // src/protocol/DataCommands.cpp
+void RegisterSettingsCommands(CCommandTable& table);      // src/commands/SettingsCommands.cpp
 
 // Calls every family's registration, in order.
 void RegisterAllCommandFamilies(CCommandTable& table);

@@ -41,9 +41,16 @@ bool DeviceFileExists(const char* path) {
   return ::stat(path, &st) == 0;
 }
 
+// The simulated card stands in wherever the real device file is absent. Its configuration
+// memory lives under the root, so a workstation instrument keeps its identity across runs.
 void InstallCardSeam(const CServerOptions& options) {
   if (!options.bForceSim && DeviceFileExists("/dev/vr480")) return;  // the real card
-  InstallCard(std::make_shared<sim::CSimCardProvider>());
+  sim::CSimOptions simOptions;
+  if (!Host().IsInstrument()) simOptions.Root = Host().Root();
+  simOptions.SceneFile = options.SceneFile;
+  if (simOptions.SceneFile.empty() && DeviceFileExists(Host().Path("/vr480/sim_scene.txt").c_str()))
+    simOptions.SceneFile = Host().Path("/vr480/sim_scene.txt");
+  InstallCard(std::make_shared<sim::CSimCardProvider>(simOptions));
 }
 
 void PinMainThread() {
