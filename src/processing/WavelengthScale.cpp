@@ -68,7 +68,7 @@ double CVr480Server::thermistor_Vth2degC(int16_t vth) const {
 // reading so that the pipeline pays one lookup per record. Reading -32768 has no resistance
 // in the divider model and 32767 lies outside the loop, so both ends hold the reference
 // frequency.
-void CVr480Server::build_FBG_Vth2Thz_LUT() {
+int CVr480Server::build_FBG_Vth2Thz_LUT() {
   const int16_t refVth = static_cast<int16_t>(FbgRefVth.load());
   const double refDegC = thermistor_Vth2degC(refVth);
   const double nmPerDegC = FbgNmPerDegC, refNm = FbgRefWvlNm, c = SpeedOfLight;
@@ -79,6 +79,7 @@ void CVr480Server::build_FBG_Vth2Thz_LUT() {
   const double refThz = c * 0.001 / refNm;  // what the loop gives at the reference reading
   Vth2Thz[0] = refThz;
   Vth2Thz[kThermistorReadings - 1] = refThz;
+  return 0;
 }
 
 double CVr480Server::GetFBG_Thz() const {
