@@ -300,7 +300,19 @@ class CVr480Server {
   std::string GetStatusText() const;
 
   // Binning slew limit (counts per record); the constructor sets 200.
-  void SetMaxSensorSlewRate(int32_t counts) { SensorBinWidth = counts; }
+  // A width below one count is refused (-1) and the default 200 is kept in force.
+  int SetMaxSensorSlewRate(int32_t counts) {
+    if (counts < 1) {
+      SensorBinWidth = 200;
+      return -1;
+    }
+    SensorBinWidth = counts;
+    return 0;
+  }
+
+  // The wavelength scale's table and conversions, also used by command handlers.
+  int build_FBG_Vth2Thz_LUT();
+  double Wvl2Counts(double wvlNm);
 
  private:
   // Start-up stages, in the order Init runs them.
@@ -310,7 +322,6 @@ class CVr480Server {
   void InitAveragingStore();
   void ReplayTags();
   void StartTcpServer();
-  void build_FBG_Vth2Thz_LUT();
   bool StartCalibrationThread();
   bool StopCalibrationThread();
   void LoadDataFiles();
@@ -337,7 +348,6 @@ class CVr480Server {
   int AutoScanAmp();
   void BuildSpectrum();
   int CalibrateFsOffset();
-  double Wvl2Counts(double wvlNm);
   int DistMeas_GeneratePlot();
   int MeasureSensorDistances();
 
