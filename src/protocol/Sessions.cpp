@@ -78,8 +78,7 @@ void* ClientServiceThread(void* raw) {
   return nullptr;
 }
 
-void ClientConnectCallback(uint16_t client) {
-  CVr480Server& s = Vr480Server;
+void ClientConnectCallback(CVr480Server& s, uint16_t client) {
   const uint16_t write = s.ProcessedWriteIndex;
   s.ProcessedReadIndex[client] = write == 0 ? kProcessedRingSlots - 1 : write - 1;
   const uint16_t spectrum = s.SpectrumWriteIndex;
@@ -109,10 +108,10 @@ void ClientConnectCallback(uint16_t client) {
   bUpdateGui = true;
 }
 
-void ClientPreDisconnectCallback(uint16_t client) { Vr480Server.bClientDisconnect[client] = true; }
+void ClientPreDisconnectCallback(CVr480Server& s, uint16_t client) { s.bClientDisconnect[client] = true; }
 
-void ClientDisconnectCallback(uint16_t client) {
-  if (Vr480Server.Socket.GetNumClients() == 0) Vr480Server.Driver.SetClientLed(false);
+void ClientDisconnectCallback(CVr480Server& s, uint16_t client) {
+  if (s.Socket.GetNumClients() == 0) s.Driver.SetClientLed(false);
   bUpdateGui = true;
 }
 
@@ -145,7 +144,7 @@ int CVr480Server::ServiceSocket(uint16_t client, const char* command) {
 void CVr480Server::StartTcpServer() {
   if (!ServerOptions.ListenAddress.empty()) Socket.SetListenAddress(ServerOptions.ListenAddress);
   Socket.init(ServerOptions.Port);
-  Socket.SetClientConnectCallbackFunction(ClientConnectCallback);
-  Socket.SetClientPreDisconnectCallbackFunction(ClientPreDisconnectCallback);
-  Socket.SetClientDisconnectCallbackFunction(ClientDisconnectCallback);
+  Socket.SetClientConnectCallbackFunction([this](uint16_t c) { ClientConnectCallback(*this, c); });
+  Socket.SetClientPreDisconnectCallbackFunction([this](uint16_t c) { ClientPreDisconnectCallback(*this, c); });
+  Socket.SetClientDisconnectCallbackFunction([this](uint16_t c) { ClientDisconnectCallback(*this, c); });
 }
