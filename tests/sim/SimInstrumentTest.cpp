@@ -237,3 +237,33 @@ TEST(SimInstrument, FullSpectrumSamples) {
   auto& a = d.StepNext();
   for (int i = 0; i < 256; ++i) EXPECT_EQ(a.FsSamples[i] & 0xFFFF, 128u * i + a.status.CurrentLayer);
 }
+
+TEST(SimInstrument, ServerLoopsSettleWithinFiveSeconds) {
+  // The server's bias and scan-amplitude loops, ten times a second, from 10 % off.
+  CTestDriver d;
+  d.Start();
+  double bias = 28000, amp = 40800 * 0.9;
+  d.LaserOn(static_cast<uint16_t>(bias), static_cast<uint16_t>(amp));
+  int settledAt = -1;
+  for (int call = 0; call < 50; ++call) {
+    auto& r = d.Advance(100);
+    CTestScale scale(r);
+    ASSERT_TRUE(scale.bValid) << call;
+    const double e = static_cast<double>(r.status.FbgPosition & 0xFFFFFF) - 32768;
+    if (std::fabs(e) >= 20) bias -= std::trunc(e * 0.1);
+    const int ref = scale.RefIndex;
+    ASSERT_GE(ref, 44);
+    ASSERT_LT(ref + 56, r.status.NumPeaks[1]);
+    const double err = 45875.0 - (static_cast<double>(r.FfpiPeaks[ref + 56]) - r.FfpiPeaks[ref - 44]);
+    if (std::fabs(err) > 20) {
+      amp -= std::clamp(std::trunc(err * 0.1), -5000.0, 5000.0);
+    } else if (std::fabs(e) < 20 && settledAt < 0) {
+      settledAt = call;
+    }
+    d.Command(cmd::kBias, static_cast<uint16_t>(bias));
+    d.Command(cmd::kScanAmp, static_cast<uint16_t>(amp));
+  }
+  EXPECT_GE(settledAt, 0) << "bias " << bias << " scan amplitude " << amp;
+  EXPECT_NEAR(amp, 40800, 400);
+  EXPECT_NEAR(bias, 28650, 500);
+}

@@ -169,6 +169,7 @@ class CTestDriver {
 struct CTestScale {
   bool bValid = false;
   double WvlCorrCoef = 0.0;
+  int RefIndex = 0;  // comb index of the reference tooth
   std::vector<double> ToothThz;
 
   explicit CTestScale(const struct_dma_peaks_data& r, double fsrGhz = 100.0, double refThz = 194.0) {
@@ -187,6 +188,7 @@ struct CTestScale {
     WvlCorrCoef = (fbgThz + (pf - P[k - 1]) * fsr / (P[k] - P[k - 1]) - refThz) / fsr;
     const int m = static_cast<int>(std::nearbyint(WvlCorrCoef));
     const int ref = k + m - 1;
+    RefIndex = ref;
     for (int i = 0; i < n; ++i) ToothThz.push_back(refThz + (ref - i) * fsr);
     Peaks.assign(P, P + n);
     bValid = true;
