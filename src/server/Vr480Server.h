@@ -314,6 +314,14 @@ class CVr480Server {
   int build_FBG_Vth2Thz_LUT();
   double Wvl2Counts(double wvlNm);
 
+  // ---- Settings files ----
+  // SaveSettings writes the tag file and the reference, location, averages and dB tables;
+  // SaveWvlGains the gain wavelength-offset tables. Both write crash-safely inside the remount
+  // bracket of settings/SettingsWrite.h, report failures on the console only and return 0.
+  int SaveSettings();
+  int SaveWvlGains();
+  friend struct SettingsFilesAccess;  // the settings-file tests load the tables as start-up does
+
  private:
   // Start-up stages, in the order Init runs them.
   int16_t OpenCard();

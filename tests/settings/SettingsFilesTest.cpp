@@ -1,0 +1,429 @@
+// The settings data files in process: a server whose host root is a temporary directory saves
+// its tables, a second server loads them back, and the loader's messages are compared byte for
+// byte for present, missing, short and malformed files.
+#include "settings/SettingsFiles.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host/Host.h"
+#include "server/Vr480Server.h"
+#include "settings/SettingsWrite.h"
+#include "support/TempDir.h"
+
+struct SettingsFilesAccess {
+  static void Load(CVr480Server& s) { s.LoadSettingsDataFiles(); }
+};
+
+namespace {
+
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+const std::vector<std::string> kBracket = {"/bin/mount -o,remount /vr480", "/bin/sync",
+                                           "/bin/mount -o,remount,ro /vr480"};
+
+constexpr const char* kAllMissing =
+    "Error opening locations file.\n"
+    "Error opening reference file.\n"
+    "Error opening averages file.\n"
+    "Error opening wvl gain offsets file.\n"
+    "DB2COUNTS_FILE contains 201 entries.\n"
+    "Error opening db2counts file.\n";
+
+constexpr const char* kAllLoaded =
+    "Locations data loaded.\n"
+    "References data loaded.\n"
+    "Averages data loaded.\n"
+    "Wvl gain offsets data loaded.\n"
+    "DB2COUNTS_FILE contains 401 entries.\n"
+    "Db2Counts data loaded.\n";
+
+std::string Lines(int count, const std::function<std::string(int)>& line) {
+  std::string text;
+  for (int i = 0; i < count; ++i) text += line(i) + "\n";
+  return text;
+}
+
+std::string Printf9g(double v) {
+  char buf[40];
+  std::snprintf(buf, sizeof buf, "%.9g", v);
+  return buf;
+}
+
+// Values that differ from every default and from each other, with distances that survive nine
+// significant digits exactly.
+int32_t RefValue(int ch, int s) { return (ch == 3 && s == 7) ? -5 : 1540000000 + ch * 100000 + s * 13; }
+double DistValue(int ch, int s) { return ch * 1000.0 + s * 0.25 + 0.125; }
+uint16_t AvgValue(int ch, int s) { return static_cast<uint16_t>(1 + (ch * 7 + s) % 500); }
+uint16_t DbValue(int t, int i) { return static_cast<uint16_t>(t * 10000 + i * 3 + 1); }
+uint32_t GainValue(int t, int code) { return 0x01000000u * (t + 1) + static_cast<uint32_t>(code) * 7u; }
+
+class SettingsFilesTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    InstallHost(Root.Path());
+    std::filesystem::create_directories(Root / "vr480");
+    std::filesystem::create_directories(Root / "tmp");
+    Server = MakeServer();
+  }
+  void TearDown() override {
+    Server.reset();
+    InstallHost("/");
+  }
+
+  // A server with what start-up gives the loader: an averaging store for one layer.
+  static std::unique_ptr<CVr480Server> MakeServer() {
+    auto s = std::make_unique<CVr480Server>();
+    s->WvlAvg.Init(kOpticalChannels, kSensorsPerChannel, kDefaultAveragingDepth);
+    return s;
+  }
+
+  std::string Load(CVr480Server& s) {
+    CaptureStdout();
+    SettingsFilesAccess::Load(s);
+    return GetCapturedStdout();
+  }
+  std::string Load() { return Load(*Server); }
+
+  std::string Save() {
+    CaptureStdout();
+    EXPECT_EQ(Server->SaveSettings(), 0);
+    return GetCapturedStdout();
+  }
+
+  void Fill(CVr480Server& s) {
+    for (int ch = 0; ch < kLogicalChannels; ++ch)
+      for (int i = 0; i < kSensorsPerChannel; ++i) {
+        s.SensorReferences[ch][i] = RefValue(ch, i);
+        s.SensorDistances[ch][i] = DistValue(ch, i);
+        s.SensorAverages[ch][i] = AvgValue(ch, i);
+      }
+    for (int t = 0; t < kOpticalChannels; ++t) {
+      for (int i = 0; i < kDbTableEntries; ++i) s.Db2Counts[t][i] = DbValue(t, i);
+      for (int code = 0; code < kGainCodes; ++code) s.GainWvlOffset[t][code] = GainValue(t, code);
+    }
+  }
+
+  std::string Dat(const std::string& name) const { return Root / ("vr480/" + name); }
+  std::vector<std::string> CommandLog() const { return CHost(Root.Path()).CommandLog(); }
+
+  CTempDir Root;
+  std::unique_ptr<CVr480Server> Server;
+};
+
+TEST_F(SettingsFilesTest, SaveWritesEveryFileInsideTheBracketAndLoadRestoresTheTables) {
+  Fill(*Server);
+  CaptureStdout();
+  Server->TagManager.ReplaceTag("#SET_DHCP 1");
+  Server->TagManager.ReplaceTag("#SET_IDN_TXT = \"  Lab 7 \"");
+  GetCapturedStdout();
+
+  EXPECT_EQ(Save(), "Setting saved.\n");
+  EXPECT_EQ(CommandLog(), kBracket);
+
+  // Formats, byte for byte.
+  EXPECT_EQ(ReadFile(Dat("vr480.tag")), "#SET_DHCP = \"1\"\n#SET_IDN_TXT = \"  Lab 7 \"\n");
+  EXPECT_EQ(ReadFile(Dat("references.dat")), Lines(4000, [](int i) {
+              return std::to_string(static_cast<uint32_t>(RefValue(i / 250, i % 250)));
+            }));
+  EXPECT_NE(ReadFile(Dat("references.dat")).find("\n4294967291\n"), std::string::npos);
+  EXPECT_EQ(ReadFile(Dat("locations.dat")), Lines(4000, [](int i) { return Printf9g(DistValue(i / 250, i % 250)); }));
+  EXPECT_EQ(ReadFile(Dat("averages.dat")),
+            Lines(4000, [](int i) { return std::to_string(AvgValue(i / 250, i % 250)); }));
+  EXPECT_EQ(ReadFile(Dat("db2counts.dat")), Lines(1608, [](int i) { return std::to_string(DbValue(i / 402, i % 402)); }));
+  EXPECT_FALSE(std::filesystem::exists(Dat("gain_wvl_offsets.dat")));
+  for (const char* name : {"vr480.tag", "references.dat", "locations.dat", "averages.dat", "db2counts.dat"})
+    EXPECT_FALSE(std::filesystem::exists(Dat(std::string(name) + ".tmp"))) << name;
+
+  CaptureStdout();
+  EXPECT_EQ(Server->SaveWvlGains(), 0);
+  EXPECT_EQ(GetCapturedStdout(), "");
+  const std::string gains = ReadFile(Dat("gain_wvl_offsets.dat"));
+  ASSERT_EQ(gains.size(), 1048560u);
+  // Little-endian, table after table, 65535 entries each: the last code is not stored.
+  auto entry = [&](size_t index) {
+    const auto* p = reinterpret_cast<const unsigned char*>(gains.data()) + 4 * index;
+    return uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24;
+  };
+  EXPECT_EQ(entry(0), GainValue(0, 0));
+  EXPECT_EQ(entry(65534), GainValue(0, 65534));
+  EXPECT_EQ(entry(65535), GainValue(1, 0));
+  EXPECT_EQ(entry(4 * 65535 - 1), GainValue(3, 65534));
+  std::vector<std::string> twoBrackets = kBracket;
+  twoBrackets.insert(twoBrackets.end(), kBracket.begin(), kBracket.end());
+  EXPECT_EQ(CommandLog(), twoBrackets);
+
+  // A fresh server loads exactly what was saved.
+  auto loaded = MakeServer();
+  loaded->GainWvlOffset[2][65535] = 99;  // never stored, so never touched
+  EXPECT_EQ(Load(*loaded), kAllLoaded);
+  for (int ch = 0; ch < kLogicalChannels; ++ch)
+    for (int s = 0; s < kSensorsPerChannel; ++s) {
+      ASSERT_EQ(loaded->SensorReferences[ch][s], RefValue(ch, s)) << ch << " " << s;
+      ASSERT_EQ(loaded->SensorDistances[ch][s], DistValue(ch, s)) << ch << " " << s;
+      ASSERT_EQ(loaded->SensorAverages[ch][s], AvgValue(ch, s)) << ch << " " << s;
+    }
+  // Averages of the layer in use also size the running averages.
+  EXPECT_EQ(loaded->WvlAvg.GetTargetNumAvg(2, 9), AvgValue(2, 9));
+  for (int t = 0; t < kOpticalChannels; ++t) {
+    for (int i = 0; i < kDbTableEntries; ++i) ASSERT_EQ(loaded->Db2Counts[t][i], DbValue(t, i));
+    for (int code = 0; code < kGainCodes - 1; ++code) ASSERT_EQ(loaded->GainWvlOffset[t][code], GainValue(t, code));
+  }
+  EXPECT_EQ(loaded->GainWvlOffset[2][65535], 99u);
+
+  // Saving what was loaded gives the same bytes.
+  const std::string before = ReadFile(Dat("locations.dat")) + ReadFile(Dat("references.dat")) +
+                             ReadFile(Dat("averages.dat")) + ReadFile(Dat("db2counts.dat"));
+  Server = std::move(loaded);
+  Save();
+  EXPECT_EQ(ReadFile(Dat("locations.dat")) + ReadFile(Dat("references.dat")) + ReadFile(Dat("averages.dat")) +
+                ReadFile(Dat("db2counts.dat")),
+            before);
+}
+
+TEST_F(SettingsFilesTest, LocationsUseNineSignificantDigits) {
+  const double values[] = {12.5, 0.0, -3.25, 1234.56789, 0.000123456789, 1e21, 123456789012.0, 1.0 / 3.0};
+  for (size_t i = 0; i < std::size(values); ++i) Server->SensorDistances[0][i] = values[i];
+  Save();
+  const std::string text = ReadFile(Dat("locations.dat"));
+  EXPECT_EQ(text.substr(0, text.find("\n0\n0\n")),
+            "12.5\n0\n-3.25\n1234.56789\n0.000123456789\n1e+21\n1.23456789e+11\n0.333333333");
+
+  auto loaded = MakeServer();
+  Load(*loaded);
+  EXPECT_EQ(loaded->SensorDistances[0][0], 12.5);  // not 12
+  EXPECT_EQ(loaded->SensorDistances[0][2], -3.25);
+  EXPECT_EQ(loaded->SensorDistances[0][3], 1234.56789);
+  EXPECT_EQ(loaded->SensorDistances[0][7], 0.333333333);
+}
+
+TEST_F(SettingsFilesTest, MissingFilesKeepTheDefaultsButTheDbTableIsCleared) {
+  Server->SensorDistances[1][2] = 7.5;
+  Server->SensorReferences[1][2] = 42;
+  Server->SensorAverages[1][2] = 9;
+  Server->GainWvlOffset[1][2] = 1234;
+  Server->Db2Counts[1][2] = 77;
+  EXPECT_EQ(Load(), kAllMissing);
+  EXPECT_EQ(Server->SensorDistances[1][2], 7.5);
+  EXPECT_EQ(Server->SensorReferences[1][2], 42);
+  EXPECT_EQ(Server->SensorAverages[1][2], 9);
+  EXPECT_EQ(Server->GainWvlOffset[1][2], 1234u);
+  EXPECT_EQ(Server->Db2Counts[1][2], 0);
+  EXPECT_TRUE(CommandLog().empty());  // loading needs no remount
+}
+
+TEST_F(SettingsFilesTest, ShortFilesFillTheRestAsTheInstrumentDoes) {
+  Server->MinNumAverages = 3;
+  WriteFile(Dat("locations.dat"), "12.5\n-1e-3\n");
+  WriteFile(Dat("references.dat"), "1550000000\n4294967295\n-7\r\n");
+  // 100 lines: the first 100 sensors of channel 0; a "0" gives the minimum too.
+  WriteFile(Dat("averages.dat"), Lines(100, [](int i) { return i == 5 ? std::string("0") : std::to_string(i + 10); }));
+  WriteFile(Dat("db2counts.dat"), Lines(808, [](int i) { return std::to_string(i + 1); }));
+  std::string gains(8, '\0');
+  gains[0] = 1;
+  gains[4] = 2;
+  WriteFile(Dat("gain_wvl_offsets.dat"), gains);
+  Server->SensorDistances[0][2] = 5.0;
+  Server->GainWvlOffset[0][2] = 55;
+
+  EXPECT_EQ(Load(),
+            "Locations data loaded.\n"
+            "References data loaded.\n"
+            "Averages data loaded.\n"
+            "gain_wvl_offsets.dat holds 2 of 262140 entries; the others are unchanged.\n"
+            "Wvl gain offsets data loaded.\n"
+            "DB2COUNTS_FILE contains 201 entries.\n"
+            "Db2Counts data loaded.\n");
+  EXPECT_EQ(Server->SensorDistances[0][0], 12.5);
+  EXPECT_EQ(Server->SensorDistances[0][1], -0.001);
+  EXPECT_EQ(Server->SensorDistances[0][2], 0.0);
+  EXPECT_EQ(Server->SensorDistances[15][249], 0.0);
+  EXPECT_EQ(Server->SensorReferences[0][0], 1550000000);
+  EXPECT_EQ(Server->SensorReferences[0][1], -1);  // the same 32 bits
+  EXPECT_EQ(Server->SensorReferences[0][2], -7);
+  EXPECT_EQ(Server->SensorReferences[0][3], 0);
+  EXPECT_EQ(Server->SensorAverages[0][0], 10);
+  EXPECT_EQ(Server->SensorAverages[0][5], 3);
+  EXPECT_EQ(Server->SensorAverages[0][99], 109);
+  EXPECT_EQ(Server->SensorAverages[0][100], 3);
+  EXPECT_EQ(Server->SensorAverages[15][249], 3);
+  EXPECT_EQ(Server->GainWvlOffset[0][0], 1u);
+  EXPECT_EQ(Server->GainWvlOffset[0][1], 2u);
+  EXPECT_EQ(Server->GainWvlOffset[0][2], 55u);
+  // Short form: indexes 0-201 of each table from the file, 202-401 zero.
+  EXPECT_EQ(Server->Db2Counts[0][0], 1);
+  EXPECT_EQ(Server->Db2Counts[0][201], 202);
+  EXPECT_EQ(Server->Db2Counts[0][202], 0);
+  EXPECT_EQ(Server->Db2Counts[1][0], 203);
+  EXPECT_EQ(Server->Db2Counts[3][201], 808);
+  EXPECT_EQ(Server->Db2Counts[3][401], 0);
+}
+
+TEST_F(SettingsFilesTest, MalformedFilesAreRefusedWithTheLineAndKeepTheDefaults) {
+  Server->SensorDistances[0][0] = 7.5;
+  Server->SensorReferences[0][0] = 42;
+  Server->SensorAverages[0][0] = 9;
+  Server->GainWvlOffset[0][0] = 1234;
+  WriteFile(Dat("locations.dat"), "1.5\n2.5\nabc\n");
+  WriteFile(Dat("references.dat"), "1\n2\n3\n99999999999\n");
+  WriteFile(Dat("averages.dat"), "4\n70000\n");
+  WriteFile(Dat("gain_wvl_offsets.dat"), std::string(7, 'x'));
+  WriteFile(Dat("db2counts.dat"), "1\n2\n3.5\n");
+
+  EXPECT_EQ(Load(),
+            "Error in locations.dat, line 3: \"abc\" is not a finite number. The file is ignored.\n"
+            "Error in references.dat, line 4: \"99999999999\" is out of range (-2147483648 to 4294967295). "
+            "The file is ignored.\n"
+            "Error in averages.dat, line 2: \"70000\" is out of range (0 to 65535). The file is ignored.\n"
+            "Error in gain_wvl_offsets.dat: 7 bytes, expected 1048560. The file is ignored.\n"
+            "DB2COUNTS_FILE contains 201 entries.\n"
+            "Error in db2counts.dat, line 3: \"3.5\" is not a whole number. The file is ignored.\n");
+  EXPECT_EQ(Server->SensorDistances[0][0], 7.5);
+  EXPECT_EQ(Server->SensorReferences[0][0], 42);
+  EXPECT_EQ(Server->SensorAverages[0][0], 9);
+  EXPECT_EQ(Server->GainWvlOffset[0][0], 1234u);
+  EXPECT_EQ(Server->Db2Counts[0][0], 0);
+
+  // Binary junk, over-long lines, empty lines, NaN and an oversized gain file: messages, no crash.
+  WriteFile(Dat("locations.dat"), "1\n\n2\n");
+  WriteFile(Dat("references.dat"), std::string("12\0\xff\n", 5));
+  WriteFile(Dat("averages.dat"), std::string(5000, '1') + "\n");
+  WriteFile(Dat("gain_wvl_offsets.dat"), std::string(1048564, '\0'));
+  WriteFile(Dat("db2counts.dat"), "nan\n");
+  const std::string out = Load();
+  EXPECT_NE(out.find("Error in locations.dat, line 2: \"\" is not a finite number. The file is ignored.\n"),
+            std::string::npos)
+      << out;
+  EXPECT_NE(out.find("Error in references.dat, line 1: \""), std::string::npos) << out;
+  EXPECT_NE(out.find("Error in averages.dat, line 1: \"1111111111111111111111111111111111111111...\" is longer "
+                     "than 99 characters. The file is ignored.\n"),
+            std::string::npos)
+      << out;
+  EXPECT_NE(out.find("Error in gain_wvl_offsets.dat: 1048564 bytes, expected 1048560."), std::string::npos) << out;
+  EXPECT_NE(out.find("Error in db2counts.dat, line 1: \"nan\" is not a whole number."), std::string::npos) << out;
+  EXPECT_EQ(out.find("loaded"), std::string::npos) << out;
+  EXPECT_EQ(Server->SensorDistances[0][0], 7.5);
+  EXPECT_EQ(Server->SensorReferences[0][0], 42);
+
+  WriteFile(Dat("locations.dat"), "inf\n");
+  EXPECT_NE(Load().find("Error in locations.dat, line 1: \"inf\" is not a finite number."), std::string::npos);
+
+  // Blank lines at the very end and CR LF line ends are not malformed.
+  WriteFile(Dat("locations.dat"), "1.5\r\n 2.5 \r\n\r\n\n");
+  EXPECT_NE(Load().find("Locations data loaded.\n"), std::string::npos);
+  EXPECT_EQ(Server->SensorDistances[0][1], 2.5);
+}
+
+TEST_F(SettingsFilesTest, FailuresAreReportedOnTheConsoleAndTheOtherFilesStillWritten) {
+  Fill(*Server);
+  // A directory where the temporary file would go makes that one file impossible to write.
+  std::filesystem::create_directories(Dat("references.dat.tmp"));
+  CHost& host = Host();
+  host.Script("/bin/mount -o,remount /vr480", 32);
+  host.Script("/bin/sync", 1);
+  host.Script("/bin/mount -o,remount,ro /vr480", 2);
+  EXPECT_EQ(Save(),
+            "/bin/mount returned 32.\n"
+            "Setting saved.\n"
+            "Error opening references File.\n"
+            "WARNING: /bin/sync returned 1.\n"
+            "WARNING: /bin/mount -o,remout,ro returned 2.\n");
+  EXPECT_EQ(CommandLog(), kBracket);
+  EXPECT_FALSE(std::filesystem::exists(Dat("references.dat")));
+  EXPECT_TRUE(std::filesystem::exists(Dat("locations.dat")));
+  EXPECT_TRUE(std::filesystem::exists(Dat("averages.dat")));
+  EXPECT_TRUE(std::filesystem::exists(Dat("db2counts.dat")));
+
+  std::filesystem::create_directories(Dat("gain_wvl_offsets.dat.tmp"));
+  CaptureStdout();
+  Server->SaveWvlGains();
+  EXPECT_EQ(GetCapturedStdout(),
+            "/bin/mount returned 32.\n"
+            "Error opening gain wvl offsets File.\n"
+            "WARNING: /bin/sync returned 1.\n"
+            "WARNING: /bin/mount -o,remout,ro returned 2.\n");
+  host.ClearScripts();
+}
+
+// Two clients saving at once: each bracket runs whole, never interleaved with another.
+TEST_F(SettingsFilesTest, ConcurrentSavesNeverInterleaveTheirBrackets) {
+  Fill(*Server);
+  CaptureStdout();
+  std::vector<std::thread> savers;
+  for (int t = 0; t < 3; ++t)
+    savers.emplace_back([&, t] {
+      for (int i = 0; i < 8; ++i) {
+        if (t == 2) Server->SaveWvlGains();
+        else Server->SaveSettings();
+      }
+    });
+  for (auto& t : savers) t.join();
+  GetCapturedStdout();
+  const auto log = CommandLog();
+  ASSERT_EQ(log.size(), 3u * 3u * 8u);
+  for (size_t i = 0; i < log.size(); ++i) EXPECT_EQ(log[i], kBracket[i % 3]) << i;
+  auto loaded = MakeServer();
+  EXPECT_EQ(Load(*loaded), kAllLoaded);
+  EXPECT_EQ(loaded->SensorDistances[15][249], DistValue(15, 249));
+}
+
+TEST_F(SettingsFilesTest, IdentificationFileIsWrittenLikeAnUnquotedEcho) {
+  CaptureStdout();
+  EXPECT_EQ(WriteInstID("  Lab   unit\t7 "), 0);
+  EXPECT_EQ(GetCapturedStdout(), "Executing command >>echo   Lab   unit\t7  > /vr480/instid<<.\n");
+  EXPECT_EQ(ReadFile(Dat("instid")), "Lab unit 7\n");
+  EXPECT_EQ(CommandLog(), kBracket);
+
+  // Shell characters are kept as text: nothing but the bracket reaches the host.
+  CaptureStdout();
+  EXPECT_EQ(WriteInstID("$(reboot); `halt` | x > y"), 0);
+  GetCapturedStdout();
+  EXPECT_EQ(ReadFile(Dat("instid")), "$(reboot); `halt` | x > y\n");
+  EXPECT_EQ(CommandLog().size(), 6u);
+
+  // The command line is at most 99 characters: the text is cut so that the target stays.
+  const std::string longText(120, 'a');
+  CaptureStdout();
+  EXPECT_EQ(WriteInstID(longText), 0);
+  EXPECT_EQ(GetCapturedStdout(), "Executing command >>echo " + std::string(78, 'a') + " > /vr480/instid<<.\n");
+  EXPECT_EQ(ReadFile(Dat("instid")), std::string(78, 'a') + "\n");
+
+  CaptureStdout();
+  EXPECT_EQ(WriteInstID(""), 0);
+  GetCapturedStdout();
+  EXPECT_EQ(ReadFile(Dat("instid")), "\n");
+}
+
+TEST_F(SettingsFilesTest, IdentificationFileGivesUpWhenTheRemountFails) {
+  WriteFile(Dat("instid"), "old\n");
+  Host().Script("/bin/mount -o,remount /vr480", 5);
+  CaptureStdout();
+  EXPECT_EQ(WriteInstID("new"), -1);
+  EXPECT_EQ(GetCapturedStdout(), "/bin/mount returned 5.\n");
+  EXPECT_EQ(ReadFile(Dat("instid")), "old\n");
+  EXPECT_EQ(CommandLog(), std::vector<std::string>{kBracket[0]});
+
+  Host().ClearScripts();
+  Host().Script("/bin/mount -o,remount,ro /vr480", 3);
+  CaptureStdout();
+  EXPECT_EQ(WriteInstID("new"), -1);
+  EXPECT_EQ(GetCapturedStdout(),
+            "Executing command >>echo new > /vr480/instid<<.\n"
+            "WARNING: /bin/mount -o,remout,ro returned 3.\n");
+  EXPECT_EQ(ReadFile(Dat("instid")), "new\n");
+  Host().ClearScripts();
+
+  // The lock is free again after either way out.
+  EXPECT_TRUE(SettingsFileLock().try_lock());
+  SettingsFileLock().unlock();
+}
+
+}  // namespace
