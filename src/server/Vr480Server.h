@@ -322,6 +322,36 @@ class CVr480Server {
   int SaveWvlGains();
   friend struct SettingsFilesAccess;  // the settings-file tests load the tables as start-up does
 
+  // ---- Data retrieval ----
+  // Reply buffers of the data commands, one row per caller (0-9 clients, 10 the internal
+  // caller), each touched only by its caller's thread. Like the ring slots, each keeps 12 spare
+  // bytes before its body where the frame's ten digits are written in place.
+  static constexpr size_t kWvlLvlCntsBytes = 12 + 88 + 8500;  // body 88 + 8T + 2A, with T <= 1000 and 4T + 2A <= 4500
+  static constexpr int kRecordSlotLocks = 64;                 // processed slot s uses lock s mod 64
+  uint8_t ClientErrorRecord[kClientEntries][kErrorRecordBytes] = {};  // the caller's own header-only "no data" reply
+  uint8_t WvlLvlCntsBuffer[kClientEntries][kWvlLvlCntsBytes] = {};    // #GET_WVL_LVL_CNTS: newest record with levels, then counts
+  uint8_t RawDataCopy[kClientEntries][kPeaksRecordBytes] = {};        // #GET_RAW_DATA: the card's record as delivered
+  uint16_t HighSpeedFsBuffer[kClientEntries][kFsSamples] = {};        // #GET_HIGH_SPEED_FS: samples inside the calibrated window
+  Relaxed<int32_t> HighSpeedFsStartCount = 0;   // first sweep point (0-32767) the calibrated spectrum covers; calibration thread
+  Relaxed<int32_t> HighSpeedFsEndCount = 0;     // one past its last point (0-32767); calibration thread
+  std::mutex RecordSlotLock[kRecordSlotLocks];  // a processed slot's in-use mark and reply patches; data commands
+  // What the front panel last displayed, for #WEB_STATUS: empty texts and zeros until its first
+  // refresh. The front-panel thread writes it under PanelTextsLock; readers take a copy.
+  struct SPanelTexts {
+    std::string SweepRate;                   // "%0.1f Hz"
+    int DriverVersion = 0;                   // driver release shown
+    int FirmwareVersion = 0;                 // FPGA synthesis release shown (peaks header byte 2)
+    std::string IpAddress, Netmask;          // dotted quads shown
+    std::string TimeSource;                  // "NTP" or "System Clock"
+    std::string DateTime;                    // local time in asctime form, without its line feed
+    std::string OperatingMode;               // "Master", "Stand-Alone", "End Slave", "Middle Slave" or "???"
+    std::string TriggerMode;                 // "S/W Trigger", "H/W Trigger", "Untriggered" or "N/A"
+    std::string TriggerState;                // auto re-trigger: "On", "Off" or "N/A"
+    std::string SensorCounts[kMaxMuxLevel];  // per multiplexer layer: the four channel counts as shown
+  };
+  SPanelTexts PanelTexts;             // guarded by PanelTextsLock
+  mutable std::mutex PanelTextsLock;
+
  private:
   // Start-up stages, in the order Init runs them.
   int16_t OpenCard();
