@@ -1,6 +1,8 @@
 #include "sim/SimCard.h"
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
 
 namespace sim {
 
@@ -57,6 +59,14 @@ const std::vector<std::string>& BaselineTagLines() {
       "#SET_ZOR_LOC_MEAS_ENABLE = \"1\"",
   };
   return lines;
+}
+
+bool EnsureBaselineTagFile(const std::string& hostPath) {
+  std::error_code ec;
+  if (std::filesystem::exists(hostPath, ec)) return true;
+  std::ofstream out(hostPath, std::ios::binary);
+  for (const std::string& line : BaselineTagLines()) out << line << '\n';
+  return static_cast<bool>(out.flush());
 }
 
 CSimCard::CSimCard(const CSimOptions& options)

@@ -53,6 +53,9 @@ std::string NvramPath(const std::string& root);
 // instrument's tag file would carry (SOA drive, scan amplitude, initial bias, both loops on,
 // full spectrum and location measurement enabled).
 const std::vector<std::string>& BaselineTagLines();
+// Writes those lines (one per line, LF) to the tag file at `hostPath` unless a file exists
+// there, so that a new root starts like a real instrument. False when it cannot be written.
+bool EnsureBaselineTagFile(const std::string& hostPath);
 
 class CSimCard : public std::enable_shared_from_this<CSimCard> {
  public:
