@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "protocol/CommandTable.h"
 #include "server/Globals.h"
@@ -75,6 +76,9 @@ void* ClientServiceThread(void* raw) {
       s.Socket.WriteData(client, frame, 10 + kTokenBytes);
     }
   }
+  // At the server's stop the session itself is closed, so that the client sees its
+  // connection end and the stop path sees the slot free.
+  if (s.bClosingSessions && std::string(s.Socket.GetClientAddress(client)) != "0.0.0.0") s.Socket.close_client(client);
   return nullptr;
 }
 

@@ -150,6 +150,7 @@ void CVr480Server::CalibrateStartupFsOffset() {
 int CVr480Server::StopAcquisition() {
   bFpgaWatchDogEnabled = false;
   Driver.SetReadyLed(false);
+  bClosingSessions = true;
   for (int i = 0; i < kClientSlots; ++i) bClientDisconnect[i] = true;
 
   std::printf("Canceling the FS calibration thread...");

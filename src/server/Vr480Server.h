@@ -106,6 +106,7 @@ class CVr480Server {
   // ---- Client sessions (rows 0-9 clients, row 10 the internal client) ---------------------
   pthread_t ClientThread[kClientEntries] = {};                // service thread of each slot; connect callback
   std::atomic<bool> bClientDisconnect[kClientEntries] = {};   // tells a slot's service thread to end; stop path, handlers
+  std::atomic<bool> bClosingSessions{false};                   // the server is stopping: service threads close their slots
   char* ResponseBuffer[kClientEntries] = {};                  // 32010-byte reply buffer per caller; constructor
   char* ResponseText[kClientEntries] = {};                    // ResponseBuffer + 10: where the reply text goes
   std::atomic<int32_t> ClientRecordInUse[kClientEntries] = {};  // ring slot of the client's current reply (-1 none); service thread
