@@ -4,24 +4,13 @@
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 
 #include "host/Host.h"
+#include "sim/SimCard.h"
 
 CServerOptions ServerOptions;
 
 namespace {
-
-// The laser-specific settings a real instrument carries in its tag file. Without them the
-// simulated laser would sweep with no amplitude and see no peaks.
-constexpr const char* kBaselineTags =
-    "#SET_SOA_DRIVE = \"30000\"\n"
-    "#SET_SCAN_AMP = \"40000\"\n"
-    "#SET_INITIAL_BIAS = \"28000\"\n"
-    "#SET_AUTOBIAS = \"1\"\n"
-    "#SET_AUTO_SCAN_AMP = \"1\"\n"
-    "#SET_ZOR_FS_ENABLE = \"1\"\n"
-    "#SET_ZOR_LOC_MEAS_ENABLE = \"1\"\n";
 
 bool NeedsValue(int i, int argc, const std::string& name, std::string& error) {
   if (i + 1 < argc) return true;
@@ -100,14 +89,12 @@ bool PrepareWorkstationRoot(const std::string& root, std::string& error) {
       return false;
     }
   }
+  // A new root gets the laser-specific settings a real instrument carries in its tag file;
+  // without them the simulated laser would sweep with no amplitude and see no peaks.
   const std::string tagFile = host.Path("/vr480/vr480.tag");
-  if (!std::filesystem::exists(tagFile, ec)) {
-    std::ofstream out(tagFile);
-    out << kBaselineTags;
-    if (!out) {
-      error = "cannot write " + tagFile;
-      return false;
-    }
+  if (!sim::EnsureBaselineTagFile(tagFile)) {
+    error = "cannot write " + tagFile;
+    return false;
   }
   return true;
 }
