@@ -17,10 +17,7 @@
 #include "server/Vr480Server.h"
 #include "settings/SettingsWrite.h"
 #include "support/TempDir.h"
-
-struct SettingsFilesAccess {
-  static void Load(CVr480Server& s) { s.LoadSettingsDataFiles(); }
-};
+#include "settings/SettingsFilesAccess.h"
 
 namespace {
 
