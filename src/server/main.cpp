@@ -50,7 +50,11 @@ void InstallCardSeam(const CServerOptions& options) {
   simOptions.SceneFile = options.SceneFile;
   if (simOptions.SceneFile.empty() && DeviceFileExists(Host().Path("/vr480/sim_scene.txt").c_str()))
     simOptions.SceneFile = Host().Path("/vr480/sim_scene.txt");
-  InstallCard(std::make_shared<sim::CSimCardProvider>(simOptions));
+  auto provider = std::make_shared<sim::CSimCardProvider>(simOptions);
+  if (!provider->Card().SceneError().empty())
+    std::printf("Simulated card: scene %s: %s; using the built-in scene.\n", simOptions.SceneFile.c_str(),
+                provider->Card().SceneError().c_str());
+  InstallCard(provider);
 }
 
 void PinMainThread() {

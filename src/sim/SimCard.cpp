@@ -1,6 +1,7 @@
 #include "sim/SimCard.h"
 
 #include <algorithm>
+#include <optional>
 #include <filesystem>
 #include <fstream>
 
@@ -71,19 +72,25 @@ bool EnsureBaselineTagFile(const std::string& hostPath) {
 
 CSimCard::CSimCard(const CSimOptions& options)
     : Instrument(DmaRing), Synthesizer(options.Seed), bAbsent(options.bCardAbsent) {
+  // The scene is read first: its card knobs decide what the card reports at power-up.
+  std::optional<CSimScene> scene;
+  if (!options.SceneFile.empty()) {
+    CSceneParseResult parsed = sim::LoadSceneFile(options.SceneFile);
+    if (parsed.bOk) scene = parsed.Scene;
+    else SceneLoadError = parsed.Error;
+  }
+  uint16_t deviceId = options.DeviceIdOverride;
+  uint16_t driverRelease = options.DriverRelease;
+  if (scene) {
+    if (scene->Hardware.bAbsent) bAbsent = true;
+    if (scene->Hardware.DeviceIdOverride) deviceId = scene->Hardware.DeviceIdOverride;
+    if (scene->Hardware.DriverRelease) driverRelease = scene->Hardware.DriverRelease;
+  }
   auto nvram = std::make_unique<CSimNvram>(NvramPath(options.Root),
                                            options.NvramImage.value_or(ENvramImage::Rev3));
   if (options.NvramImage) nvram->Load(MakeNvramImage(*options.NvramImage));
-  Dev = std::make_unique<CSimDevice>(Lock, Instrument, DmaRing, std::move(nvram),
-                                     options.DeviceIdOverride, options.DriverRelease);
-  if (!options.SceneFile.empty()) {
-    CSceneParseResult scene = sim::LoadSceneFile(options.SceneFile);
-    if (scene.bOk) {
-      Instrument.LoadScene(scene.Scene);
-    } else {
-      SceneLoadError = scene.Error;
-    }
-  }
+  Dev = std::make_unique<CSimDevice>(Lock, Instrument, DmaRing, std::move(nvram), deviceId, driverRelease);
+  if (scene) Instrument.LoadScene(*scene);
   Producer = std::make_unique<CSimProducer>(
       options.Mode, options.TimeScale, options.RecordsAhead, DmaRing,
       [this] { return SimulateSweep(); }, [this] { return SweepRate(); });

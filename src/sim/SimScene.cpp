@@ -29,6 +29,13 @@ std::vector<std::string> SplitWords(const std::string& line) {
 
 // Locale-independent number parsing: the whole token must be a number.
 std::optional<double> ToNumber(const std::string& token) {
+  if (token.size() > 2 && token[0] == '0' && (token[1] == 'x' || token[1] == 'X')) {  // IDs are written in hex
+    unsigned long long h = 0;
+    const char* end = token.data() + token.size();
+    auto [p, ec] = std::from_chars(token.data() + 2, end, h, 16);
+    if (ec != std::errc() || p != end) return std::nullopt;
+    return static_cast<double>(h);
+  }
   double v = 0.0;
   const char* end = token.data() + token.size();
   auto [p, ec] = std::from_chars(token.data(), end, v);
@@ -181,6 +188,11 @@ const std::map<std::string, KnobSetter>& Knobs() {
          if (!l.Failed() && (v == 1.0 || v != std::floor(v))) l.Fail("grating_list must be 0 or 2-5");
          if (!l.Failed()) s.Optics.GratingList = static_cast<int>(v);
        }},
+      {"card_absent", scalar("0 or 1", 0.0, 1.0, [](CSimScene& s, double v) { s.Hardware.bAbsent = v != 0.0; })},
+      {"device_id", scalar("device ID", 1.0, 65535.0,
+                           [](CSimScene& s, double v) { s.Hardware.DeviceIdOverride = static_cast<uint16_t>(v); })},
+      {"driver_release", scalar("release", 1.0, 65535.0,
+                                [](CSimScene& s, double v) { s.Hardware.DriverRelease = static_cast<uint16_t>(v); })},
       {"master_divider", scalar("divider", 1.0, 65535.0, [](CSimScene& s, double v) {
          s.Environment.MasterDivider = static_cast<uint16_t>(v);
        })},

@@ -35,6 +35,10 @@
 //   master_divider <n>          virtual master's data-rate divider (operating modes 2, 3)
 //   channel_length <c 1-4> <m>  fibre inside the instrument before DUT channel c
 //   layer_length <m 1-4> <m>    fibre added by multiplexer position m
+// and knobs of the card itself, read once when the card powers up:
+//   card_absent <0|1>           opening "/dev/vr480" fails (no card installed)
+//   device_id <id>              the bridge reports this PCI device ID (an unknown card); 0x.. allowed
+//   driver_release <n>          the kernel driver's release number, default 52
 // Example:
 //   # channel  wavelength  distance  amplitude
 //   1          1530.0      12.5      9000
@@ -84,10 +88,18 @@ struct CSimEnvironment {
   std::array<double, 4> LayerLengthM{};    // per multiplexer layer
 };
 
+// What the card reports of itself at power-up.
+struct CSimHardware {
+  bool bAbsent = false;
+  uint16_t DeviceIdOverride = 0;  // 0: the ID the configuration memory gives
+  uint16_t DriverRelease = 0;     // 0: the card's default
+};
+
 struct CSimScene {
   CSensorTables Sensors;
   COpticsParams Optics;
   CSimEnvironment Environment;
+  CSimHardware Hardware;
 };
 
 // Three sensors on each DUT channel of layer 0, near 1530, 1545 and 1560 nm.

@@ -144,3 +144,14 @@ TEST(SimScene, BaselineTagFileOnlyWhenMissing) {
   EXPECT_EQ(first, "#SET_BIAS = \"1\"") << "an existing tag file is kept";
   std::filesystem::remove(path);
 }
+
+TEST(SimScene, CardKnobsDescribeTheCardAtPowerUp) {
+  auto parsed = sim::ParseScene("card_absent 1\ndevice_id 0x1234\ndriver_release 49\n");
+  ASSERT_TRUE(parsed.bOk) << parsed.Error;
+  EXPECT_TRUE(parsed.Scene.Hardware.bAbsent);
+  EXPECT_EQ(parsed.Scene.Hardware.DeviceIdOverride, 0x1234);
+  EXPECT_EQ(parsed.Scene.Hardware.DriverRelease, 49);
+  auto bad = sim::ParseScene("\ndevice_id 0xZZ\n");
+  EXPECT_FALSE(bad.bOk);
+  EXPECT_EQ(bad.Error.rfind("line 2:", 0), 0u) << bad.Error;
+}

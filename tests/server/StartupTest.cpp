@@ -1,0 +1,162 @@
+// The server process from start to exit on the simulated card: what it prints, which codes
+// its configuration memory leads to, and how it stops.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <filesystem>
+
+#include "host/Host.h"
+#include "server/Options.h"
+#include "sim/SimCard.h"
+#include "sim/SimNvram.h"
+#include "support/ServerProcess.h"
+#include "support/TempDir.h"
+
+namespace {
+
+// Asserts that `texts` appear in `output` in this order.
+void ExpectInOrder(const std::string& output, const std::vector<std::string>& texts) {
+  size_t at = 0;
+  for (const auto& t : texts) {
+    size_t found = output.find(t, at);
+    ASSERT_NE(found, std::string::npos) << "missing or out of order: [" << t << "]";
+    at = found + t.size();
+  }
+}
+
+void WriteNvram(const std::string& root, sim::ENvramImage image, const std::string& serial = "SN-TEST-0000042") {
+  auto bytes = sim::MakeNvramImage(image, serial);
+  WriteFile(sim::NvramPath(root), std::string(bytes.begin(), bytes.end()));
+}
+
+std::string NvramBytesOf(const std::string& root) { return ReadFile(sim::NvramPath(root)); }
+
+}  // namespace
+
+TEST(ServerLifecycle, FreshRootStartsOnTheSimulatedCardAndStopsOnSigterm) {
+  CTempDir root;
+  CServerProcess server(root.Path(), FreePort());
+  ASSERT_TRUE(server.WaitForOutput("**FsCountOffset = ", std::chrono::seconds(40))) << server.Output().substr(0, 4000);
+  const std::string started = server.Output();
+  ExpectInOrder(started, {
+                             "The current output terminal is ",
+                             "\n\n\n*************************************\n"
+                             "***** Found a Rev. 3 ZOR vr480. *****\n"
+                             "*************************************\n",
+                             "Wvl Avg Est Memory Requirements = 40017096\n",
+                             "Error opening cfc_build file.\n",
+                             "**** FS is optimized ****\n",
+                             "\nAutoBias time = ",
+                             "\n--------------------------------------------------------\n"
+                             "SVN Base Build 47, Mon Dec  6 22:30:32 GMT-5 2010\n"
+                             "--------------------------------------------------------\n"
+                             "Server Release 2.0h\n"
+                             "Driver Release 52\n"
+                             "FPGA Synthesis Release 101\n"
+                             "Base CFC Build 1\n"
+                             "--------------------------------------------------------\n\n",
+                             "eth0:\tIP Address: ",
+                             "**FsCountOffset = ",
+                         });
+
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(server.Stop(SIGTERM, std::chrono::seconds(15)), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
+  ExpectInOrder(server.Output(), {
+                                     "Canceling the FS calibration thread...done.\n",
+                                     "Waiting for client threads to halt...\n",
+                                     "Client threads halted.\n",
+                                     "Waiting for GUI to halt...\n",
+                                     "GUI halted.\n",
+                                     "Attempting to free 40017096 bytes from averaging buffers...OK.\n",
+                                     "\nServer Terminated Normally.\n",
+                                 });
+  CHost host(root.Path());
+  auto log = host.CommandLog();
+  ASSERT_FALSE(log.empty());
+  EXPECT_EQ(log.front(), "stty -F /dev/ttyS0 ospeed 115200 cs8 -cstopb -parenb");
+}
+
+// A blank bridge or a too-old configuration memory is rewritten and start-up ends there; the
+// new image takes effect at the next power-up.
+TEST(ServerLifecycle, ConfigurationMemoryDecidesTheStartupCode) {
+  {
+    CTempDir root;
+    WriteNvram(root.Path(), sim::ENvramImage::Blank);
+    std::string out;
+    EXPECT_EQ(RunServerToExit({"--root", root.Path(), "--port", std::to_string(FreePort())}, &out), 4);
+    ExpectInOrder(out, {"\n\n\n********************************\n***** Found an AMCC S5335. *****\n"
+                        "********************************\nBuilding ZOR device...\n",
+                        "** Warning: No RID was specified.  Assuming a Rev. 3 ZOR device... **\n",
+                        "Initialization of vr480 failed with error code 4.\n"});
+    std::string nv = NvramBytesOf(root.Path());
+    ASSERT_EQ(nv.size(), 256u);
+    EXPECT_EQ(static_cast<uint8_t>(nv[0x48]), 3);
+    EXPECT_EQ(nv.substr(0x40, 4), std::string("\xE8\x10\x82\x88", 4));
+  }
+  {
+    // Revision 2 on the board that needs revision 3: rewritten, serial number kept.
+    CTempDir root;
+    WriteNvram(root.Path(), sim::ENvramImage::Rev2, "SN-TEST-0000042");
+    WriteFile(root / "vr480.9361.id", "");
+    std::string out;
+    EXPECT_EQ(RunServerToExit({"--root", root.Path(), "--port", std::to_string(FreePort())}, &out), 5);
+    ExpectInOrder(out, {"***** Found a Rev. 2 ZOR vr480. *****\n", "**********  Reflashing ZOR device... **********\n",
+                        "Initialization of vr480 failed with error code 5.\n"});
+    std::string nv = NvramBytesOf(root.Path());
+    EXPECT_EQ(static_cast<uint8_t>(nv[0x48]), 3);
+    EXPECT_EQ(nv.substr(0x80, 15), "SN-TEST-0000042");
+  }
+  {
+    // Revision 1 is too old on any board.
+    CTempDir root;
+    WriteNvram(root.Path(), sim::ENvramImage::Rev1);
+    std::string out;
+    EXPECT_EQ(RunServerToExit({"--root", root.Path(), "--port", std::to_string(FreePort())}, &out), 5);
+  }
+}
+
+TEST(ServerLifecycle, RevisionTwoWithoutTheBoardMarkerStartsNormally) {
+  CTempDir root;
+  WriteNvram(root.Path(), sim::ENvramImage::Rev2);
+  CServerProcess server(root.Path(), FreePort());
+  ASSERT_TRUE(server.WaitForOutput("**** FS is optimized ****", std::chrono::seconds(30)));
+  EXPECT_NE(server.Output().find("***** Found a Rev. 2 ZOR vr480. *****"), std::string::npos);
+  EXPECT_EQ(server.Output().find("Reflashing"), std::string::npos);
+  EXPECT_EQ(server.Stop(SIGINT, std::chrono::seconds(15)), 0);
+}
+
+// Without a card, or with a card that is no vr480, the server says so and exits 1.
+TEST(ServerLifecycle, NoCardOrUnknownCardEndsWithCodeOne) {
+  {
+    CTempDir root;
+    WriteFile(root / "vr480/sim_scene.txt", "card_absent 1\n");
+    std::string out;
+    EXPECT_EQ(RunServerToExit({"--root", root.Path(), "--port", "8520"}, &out), 1);
+    EXPECT_NE(out.find("Could not find an AMCC/ZOR device.\n"
+                       "Make sure an vr480 card is installed before running this program.\n"
+                       "Initialization of vr480 failed with error code 1.\n"),
+              std::string::npos)
+        << out;
+    EXPECT_EQ(CHost(root.Path()).CommandLog(),
+              std::vector<std::string>{"stty -F /dev/ttyS0 ospeed 115200 cs8 -cstopb -parenb"});
+  }
+  {
+    CTempDir root;
+    WriteFile(root / "vr480/sim_scene.txt", "device_id 0x1234\n");
+    std::string out;
+    EXPECT_EQ(RunServerToExit({"--root", root.Path(), "--port", std::to_string(FreePort())}, &out), 1);
+    EXPECT_NE(out.find("Warning: Unknown Device ID 4660.\nPlease notify engineering.\n"
+                       "Initialization of vr480 failed with error code 1.\n"),
+              std::string::npos)
+        << out;
+  }
+}
+
+TEST(ServerLifecycle, HelpAndBadOptions) {
+  std::string out;
+  EXPECT_EQ(RunServerToExit({"--help"}, &out), 0);
+  EXPECT_EQ(out, UsageText());
+  EXPECT_EQ(RunServerToExit({"--port", "0"}, &out), 2);
+  EXPECT_NE(out.find("vr480d: invalid port '0' (1-9999)"), std::string::npos);
+}
