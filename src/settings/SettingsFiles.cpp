@@ -2,6 +2,8 @@
 // identification file.
 #include "settings/SettingsFiles.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cmath>
@@ -64,7 +66,10 @@ void SaveFile(const char* name, const char* what, std::string_view content) {
 
 // ---- Reading ----------------------------------------------------------------------------------
 
+// Only a regular file counts: a directory of the same name would open and read as empty.
 bool ReadWholeFile(const std::string& path, std::string* content) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
   std::ifstream in(path, std::ios::binary);
   if (!in) return false;
   content->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());

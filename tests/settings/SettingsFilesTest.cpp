@@ -208,6 +208,7 @@ TEST_F(SettingsFilesTest, MissingFilesKeepTheDefaultsButTheDbTableIsCleared) {
   Server->SensorAverages[1][2] = 9;
   Server->GainWvlOffset[1][2] = 1234;
   Server->Db2Counts[1][2] = 77;
+  std::filesystem::create_directories(Dat("locations.dat"));  // not a file either
   EXPECT_EQ(Load(), kAllMissing);
   EXPECT_EQ(Server->SensorDistances[1][2], 7.5);
   EXPECT_EQ(Server->SensorReferences[1][2], 42);
