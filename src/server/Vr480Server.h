@@ -391,6 +391,7 @@ class CVr480Server {
   int MeasureSensorDistances();
 
   void AllocateTables();
+  friend struct ServerAccess;  // the acquisition tests drive start-up stages one by one
   void RecordCommandHistory(const std::string& command, const std::string& argText);
 
   static void* CalibrateSpectrumThread(void* server);

@@ -1,0 +1,214 @@
+// The acquisition side of the server against the simulated card, in process: what the card
+// receives from start-up and from the mode setters, how each fetched record is patched, the
+// temperature monitor and the multiplexer change.
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "server/Globals.h"
+#include "server/Vr480Server.h"
+#include "sim/SimCardProvider.h"
+
+struct ServerAccess {
+  static void KnownState(CVr480Server& s) { s.PutCardInKnownState(); }
+  static void Pass(CVr480Server& s) { s.AcquisitionPass(); }
+  static void InitAveraging(CVr480Server& s) { s.InitAveragingStore(); }
+  static int BuildTable(CVr480Server& s) { return s.build_FBG_Vth2Thz_LUT(); }
+};
+
+namespace {
+
+// A server object over its own simulated card (not started: no TCP server, no threads).
+class AcquisitionTest : public testing::Test {
+ protected:
+  void Open(sim::EProducerMode mode, const sim::CSimScene* scene = nullptr) {
+    sim::CSimOptions options;
+    options.Mode = mode;
+    Card = std::make_unique<sim::CSimCardProvider>(options);
+    if (scene) Card->Card().LoadScene(*scene);
+    Server = std::make_unique<CVr480Server>();
+    Server->Driver.SetCardProvider(Card.get());
+    Server->Driver.SetSleepHook([](unsigned long) {});
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(Server->Driver.init_vr480(), 0);
+    testing::internal::GetCapturedStdout();
+  }
+  void TearDown() override {
+    if (Server) Server->Driver.close_vr480();
+  }
+  // The FPGA words the card received since `from`, without the buffer-address words.
+  std::vector<uint32_t> Words(size_t from = 0) {
+    std::vector<uint32_t> words;
+    auto log = Card->Card().CommandLog();
+    for (size_t i = from; i < log.size(); ++i) {
+      const uint32_t code = log[i].Word >> 24;
+      if (code < 0x38 || code > 0x3A) words.push_back(log[i].Word);
+    }
+    return words;
+  }
+  size_t LogSize() { return Card->Card().CommandLog().size(); }
+
+  std::unique_ptr<sim::CSimCardProvider> Card;
+  std::unique_ptr<CVr480Server> Server;
+};
+
+}  // namespace
+
+TEST_F(AcquisitionTest, StartUpPutsTheCardInItsKnownState) {
+  Open(sim::EProducerMode::Step);
+  const size_t from = LogSize();
+  ServerAccess::KnownState(*Server);
+  std::vector<uint32_t> expected = {0x2F0000FA, 0x01000001, 0x08000000, 0x07000000, 0x12008810, 0x1200AAA0,
+                                    0x1200CAA0, 0x17000001, 0x0C000000, 0x30000000, 0x37000000, 0x04000000,
+                                    0x03000000, 0x18000000, 0x19000001, 0x0900001E, 0x0B000028, 0x1A000003,
+                                    0x1B000003};
+  for (uint32_t ch = 0; ch < 6; ++ch) {
+    expected.push_back(0x06000000 | ((0x30 + ch) << 16));
+    expected.push_back(0x0D000000 | ((0x30 + ch) << 16));
+    expected.push_back(0x0F000001 | (ch << 16));
+    expected.push_back(0x0E0000C8 | (ch << 16));
+    expected.push_back(0x100005DC | (ch << 16));
+    expected.push_back(0x11000001 | (ch << 16));
+  }
+  for (uint32_t w : {0x0A000000u, 0x20000000u, 0x21000000u, 0x22000000u, 0x24000000u, 0x26000000u, 0x27000000u,
+                     0x25000000u, 0x28000000u, 0x29000000u, 0x2D000000u, 0x2E000000u, 0x31000000u, 0x32010000u,
+                     0x2A000000u, 0x2B000000u})
+    expected.push_back(w);
+  EXPECT_EQ(Words(from), expected);
+  EXPECT_EQ(Server->DataRateDivider, 1);
+  EXPECT_EQ(Server->GetMuxLevel(), 1);
+  EXPECT_FALSE(Server->bMuxLevelChanged);
+  EXPECT_EQ(Card->Card().LostCommands(), 0u);
+}
+
+TEST_F(AcquisitionTest, StalledMailboxLosesTheCommandButTheShadowKeepsIt) {
+  Open(sim::EProducerMode::Step);
+  Card->Card().SetMailboxStall(true);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(Server->Driver.SetBias(5), -1);
+  const std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(out, "Warning: timeout on S5335 OMBX1.  Last command is lost.\nLost Command: 50331653  (cmd= 3, arg=5)\n");
+  EXPECT_EQ(Server->Driver.GetBias(), 5);
+  Card->Card().SetMailboxStall(false);
+  EXPECT_NE(Card->Card().Applied().Bias, 5);
+  EXPECT_EQ(Server->Driver.SetBias(6), 0);
+}
+
+TEST_F(AcquisitionTest, ModeSetterEdgeCasesAsTheCardSeesThem) {
+  Open(sim::EProducerMode::Step);
+  ServerAccess::KnownState(*Server);
+
+  size_t from = LogSize();
+  Server->SetMuxLevel(3);  // not a level: level 1, both opto outputs off
+  EXPECT_EQ(Server->GetMuxLevel(), 1);
+  EXPECT_EQ(Words(from), (std::vector<uint32_t>{0x2A000000, 0x2B000000}));
+
+  Server->MinDataRateDivider = 2;
+  from = LogSize();
+  Server->SetDataRateDivider(0);
+  EXPECT_EQ(Server->DataRateDivider, 2);
+  Server->SetDataRateDivider(5000);
+  EXPECT_EQ(Server->DataRateDivider, 2000);
+  EXPECT_EQ(Words(from), (std::vector<uint32_t>{0x17000002, 0x170007D0}));
+
+  Server->MinDataRateDivider = 3;
+  from = LogSize();
+  EXPECT_EQ(Server->SetOperatingMode(1), -1);
+  EXPECT_EQ(Server->SetMuxLevel(2), -1);
+  EXPECT_TRUE(Words(from).empty());
+
+  Server->MinDataRateDivider = 1;
+  Server->SetDataRateDivider(1);
+  ASSERT_EQ(Server->SetMuxLevel(2), 0);
+  EXPECT_TRUE(Server->bMuxLevelChanged);
+  from = LogSize();
+  Server->SetDataRateDivider(7);  // no divider while a multiplexer cycles
+  EXPECT_EQ(Server->DataRateDivider, 1);
+  EXPECT_TRUE(Words(from).empty());
+
+  EXPECT_EQ(Server->Switchdown(0), Server->Switchdown(1));
+  EXPECT_EQ(Server->Switchdown(12), Server->Switchdown(9));
+  EXPECT_EQ(Server->Switchdown(9), 4500);
+}
+
+TEST_F(AcquisitionTest, FetchedRecordsArePatchedBeforeAnyoneReadsThem) {
+  sim::CSimScene scene = sim::DefaultScene();
+  scene.Sensors[1].clear();
+  for (int i = 0; i < 20; ++i) scene.Sensors[1].push_back({1525.0 + 2.0 * i, 0.0, 12000.0});
+  Open(sim::EProducerMode::FreeRunning, &scene);
+  ServerAccess::KnownState(*Server);
+  Server->Driver.SetSOADrive(30000);
+  Server->Driver.SetScanAmp(40800);
+  Server->Driver.SetBias(28620);
+
+  Server->ChEnable[2] = false;  // logical channel 3: DUT channel 2 of layer 0
+  for (int i = 0; i < 20; ++i) Server->GetData();
+  struct_dma_peaks_data* rec = Server->pPeaks;
+  EXPECT_EQ(Server->pLastPeaks.load(), rec);
+  EXPECT_EQ(rec->status.Byte49, 3);
+  EXPECT_GT(rec->status.NumPeaks[2], 0);
+  EXPECT_GT(rec->status.NumPeaks[3], 0);
+  EXPECT_EQ(rec->status.NumPeaks[4], 0) << "a disabled channel reports no peaks";
+  EXPECT_EQ(FpgaWatchDog.load(), 0u);
+
+  // The grating taken from DUT channel 1's list: its first 16 peaks.
+  Server->FbgChannel = 3;
+  Server->GetData();
+  rec = Server->pPeaks;
+  ASSERT_EQ(rec->status.NumPeaks[3], 20);
+  EXPECT_EQ(rec->status.NumPeaks[0], 16);
+  for (int i = 0; i < 16; ++i) EXPECT_EQ(rec->FbgPeaks[i], rec->DutPeaks[1][i]);
+  EXPECT_EQ(rec->status.FbgPosition & 0xFFFFFF, rec->DutPeaks[1][0] & 0xFFFFFF);
+
+  // Layers: the card numbers 1 and 2 the other way round; after the fetch the layer of a
+  // sweep is its sweep counter modulo the level.
+  Server->FbgChannel = 0;
+  ASSERT_EQ(Server->SetMuxLevel(4), 0);
+  for (int i = 0; i < 40; ++i) Server->GetData();
+  for (int i = 0; i < 8; ++i) {
+    Server->GetData();
+    rec = Server->pPeaks;
+    ASSERT_EQ(rec->AppliedLevelBits(), 3);
+    EXPECT_EQ(static_cast<uint32_t>(rec->Layer()), rec->status.SweepCounter % 4);
+  }
+}
+
+TEST_F(AcquisitionTest, TemperatureMonitorLogsEachNewExtreme) {
+  Open(sim::EProducerMode::FreeRunning);
+  ServerAccess::KnownState(*Server);
+  auto monitorAt = [&](double degC) {
+    Card->Card().SetInternalTemperature(degC);
+    for (int i = 0; i < 10; ++i) Server->GetData();
+    testing::internal::CaptureStdout();
+    Server->TemperatureMonitor();
+    return testing::internal::GetCapturedStdout();
+  };
+  EXPECT_EQ(monitorAt(35.0).find("#LOG_ENTRY"), std::string::npos);
+  EXPECT_NE(monitorAt(50.5).find("#LOG_ENTRY Warning: Internal operating temperature is 50.500000 C."),
+            std::string::npos);
+  EXPECT_EQ(monitorAt(50.2).find("#LOG_ENTRY"), std::string::npos) << "not a new extreme";
+  EXPECT_NE(monitorAt(51.0).find("is 51.000000 C."), std::string::npos);
+  EXPECT_NE(monitorAt(-1.0).find("is -1.000000 C."), std::string::npos);
+  EXPECT_FLOAT_EQ(Server->MaxInternalTempC, 51.0f);
+  EXPECT_FLOAT_EQ(Server->MinInternalTempC, -1.0f);
+}
+
+TEST_F(AcquisitionTest, MultiplexerChangeRebuildsTheAveragingStore) {
+  Open(sim::EProducerMode::FreeRunning);
+  ServerAccess::KnownState(*Server);
+  ASSERT_TRUE(Server->AllocateRings());
+  ServerAccess::BuildTable(*Server);
+  testing::internal::CaptureStdout();
+  ServerAccess::InitAveraging(*Server);
+  Server->SetNumAverages(9, 5, 7);  // a layer not in use yet: stored for later
+  bRun = true;
+  ASSERT_EQ(Server->SetMuxLevel(4), 0);
+  ServerAccess::Pass(*Server);
+  bRun = false;
+  const std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_NE(out.find("MuxLevel changed to 4.  Releasing WvlAvg buffers...OK.\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("New Mux Level ----->3\n"), std::string::npos);
+  EXPECT_EQ(Server->WvlAvg.GetTargetNumAvg(9, 5), 7);
+  EXPECT_EQ(Server->GetNumAverages(9, 5), 7);
+  EXPECT_EQ(Server->pPeaks->AppliedLevelBits(), 3);
+}
