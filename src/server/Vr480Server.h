@@ -323,6 +323,15 @@ class CVr480Server {
   int SaveWvlGains();
   friend struct SettingsFilesAccess;  // the settings-file tests load the tables as start-up does
 
+  // ---- Laser commands and control loops ----
+  // The scan loop's target width of the comb stretch: AutoScanSpan = fraction of the sweep,
+  // AutoScanTargetCounts = truncate(fraction x 65536). Any thread. Returns 0.
+  int SetScanAmpTargetSpan(double fraction);
+  Relaxed<int32_t> AutoScanTargetCounts = 45875;  // counts (0.7 of the sweep); SetScanAmpTargetSpan
+  int32_t AutoScanCalls = 0;                      // scan-loop calls since it was last satisfied; acquisition
+  friend struct LaserCommandAccess;  // the laser commands rebuild the delay table after a rate change
+  friend struct ControlLoopAccess;   // the control-loop tests drive the acquisition stages record by record
+
   // ---- Data retrieval ----
   // Reply buffers of the data commands, one row per caller (0-9 clients, 10 the internal
   // caller), each touched only by its caller's thread. Like the ring slots, each keeps 12 spare
