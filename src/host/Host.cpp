@@ -48,7 +48,7 @@ std::string TimeStamp() {
   clock_gettime(CLOCK_REALTIME, &ts);
   tm t{};
   gmtime_r(&ts.tv_sec, &t);
-  char buf[48];
+  char buf[80];
   std::snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ", t.tm_year + 1900, t.tm_mon + 1,
                 t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, ts.tv_nsec / 1000000);
   return buf;

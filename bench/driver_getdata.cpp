@@ -1,0 +1,50 @@
+// Records per second that the simulated card delivers through the driver interface in
+// free-running mode: the ceiling for benchmarks that drive the server beyond real time
+// (the instrument's fastest rate is 2000 records per second).
+#include <benchmark/benchmark.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "device/DriverInterface.h"
+#include "sim/SimCardProvider.h"
+
+static void BM_DriverGetDataFreeRunning(benchmark::State& state) {
+  sim::CSimOptions options;
+  options.Mode = sim::EProducerMode::FreeRunning;
+  sim::CSimCardProvider card(options);
+  C480_DriverInterface driver(&card);
+  driver.SetSleepHook([](unsigned long) {});
+  // init's console lines would mix with the benchmark's table.
+  std::fflush(stdout);
+  const int saved = ::dup(STDOUT_FILENO);
+  const int null = ::open("/dev/null", O_WRONLY);
+  ::dup2(null, STDOUT_FILENO);
+  const int ok = driver.init_vr480();
+  std::fflush(stdout);
+  ::dup2(saved, STDOUT_FILENO);
+  ::close(null);
+  ::close(saved);
+  if (ok != 0) {
+    state.SkipWithError("init_vr480 failed");
+    return;
+  }
+  // The laser at its working point, so that records carry a realistic peak load.
+  driver.EnableDMA(true);
+  driver.SetSOADrive(30000);
+  driver.SetScanAmp(40800);
+  driver.SetBias(28620);
+  uint64_t peaks = 0;
+  for (auto _ : state) {
+    struct_dma_peaks_data* rec = nullptr;
+    driver.GetData(&rec);
+    peaks += rec->status.NumPeaks[1] + rec->status.NumPeaks[2];
+  }
+  benchmark::DoNotOptimize(peaks);
+  state.SetItemsProcessed(state.iterations());
+  state.counters["overruns"] = static_cast<double>(card.Card().Overruns());
+  driver.close_vr480();
+}
+BENCHMARK(BM_DriverGetDataFreeRunning)->MinTime(2.0)->UseRealTime();
