@@ -42,6 +42,16 @@ class CSimRandom {
   // Uniform in [0, 1).
   double Uniform() { return static_cast<double>(Next() >> 11) * 0x1.0p-53; }
 
+  // Normal deviate limited to two standard deviations: a detector's peak-centre estimate
+  // scatters like a normal deviate but never by more than a couple of sigma (it would not
+  // have found the peak). Deviates beyond the limit are drawn again.
+  double BoundedNormal(double sigma) {
+    for (;;) {
+      const double x = Normal(1.0);
+      if (x >= -2.0 && x <= 2.0) return x * sigma;
+    }
+  }
+
   // Normal deviate with mean 0 and the given standard deviation.
   double Normal(double sigma) {
     if (bSpare) {

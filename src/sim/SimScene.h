@@ -28,7 +28,7 @@
 //   group_index <n>             the fibre's true group index, default 1.46
 //   latency <counts>            peak detector latency, default 160
 //   kappa <counts/dB>           peak shift per dB of detector gain, default 0
-//   peak_noise <counts>         sigma of a detected position, default 0.5
+//   peak_noise <counts>         sigma of a detected position (bounded at 2 sigma), default 0.3
 //   sample_noise <units>        sigma of a full-spectrum sample, default 20
 //   grating_amplitude <units>   default 20000;  comb_amplitude <units>: default 15000
 //   grating_list <0|2-5>        peak list that carries the grating, default 0

@@ -94,7 +94,7 @@ void CSimSynthesizer::CollectGrating(const CRecordJob& job, int list, bool forSa
       Lines.push_back({xk, amp, width});
     } else if (InSoaWindow(job.Settings, xk)) {
       const double p = xk + o.DetectorLatencyCounts + o.CountsPerDb * GainDb(job.Settings.Gain[list]) +
-                       Random.Normal(o.PeakNoiseCounts);
+                       Random.BoundedNormal(o.PeakNoiseCounts);
       Candidates.push_back({p, amp});
     }
   }
@@ -114,7 +114,7 @@ void CSimSynthesizer::CollectComb(const CRecordJob& job) {
   for (long j = jHigh; j >= jLow; --j) {
     const double x = Sweep->PositionOf(o.CombRefThz + j * fsr);
     if (x < 0.0 || !InSoaWindow(job.Settings, x)) continue;
-    Candidates.push_back({x + shift + Random.Normal(o.PeakNoiseCounts), o.CombAmplitude * gain});
+    Candidates.push_back({x + shift + Random.BoundedNormal(o.PeakNoiseCounts), o.CombAmplitude * gain});
   }
 }
 
@@ -138,7 +138,7 @@ void CSimSynthesizer::CollectSensors(const CRecordJob& job, int dutChannel, bool
       const double width = thz * s.FwhmNm / ThzToNm(o, thz) * Sweep->CountsPerThz(thz);
       Lines.push_back({x + tof, amp, width});
     } else if (InSoaWindow(job.Settings, x)) {
-      const double p = x + o.DetectorLatencyCounts + tof + o.CountsPerDb * db + Random.Normal(o.PeakNoiseCounts);
+      const double p = x + o.DetectorLatencyCounts + tof + o.CountsPerDb * db + Random.BoundedNormal(o.PeakNoiseCounts);
       Candidates.push_back({p, amp});
     }
   }

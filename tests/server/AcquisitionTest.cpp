@@ -5,16 +5,8 @@
 
 #include <memory>
 
-#include "server/Globals.h"
-#include "server/Vr480Server.h"
-#include "sim/SimCardProvider.h"
+#include "ServerAccess.h"
 
-struct ServerAccess {
-  static void KnownState(CVr480Server& s) { s.PutCardInKnownState(); }
-  static void Pass(CVr480Server& s) { s.AcquisitionPass(); }
-  static void InitAveraging(CVr480Server& s) { s.InitAveragingStore(); }
-  static int BuildTable(CVr480Server& s) { return s.build_FBG_Vth2Thz_LUT(); }
-};
 
 namespace {
 
