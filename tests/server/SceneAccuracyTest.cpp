@@ -60,6 +60,9 @@ TEST(SceneAccuracy, EveryRecordCarriesTheScenesWavelengths) {
     ++records;
   }
   bRun = false;
+  // The grating temperature the server reads from the thermistor is the scene's.
+  const double degC = s.thermistor_Vth2degC(s.pLastPeaks.load()->status.Vth);
+  EXPECT_NEAR(degC, cs.Card->Card().GratingTemperature(), 0.01);
   for (int ch = 0; ch < 4; ++ch)
     for (int j = 0; j < 3; ++j) EXPECT_NEAR(sum[ch][j] / records, 0.0, 1.0) << "mean, channel " << ch << " sensor " << j;
   RecordProperty("worst_error_pm", std::to_string(worst));
