@@ -1,16 +1,12 @@
 #include "settings/TagManager.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
 #include <limits>
 #include <new>
 
+#include "settings/SettingsWrite.h"
 #include "settings/TkString.h"
 
 namespace {
@@ -21,57 +17,6 @@ const char* const kNoRemark = "No Help Available.";
 
 std::string Canonical(const std::string& command, const std::string& argument) {
   return command + " = \"" + argument + "\"";
-}
-
-enum class EWrite { kOk, kOpenFailed, kWriteFailed };
-
-bool WriteAll(int fd, const std::string& content) {
-  const char* p = content.data();
-  size_t left = content.size();
-  while (left > 0) {
-    const ssize_t n = ::write(fd, p, left);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    p += n;
-    left -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
-// Replaces `path` with `content` so that a power cut at any moment leaves either the old file
-// or the complete new one: the settings partition is remounted read-write only for the save,
-// and a half-written tag file would be replayed at the next start-up as a truncated script.
-// The temporary file lies next to the target because rename() is atomic only within one file
-// system.
-EWrite ReplaceFile(const std::string& path, const std::string& content) {
-  const size_t slash = path.rfind('/');
-  const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-
-  std::string temp = path + ".XXXXXX";
-  const int fd = ::mkostemp(temp.data(), O_CLOEXEC);
-  if (fd < 0) return EWrite::kOpenFailed;
-
-  // mkostemp creates the file private; give it the old file's mode, or what a plain create
-  // would typically give, so that the saved file stays readable for the diagnostic tools.
-  struct stat old {};
-  ::fchmod(fd, ::stat(path.c_str(), &old) == 0 ? (old.st_mode & 07777) : 0644);
-
-  const bool bWritten = WriteAll(fd, content) && ::fsync(fd) == 0;
-  const bool bClosed = ::close(fd) == 0;
-  if (!bWritten || !bClosed || ::rename(temp.c_str(), path.c_str()) != 0) {
-    ::unlink(temp.c_str());
-    return EWrite::kWriteFailed;
-  }
-
-  // Make the rename itself durable; the caller's sync covers it too, so a failure is harmless.
-  const int dirFd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dirFd >= 0) {
-    ::fsync(dirFd);
-    ::close(dirFd);
-  }
-  return EWrite::kOk;
 }
 
 // Column n of an argument text as the handlers read it (1-based; missing or n <= 0 gives "").
@@ -310,13 +255,13 @@ int CTagManager::SaveTags(const std::string& base) {
     content += '\n';
   }
 
-  switch (ReplaceFile(TagFileName, content)) {
-    case EWrite::kOk:
+  switch (ReplaceFileAtomically(TagFileName, content)) {
+    case EFileWrite::kOk:
       return 0;
-    case EWrite::kOpenFailed:
+    case EFileWrite::kOpenFailed:
       std::cout << "Error opening output Tag File " << TagFileName << "\n";
       return -1;
-    case EWrite::kWriteFailed:
+    case EFileWrite::kWriteFailed:
       std::cout << "Error writing output Tag File " << TagFileName << "\n";
       return -1;
   }
@@ -349,7 +294,7 @@ int CTagManager::DumpTags(const std::string& fileName, int mode) const {
   for (size_t i = 0; i < TagList.size(); ++i) {
     content += "Tag[" + std::to_string(i) + "] " + TagList[i].Tag + lineEnd;
   }
-  if (ReplaceFile(fileName, content) != EWrite::kOk) {
+  if (ReplaceFileAtomically(fileName, content) != EFileWrite::kOk) {
     std::cout << "Error opening " << fileName << ".\n";
     return -1;
   }

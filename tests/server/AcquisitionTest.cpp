@@ -14,19 +14,10 @@ namespace {
 class AcquisitionTest : public testing::Test {
  protected:
   void Open(sim::EProducerMode mode, const sim::CSimScene* scene = nullptr) {
-    sim::CSimOptions options;
-    options.Mode = mode;
-    Card = std::make_unique<sim::CSimCardProvider>(options);
-    if (scene) Card->Card().LoadScene(*scene);
-    Server = std::make_unique<CVr480Server>();
-    Server->Driver.SetCardProvider(Card.get());
-    Server->Driver.SetSleepHook([](unsigned long) {});
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(Server->Driver.init_vr480(), 0);
-    testing::internal::GetCapturedStdout();
-  }
-  void TearDown() override {
-    if (Server) Server->Driver.close_vr480();
+    Rig = std::make_unique<CCardServer>(mode, scene);
+    ASSERT_TRUE(Rig->bOpen);
+    Card = Rig->Card.get();
+    Server = Rig->Server.get();
   }
   // The FPGA words the card received since `from`, without the buffer-address words.
   std::vector<uint32_t> Words(size_t from = 0) {
@@ -40,8 +31,9 @@ class AcquisitionTest : public testing::Test {
   }
   size_t LogSize() { return Card->Card().CommandLog().size(); }
 
-  std::unique_ptr<sim::CSimCardProvider> Card;
-  std::unique_ptr<CVr480Server> Server;
+  std::unique_ptr<CCardServer> Rig;
+  sim::CSimCardProvider* Card = nullptr;
+  CVr480Server* Server = nullptr;
 };
 
 }  // namespace
