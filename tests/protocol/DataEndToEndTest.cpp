@@ -8,6 +8,8 @@
 // laser, trigger and multiplexer commands) skip themselves while those answer as unknown.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -465,4 +467,59 @@ TEST_F(DataEndToEnd, WebStatusAnswersOneLineOfTwentyOneFields) {
   EXPECT_GE(std::atoi(fields[9].c_str()), 1);  // this client at least
   EXPECT_TRUE(std::regex_match(fields[10], std::regex("-?[0-9]+\\.[0-9][0-9]"))) << fields[10];
   EXPECT_EQ(fields[16], "1");
+}
+
+// The command-line client against the same server (built beside vr480d).
+TEST_F(DataEndToEnd, CommandLineClientPrintsRepliesAndStreams) {
+  const std::string server = VR480D_BINARY;
+  const std::string cli = server.substr(0, server.rfind('/') + 1) + "vr480-cli";
+  if (::access(cli.c_str(), X_OK) != 0) GTEST_SKIP() << "vr480-cli not built";
+  auto run = [&](const std::string& args, int* status) {
+    std::string out;
+    FILE* p = ::popen((cli + " --port " + std::to_string(Server->Port()) + " " + args + " 2>&1").c_str(), "r");
+    char buf[4096];
+    for (size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+    const int st = ::pclose(p);
+    *status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return out;
+  };
+  int status = -1;
+  std::string out = run("'#GET_BUFFER_COUNT'", &status);
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(std::regex_match(out, std::regex("[0-9]+\n"))) << out;
+  out = run("'#GET_DATA'", &status);
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(std::regex_search(out, std::regex("^record: [0-9]+ bytes, type 1, status [0-9]+, sweep [0-9]+"))) << out;
+  out = run("'#GET_DATA' 5", &status);
+  EXPECT_EQ(status, 1);
+  EXPECT_EQ(out, "!Invalid command or argument: #GET_DATA 5.\n");
+
+  out = run("--stream 20", &status);
+  EXPECT_EQ(status, 0) << out;
+  std::smatch m;
+  std::string rest = out;
+  uint32_t last = 0;
+  int lines = 0;
+  while (std::regex_search(rest, m, std::regex("sweep ([0-9]+) sensors ([0-9]+)[^\n]*\n"))) {
+    const uint32_t sweep = static_cast<uint32_t>(std::stoul(m[1]));
+    if (last) {
+      EXPECT_EQ(sweep, last + 1);
+    }
+    last = sweep;
+    ++lines;
+    rest = m.suffix();
+  }
+  EXPECT_EQ(lines, 20) << out;
+
+  const int unused = FreePort();
+  out = [&] {
+    std::string o;
+    FILE* p = ::popen((cli + " --port " + std::to_string(unused) + " '#GET_DATA' 2>&1").c_str(), "r");
+    char buf[512];
+    for (size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) o.append(buf, n);
+    const int st = ::pclose(p);
+    status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return o;
+  }();
+  EXPECT_EQ(status, 2) << out;
 }
