@@ -1,0 +1,127 @@
+// The whole server in this process: a fresh workstation root, the simulated card pacing its
+// records in real time, Init and Run exactly as vr480d runs them (Run on a thread of its own),
+// and the TCP command server on a free loopback port. Tests talk to it as clients do and read
+// back what the card received (command log, LEDs, applied settings) through the card's
+// control API, which a separate vr480d process would hide.
+//
+// One at a time per process: the server uses the process-wide host, card seam, options and
+// stop flags.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "device/CardSeam.h"
+#include "host/Host.h"
+#include "server/Globals.h"
+#include "server/Options.h"
+#include "server/Vr480Server.h"
+#include "sim/SimCardProvider.h"
+#include "support/ServerProcess.h"
+#include "support/TempDir.h"
+#include "support/TestClient.h"
+
+namespace laser_test {
+
+// FPGA command codes the tests look for in the card's log.
+constexpr uint8_t kBiasCode = 0x03;
+constexpr uint8_t kScanAmpCode = 0x04;
+constexpr uint8_t kReadyLedCode = 0x07;
+constexpr uint8_t kDataRateDividerCode = 0x17;
+constexpr uint8_t kSoaDriveCode = 0x18;
+constexpr uint8_t kSoaOnCountCode = 0x2D;
+constexpr uint8_t kSyncHiCode = 0x31;
+constexpr uint8_t kSyncLoCode = 0x32;
+
+// Settings that put the simulated laser at its ready bias and scan amplitude from the start
+// (its default internal temperature is 35 degC), so that tests not about the loops do not
+// wait for them. They follow the baseline lines of a fresh root and override them.
+inline std::vector<std::string> ReadyLaserTags() {
+  return {"#SET_SCAN_AMP = \"40800\"", "#SET_INITIAL_BIAS = \"28440\""};
+}
+
+class CInProcessServer {
+ public:
+  explicit CInProcessServer(const std::vector<std::string>& extraTags = ReadyLaserTags()) {
+    std::string error;
+    EXPECT_TRUE(PrepareWorkstationRoot(Root.Path(), error)) << error;
+    {
+      std::ofstream tags(Root / "vr480/vr480.tag", std::ios::app);
+      for (const std::string& line : extraTags) tags << line << "\n";
+    }
+    InstallHost(Root.Path());
+    sim::CSimOptions options;
+    options.Root = Root.Path();
+    Provider = std::make_shared<sim::CSimCardProvider>(options);
+    InstallCard(Provider);
+    ServerOptions.Port = FreePort();
+    ServerOptions.ListenAddress = "127.0.0.1";
+
+    bStopSignalled = false;
+    Server = std::make_unique<CVr480Server>();
+    InitCode = Server->Init();
+    EXPECT_EQ(InitCode, kInitOk);
+    if (InitCode == kInitOk) Acquisition = std::thread([this] { Server->Run(); });
+  }
+
+  ~CInProcessServer() {
+    // A stop asked for before Run starts its loop is still honoured (Run checks the flag).
+    bStopSignalled = true;
+    bRun = false;
+    if (Acquisition.joinable()) Acquisition.join();
+    Server->Shutdown();
+    Server.reset();
+    bStopSignalled = false;
+    InstallCard(std::make_shared<CRealCardProvider>());
+    InstallHost("/");
+    ServerOptions = CServerOptions();
+  }
+
+  CVr480Server& S() { return *Server; }
+  sim::CSimCard& Card() { return Provider->Card(); }
+  int Port() const { return ServerOptions.Port; }
+  const std::string& RootPath() const { return Root.Path(); }
+  bool Started() const { return InitCode == kInitOk; }
+
+  // The arguments of the words with `code` the card received since `from` (a log size).
+  std::vector<uint32_t> Sent(uint8_t code, size_t from) {
+    std::vector<uint32_t> args;
+    const auto log = Card().CommandLog();
+    for (size_t i = from; i < log.size(); ++i)
+      if (log[i].Word >> 24 == code) args.push_back(log[i].Word & 0xFFFFFF);
+    return args;
+  }
+  size_t LogSize() { return Card().CommandLog().size(); }
+
+ private:
+  CTempDir Root;
+  std::shared_ptr<sim::CSimCardProvider> Provider;
+  std::unique_ptr<CVr480Server> Server;
+  std::thread Acquisition;
+  int16_t InitCode = -1;
+};
+
+// Polls a condition every 20 ms until it holds or the time is up.
+template <class Condition>
+bool WaitFor(Condition condition, std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
+// Waits until "#READY?" answers 1.
+inline bool WaitReady(CTestClient& client, std::chrono::milliseconds timeout = std::chrono::seconds(15)) {
+  return WaitFor([&] { return client.Command("#READY?") == "1"; }, timeout);
+}
+
+}  // namespace laser_test
