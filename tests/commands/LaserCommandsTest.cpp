@@ -184,7 +184,13 @@ TEST_F(LaserCommands, LoopSettingsRangesAndClamps) {
   // Sixteen-bit fields keep the low 16 bits.
   EXPECT_EQ(Cmd("#SET_MAX_BIAS_ERROR 65556"), "Max bias error set to 20.\n");
   EXPECT_EQ(Cmd("#GET_MAX_BIAS_ERROR"), "20");
+  // Once acquisition runs, the initial bias no longer moves the loops' fall-back bias.
   EXPECT_EQ(Cmd("#GET_INITIAL_BIAS"), "28440");
+  EXPECT_EQ(S().Bias, 28440);
+  EXPECT_EQ(Cmd("#SET_INITIAL_BIAS 28500"), "Initial bias set to 28500.\n");
+  EXPECT_EQ(Cmd("#GET_INITIAL_BIAS"), "28500");
+  EXPECT_EQ(S().Bias, 28440);
+  EXPECT_EQ(Cmd("#SET_INITIAL_BIAS 28440"), "Initial bias set to 28440.\n");
 
   EXPECT_EQ(Cmd("#SET_PEAK_AMP_BUF_DEPTH 500"), "Setting Peak Amplitude Buffer Depth to 128.\n");
   EXPECT_EQ(Cmd("#GET_PEAK_AMP_BUF_DEPTH"), "128");
@@ -288,6 +294,7 @@ TEST_F(LaserCommands, AnalogOutputs) {
   // A sensor that has no values yet gives the averaging store's empty mark.
   EXPECT_EQ(Cmd("#SET_AVO_REFERENCE 3"), "Setting AVO Ch 3 reference loc to -2147.483648.\n");
   EXPECT_EQ(Cmd("#GET_AVO_REFERENCE 3"), "-2147.483648");
+  EXPECT_EQ(S().AvoReference[2], -2147483648.0);
   EXPECT_FALSE(HasTagOf("#SET_AVO_REFERENCE "));
   EXPECT_EQ(Cmd("#SET_AVO_SENSOR 3 3"), "Referencing AVO Ch 3 to optical sensor 3.\n");
 

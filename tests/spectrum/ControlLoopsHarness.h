@@ -65,6 +65,7 @@ class CLoopBench {
 
     Server = std::make_unique<CVr480Server>();
     Server->Driver.SetCardProvider(Provider.get());
+    Server->Driver.SetSleepHook([](unsigned long) {});  // the card needs no settling time in Step mode
     EXPECT_EQ(Server->Driver.init_vr480(), 0);
     ControlLoopAccess::PutCardInKnownState(*Server);
     EXPECT_TRUE(Server->AllocateRings());
