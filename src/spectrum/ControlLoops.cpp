@@ -92,7 +92,9 @@ int CVr480Server::AutoBias() {
   return e;
 }
 
-// Status of the scan loop, as the front panel and "#READY?" see it.
+// Status of the scan loop, as the front panel and "#READY?" see it. The ready LED is switched
+// only when its state changes: the loop runs ten times a second, and every switch is a word
+// through the card's single mailbox that the other threads' commands wait behind.
 namespace {
 
 void ShowInitializing(C480_DriverInterface& driver, std::atomic<bool>& ready) {
