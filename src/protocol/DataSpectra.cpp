@@ -146,7 +146,11 @@ int GetRawSpectrum(CCommandContext& c) {
     std::unique_lock<std::mutex> lock(s.SpectrumMutex);
     s.SpectrumCond.wait_for(lock, 1s);
   }
-  std::memcpy(copy, s.RawSpectrumBuffer, kRawSpectrumBytes);
+  {
+    // The acquisition thread replaces the raw spectrum under this lock when a cycle completes.
+    std::lock_guard<std::mutex> g(s.FsCalMutex);
+    std::memcpy(copy, s.RawSpectrumBuffer, kRawSpectrumBytes);
+  }
   SetType(copy, kTypeRawSpectrum);
   // The raw spectrum lies on sweep points, not on a wavelength grid: its scale words say one
   // unit per point, from point 0 to point 32767.
