@@ -426,6 +426,17 @@ TEST_F(DataEndToEnd, CountsRawRecordAndSpectraTravelInTheirFrames) {
   f = ReadRawFrame(*c);
   ASSERT_TRUE(f.Ok);
   EXPECT_TRUE(f.Digits == "0000000512" || f.Digits == "0000000000") << f.Digits;
+  if (c->Command("#GET_ZOR_FS_ENABLE") == "1") {
+    EXPECT_EQ(f.Digits, "0000000512");
+    c->Command("#SET_ZOR_FS_ENABLE 0");
+    // Ten zeros and no body: the next bytes are already the next reply's.
+    ASSERT_TRUE(c->Send("#GET_HIGH_SPEED_FS"));
+    ASSERT_TRUE(c->Send("#GET_ZOR_FS_ENABLE"));
+    std::string bytes;
+    ASSERT_TRUE(c->ReadExact(21, &bytes));
+    EXPECT_EQ(bytes, "00000000000000000001" "0");
+    c->Command("#SET_ZOR_FS_ENABLE 1");
+  }
 
   // Spectra: a calibrated spectrum is 88 + 65536 bytes of type 2, the raw one of type 6.
   const bool spectrumEngine = Server->Output().find("Entering FS Calibration thread...") != std::string::npos;
