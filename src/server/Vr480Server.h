@@ -362,6 +362,21 @@ class CVr480Server {
   SPanelTexts PanelTexts;             // guarded by PanelTextsLock
   mutable std::mutex PanelTextsLock;
 
+  // ---- Full spectrum ----
+  // The acquisition thread interleaves 128 sweeps of samples into FsAssembly. When a cycle is
+  // complete it copies the spectrum and its header into RawSpectrumBuffer, and the comb that
+  // scales it into the FsFfpi fields, under FsCalMutex, and counts FsCalGeneration up; the
+  // calibration thread copies them out under the same lock and resamples its own copy.
+  static constexpr int kFsPoints = 32768;               // points of a full spectrum: 128 phases x 256 samples
+  int16_t FsAssembly[kFsPoints] = {};                   // full spectrum being assembled; acquisition
+  int16_t PeakAmpCache[kMaxMuxLevel][kFsSamples] = {};  // last amplitude per layer and sample; acquisition
+  int32_t FsFfpiPoints[kSensorsPerChannel] = {};        // comb teeth of the finished spectrum, spectrum points; under FsCalMutex
+  double FsFfpiThz[kSensorsPerChannel] = {};            // their frequencies, THz; under FsCalMutex
+  int32_t FsFfpiCount = 0;                              // teeth in FsFfpiPoints, 0 when the record had no scale; under FsCalMutex
+  int32_t FsFfpiRefIndex = 0;                           // that record's reference tooth (FfpiRefPeakIndex); under FsCalMutex
+  uint32_t FsCalGeneration = 0;                         // full spectra handed over so far; under FsCalMutex
+  friend struct FullSpectrumAccess;                     // the spectrum tests drive the acquisition stages and the thread
+
  private:
   // Start-up stages, in the order Init runs them.
   int16_t OpenCard();

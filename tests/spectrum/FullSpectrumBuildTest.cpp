@@ -1,0 +1,257 @@
+// The acquisition thread's share of the full spectrum, on hand-made records: the raw sample
+// history and the peak amplitudes searched in it, the interleaving of 128 sweeps into one
+// spectrum, and the hand-over of each finished spectrum.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+
+#include "FullSpectrumHarness.h"
+
+using fstest::Feed;
+using fstest::MakeRecord;
+
+namespace {
+
+std::unique_ptr<CVr480Server> MakeServer() {
+  auto s = std::make_unique<CVr480Server>();
+  EXPECT_TRUE(s->AllocateRings());
+  return s;
+}
+
+void FillHistory(CVr480Server& s, int layer, uint16_t value) {
+  for (int d = 0; d < kFsHistoryDepth; ++d)
+    for (int k = 0; k < kFsSamples; ++k) s.FS_RawHistoryBuffer[layer][d][k] = value;
+}
+
+void MarkAllDirty(CVr480Server& s) {
+  for (auto& row : s.PeakAmpDirty)
+    for (bool& dirty : row) dirty = true;
+}
+
+uint32_t RawU32(const CVr480Server& s, size_t at) {
+  uint32_t v;
+  std::memcpy(&v, s.RawSpectrumBuffer + at, 4);
+  return v;
+}
+
+int16_t RawPoint(const CVr480Server& s, int i) {
+  int16_t v;
+  std::memcpy(&v, s.RawSpectrumBuffer + 100 + 2 * i, 2);
+  return v;
+}
+
+}  // namespace
+
+TEST(FullSpectrumBuild, HistoryFillsPerLayerAndWrapsAtItsDepth) {
+  auto s = MakeServer();
+  s->PeakAmpBufDepth = 4;
+  for (auto& row : s->PeakAmpDirty)
+    for (bool& dirty : row) dirty = false;
+
+  auto r = MakeRecord(0, 2, 2, 4, 500);
+  Feed(*s, r);
+  FullSpectrumAccess::BuildRawFSBuffer(*s);
+  EXPECT_EQ(s->FsHistoryIndex[2], 1);
+  EXPECT_EQ(s->FsHistoryIndex[0], 0) << "each layer has its own history";
+  EXPECT_EQ(s->FS_RawHistoryBuffer[2][0][7], 507) << "the low 16 bits of each word";
+  for (int i = 0; i < 3; ++i) FullSpectrumAccess::BuildRawFSBuffer(*s);
+  EXPECT_EQ(s->FsHistoryIndex[2], 0) << "wrapped at the depth";
+  EXPECT_TRUE(s->PeakAmpDirty[0][200]) << "every cached amplitude is stale after a wrap";
+  EXPECT_TRUE(s->PeakAmpDirty[3][0]);
+
+  // A depth lowered below the index wraps it at the next record.
+  s->PeakAmpBufDepth = 128;
+  for (int i = 0; i < 10; ++i) FullSpectrumAccess::BuildRawFSBuffer(*s);
+  ASSERT_EQ(s->FsHistoryIndex[2], 10);
+  s->PeakAmpBufDepth = 5;
+  FullSpectrumAccess::BuildRawFSBuffer(*s);
+  EXPECT_EQ(s->FsHistoryIndex[2], 0);
+}
+
+TEST(FullSpectrumBuild, PeakAmplitudeSearchesTheWindowOverTheHistoryAndCachesIt) {
+  auto s = MakeServer();
+  FillHistory(*s, 1, 300);
+  MarkAllDirty(*s);
+
+  // Window 1 covers the sample below and the sample itself, in any of the recent sweeps.
+  s->FS_RawHistoryBuffer[1][77][49] = 9000;
+  s->FS_RawHistoryBuffer[1][3][51] = 9500;  // above the window
+  EXPECT_EQ(s->GetPeakAmplitude(1, 50), 9000);
+  EXPECT_EQ(s->GetPeakAmplitude(1, 51), 9500);
+  EXPECT_EQ(s->GetPeakAmplitude(0, 50), 0) << "another layer's history";
+
+  // Cached until the history wraps.
+  s->FS_RawHistoryBuffer[1][0][50] = 12000;
+  EXPECT_EQ(s->GetPeakAmplitude(1, 50), 9000);
+  MarkAllDirty(*s);
+  EXPECT_EQ(s->GetPeakAmplitude(1, 50), 12000);
+
+  // Only the sweeps inside the depth count.
+  s->FS_RawHistoryBuffer[1][100][60] = 8000;
+  s->PeakAmpBufDepth = 64;
+  MarkAllDirty(*s);
+  EXPECT_EQ(s->GetPeakAmplitude(1, 60), 300);
+
+  // Sample 0 with window 3 is searched around sample 3 (samples 0-5); the top end likewise.
+  s->PeakAmpSearchWnd = 3;
+  s->FS_RawHistoryBuffer[1][5][5] = 7000;
+  s->FS_RawHistoryBuffer[1][5][6] = 7500;
+  MarkAllDirty(*s);
+  EXPECT_EQ(s->GetPeakAmplitude(1, 0), 7000);
+  s->FS_RawHistoryBuffer[1][9][250] = 6000;
+  MarkAllDirty(*s);
+  EXPECT_EQ(s->GetPeakAmplitude(1, 300), 6000);
+  EXPECT_EQ(s->GetPeakAmplitude(1, -4), 7000);
+
+  // Samples compare as signed 16-bit numbers: 0x8000 and above are below zero.
+  s->PeakAmpSearchWnd = 1;
+  FillHistory(*s, 2, 0xFFF0);
+  s->FS_RawHistoryBuffer[2][8][20] = 0x8000;
+  s->FS_RawHistoryBuffer[2][9][20] = 0xFFFF;
+  MarkAllDirty(*s);
+  EXPECT_EQ(s->GetPeakAmplitude(2, 20), -1);
+}
+
+TEST(FullSpectrumBuild, AtStartOnlyTheLowerHalfOfTheSamplesIsComputed) {
+  // The constructor marks samples 0-127 stale; the upper half serves its zero cache until
+  // the history first wraps.
+  auto s = MakeServer();
+  FillHistory(*s, 0, 4000);
+  EXPECT_EQ(s->GetPeakAmplitude(0, 100), 4000);
+  EXPECT_EQ(s->GetPeakAmplitude(0, 200), 0);
+  auto r = MakeRecord(0);
+  Feed(*s, r);
+  for (int i = 0; i < 128; ++i) FullSpectrumAccess::BuildRawFSBuffer(*s);
+  EXPECT_EQ(s->GetPeakAmplitude(0, 200), 1000 + 200) << "the history now holds the records' samples";
+}
+
+TEST(FullSpectrumBuild, SamplesInterleaveByPhaseAndLayer) {
+  auto s = MakeServer();
+  // Grating and comb: every sweep, sample i of phase p at point 128 i + p.
+  auto r = MakeRecord(5, 0, 1, 1, 2000);
+  Feed(*s, r);
+  FullSpectrumAccess::BuildSpectrum(*s);
+  EXPECT_EQ(s->FsAssembly[5], 2000);
+  EXPECT_EQ(s->FsAssembly[128 * 9 + 5], 2009);
+  EXPECT_EQ(s->FsAssembly[128 * 255 + 5], 2255);
+  EXPECT_EQ(s->FsAssembly[6], 0);
+
+  // Also on a record of layer 3: the grating's detector is not multiplexed.
+  r = MakeRecord(6, 3, 0, 4, 3000);
+  Feed(*s, r);
+  FullSpectrumAccess::BuildSpectrum(*s);
+  EXPECT_EQ(s->FsAssembly[128 * 9 + 6], 3009);
+
+  // A DUT channel at level 2: layer 1 takes the upper half at half the resolution.
+  r = MakeRecord(7, 1, 3, 2, 4000);
+  Feed(*s, r);
+  FullSpectrumAccess::BuildSpectrum(*s);
+  const int o = (32768 + 7) / 2;
+  EXPECT_EQ(s->FsAssembly[o], 4000);
+  EXPECT_EQ(s->FsAssembly[64 * 255 + o], 4255);
+
+  // At level 4, layer 2 takes the third quarter.
+  r = MakeRecord(10, 2, 4, 4, 5000);
+  Feed(*s, r);
+  FullSpectrumAccess::BuildSpectrum(*s);
+  EXPECT_EQ(s->FsAssembly[(2 * 32768 + 10) / 4 + 32 * 3], 5003);
+
+  // A layer the level does not have places nothing.
+  int16_t before[CVr480Server::kFsPoints];
+  std::memcpy(before, s->FsAssembly, sizeof before);
+  r = MakeRecord(11, 2, 2, 2, 6000);
+  Feed(*s, r);
+  FullSpectrumAccess::BuildSpectrum(*s);
+  EXPECT_EQ(std::memcmp(before, s->FsAssembly, sizeof before), 0);
+
+  // Beyond two spectra the record is described on the console.
+  r = MakeRecord(3, 3, 2, 1, 6000);
+  Feed(*s, r);
+  testing::internal::CaptureStdout();
+  FullSpectrumAccess::BuildSpectrum(*s);
+  const std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(out,
+            "peaks_data->status.flags1_lo: 3\n"
+            "(peaks_data->status.flags1_lo)&0x03: 3\n"
+            "GET_SW_POSITION(peaks_data->status): 3\n"
+            "NUM_FS_DATA_POINTS: 32768\n"
+            "status->CurrentLayer: 3\n"
+            "MuxLevel: 1\n"
+            "offset: 98307\n");
+  EXPECT_EQ(std::memcmp(before, s->FsAssembly, sizeof before), 0);
+}
+
+TEST(FullSpectrumBuild, SpectrumIsHandedOverWhenThePhaseReturnsToTheCycleStart) {
+  auto s = MakeServer();
+  s->FsCountOffset = 80;
+  s->FfpiRefPeakIndex = 4;
+  s->bScaleValid = true;
+  s->bFsRestart = true;
+
+  auto r = MakeRecord(40, 0, 0);
+  r.status.NumPeaks[1] = 6;
+  for (int j = 0; j < 6; ++j) r.FfpiPeaks[j] = 10000 + 1001 * j;
+  r.status.Vth = 1234;
+  Feed(*s, r);
+  FullSpectrumAccess::BuildSpectrum(*s);
+  EXPECT_EQ(s->FsPhaseStart, 40) << "a restart begins the cycle at the current phase";
+  EXPECT_FALSE(s->bFsRestart);
+  EXPECT_EQ(s->FsCalGeneration, 0u);
+
+  for (int k = 1; k < 128; ++k) {
+    r.status.CurrentLayer = static_cast<uint8_t>((40 + k) % 128);
+    FullSpectrumAccess::BuildSpectrum(*s);
+    ASSERT_EQ(s->FsCalGeneration, 0u) << "phase " << (40 + k) % 128;
+  }
+  r.status.CurrentLayer = 40;
+  FullSpectrumAccess::BuildSpectrum(*s);
+  ASSERT_EQ(s->FsCalGeneration, 1u);
+
+  // The raw spectrum: the finishing record's header, every point filled, the body length.
+  struct_dma_peaks_status h;
+  std::memcpy(&h, s->RawSpectrumBuffer + 12, sizeof h);
+  EXPECT_EQ(h.Vth, 1234);
+  EXPECT_EQ(h.CurrentLayer, 40);
+  EXPECT_EQ(RawU32(*s, 65636), 65624u);
+  for (int i = 0; i < CVr480Server::kFsPoints; i += 777) ASSERT_EQ(RawPoint(*s, i), 1000 + i / 128) << i;
+
+  // The comb teeth on spectrum points, with the frequencies the scale gave them.
+  ASSERT_EQ(s->FsFfpiCount, 6);
+  EXPECT_EQ(s->FsFfpiRefIndex, 4);
+  for (int j = 0; j < 6; ++j) {
+    EXPECT_EQ(s->FsFfpiPoints[j], static_cast<int>((10000 + 1001 * j) / 2) - 80);
+    EXPECT_DOUBLE_EQ(s->FsFfpiThz[j], 194.0 + (4 - j) * 0.1);
+  }
+
+  // A record the scale could not place hands over a spectrum without a comb.
+  s->bScaleValid = false;
+  for (int k = 1; k <= 128; ++k) {
+    r.status.CurrentLayer = static_cast<uint8_t>((40 + k) % 128);
+    FullSpectrumAccess::BuildSpectrum(*s);
+  }
+  EXPECT_EQ(s->FsCalGeneration, 2u);
+  EXPECT_EQ(s->FsFfpiCount, 0);
+}
+
+TEST(FullSpectrumBuild, CombPointsAreClampedToTheSpectrum) {
+  auto s = MakeServer();
+  s->FsCountOffset = 80;
+  s->bScaleValid = true;
+  s->FsPhaseStart = 9;
+  auto r = MakeRecord(9, 0, 1);
+  r.status.NumPeaks[1] = 3;
+  r.FfpiPeaks[0] = 100;    // 50 - 80 < 0
+  r.FfpiPeaks[1] = 30000;
+  r.FfpiPeaks[2] = 65535;  // 32767 - 80
+  Feed(*s, r);
+  FullSpectrumAccess::BuildSpectrum(*s);
+  ASSERT_EQ(s->FsCalGeneration, 1u);
+  EXPECT_EQ(s->FsFfpiPoints[0], 0);
+  EXPECT_EQ(s->FsFfpiPoints[1], 14920);
+  EXPECT_EQ(s->FsFfpiPoints[2], 32687);
+  s->FsCountOffset = -200;
+  r.status.CurrentLayer = 9;
+  FullSpectrumAccess::BuildSpectrum(*s);
+  EXPECT_EQ(s->FsFfpiPoints[2], 32767);
+}

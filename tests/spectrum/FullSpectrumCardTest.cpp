@@ -1,0 +1,229 @@
+// The full spectrum in process against the simulated card: the start-up offset calibration,
+// the calibration thread's hand-over and ring under concurrent readers, calibrated spectra whose
+// lines sit at the scene's wavelengths, and peak amplitudes that match the scene.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <thread>
+#include <vector>
+
+#include "FullSpectrumHarness.h"
+#include "protocol/DataWire.h"
+
+using namespace std::chrono_literals;
+using fstest::CSpectrumBench;
+
+namespace {
+
+// The default scene, with DUT channel 1's first two sensors at the instrument and its third
+// 400 m down the fibre (its light comes back late: it shows at a longer wavelength).
+sim::CSimScene Scene() {
+  sim::CSimScene scene = sim::DefaultScene();
+  for (auto& channel : scene.Sensors)
+    for (auto& sensor : channel) sensor.DistanceM = 0.0;
+  scene.Sensors[0][2].DistanceM = 400.0;
+  return scene;
+}
+
+constexpr int kSpectrumClient = 3;
+
+}  // namespace
+
+TEST(FullSpectrumCard, OffsetCalibrationFindsTheDetectorLatency) {
+  CSpectrumBench bench(Scene());
+  CVr480Server& s = bench.S();
+  ASSERT_TRUE(bench.Settle());
+  // Start-up leaves the card on DUT channel 1's detector through the converter's control register.
+  const int channel = s.pLastPeaks.load()->AmplitudeChannel();
+  ASSERT_EQ(channel, 2);
+  s.Driver.SetOperatingMode(1);
+
+  // The peak detector is 160 counts late; spectrum points are two counts apart.
+  int sum = 0;
+  for (int i = 0; i < 10; ++i) {
+    ASSERT_EQ(FullSpectrumAccess::CalibrateFsOffset(s), 0);
+    EXPECT_NEAR(s.FsCountOffset, 80, 2);  // the line's top point can lose to a neighbour in the noise
+    sum += s.FsCountOffset;
+  }
+  EXPECT_NEAR(sum / 10.0, 80, 1);
+  EXPECT_EQ(s.Driver.GetAmpCh(), channel) << "settings restored";
+  EXPECT_EQ(s.Driver.GetOperatingMode(), 1);
+  EXPECT_EQ(s.Driver.GetTrigEnable(), 0);
+  for (int i = 0; i < 20; ++i) bench.Pass();
+  EXPECT_EQ(s.pLastPeaks.load()->AmplitudeChannel(), channel) << "the card took the channel back";
+
+  // Two grating peaks: the calibration gives up and the offset stays.
+  s.FsCountOffset = 75;
+  sim::CSimFaults faults;
+  faults.ExtraGratingPeaks = 1;
+  bench.SimCard().SetFaults(faults);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(FullSpectrumAccess::CalibrateFsOffset(s), -2);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "CalibrateFsOffset() failed: 2 grating peaks were found.\n");
+  EXPECT_EQ(s.FsCountOffset, 75);
+  EXPECT_EQ(s.Driver.GetAmpCh(), channel);
+  bench.SimCard().SetFaults(sim::CSimFaults{});
+  for (int i = 0; i < 20; ++i) bench.Pass();
+  ASSERT_EQ(s.pLastPeaks.load()->AmplitudeChannel(), channel);
+
+  // The card never takes the grating channel (its mailbox is stuck): -1 after 562 records.
+  bench.SimCard().SetMailboxStall(true);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(FullSpectrumAccess::CalibrateFsOffset(s), -1);
+  const std::string out = testing::internal::GetCapturedStdout();
+  bench.SimCard().SetMailboxStall(false);
+  EXPECT_NE(out.find("CalibrateFsOffset() failed: Failed to set selected amp channel to grating channel\n"),
+            std::string::npos)
+      << out;
+  EXPECT_EQ(s.FsCountOffset, 75);
+}
+
+TEST(FullSpectrumCard, CalibratedSpectraShowTheScenesLinesUnderConcurrentReaders) {
+  const sim::CSimScene scene = Scene();
+  CSpectrumBench bench(scene);
+  CVr480Server& s = bench.S();
+  ASSERT_TRUE(bench.Settle());
+  testing::internal::CaptureStdout();
+  ASSERT_EQ(FullSpectrumAccess::CalibrateFsOffset(s), 0);
+  testing::internal::GetCapturedStdout();
+  s.bFsEnable = true;
+  ASSERT_TRUE(bench.StartThread());
+
+  // Two clients read spectra while the acquisition loop runs; a third reads the sweep window.
+  for (int c = kSpectrumClient; c <= kSpectrumClient + 5; ++c) bench.Connect(c);
+  std::atomic<bool> stop{false};
+  std::atomic<int> received{0};
+  auto reader = [&](int client) {
+    while (!stop) {
+      const std::string body = bench.Command(client, "#GET_SPECTRUM");
+      if (body.empty()) continue;
+      EXPECT_EQ(body.size(), 65624u);
+      EXPECT_EQ(static_cast<uint8_t>(body[0]), 15);
+      EXPECT_EQ(static_cast<uint8_t>(body[7]) >> 4, 2u);
+      ++received;
+    }
+  };
+  std::thread a(reader, kSpectrumClient), b(reader, kSpectrumClient + 1);
+  std::thread window([&] {
+    while (!stop) {
+      bench.Command(kSpectrumClient + 2, "#GET_HIGH_SPEED_FS_START_WVL");
+      std::this_thread::sleep_for(1ms);
+    }
+  });
+  const uint16_t firstSlot = s.SpectrumWriteIndex;
+  for (int i = 0; i < 128 * 40; ++i) bench.Pass();
+  // Give the readers the last spectra, then stop them (a wait for a spectrum ends within a second).
+  const auto until = std::chrono::steady_clock::now() + 3s;
+  while (received < 20 && std::chrono::steady_clock::now() < until) std::this_thread::sleep_for(10ms);
+  stop = true;
+  a.join();
+  b.join();
+  window.join();
+  EXPECT_GE(received, 20);
+  EXPECT_NE(s.SpectrumWriteIndex, firstSlot);
+
+  // The newest spectrum, as a client that connects now reads it first: the lines of DUT channel 1
+  // (the amplitude channel) at their uncompensated wavelengths, the scene's for the sensors at
+  // the instrument and where the server reports the far one.
+  bench.Connect(kSpectrumClient + 4);
+  const std::string newest = bench.Command(kSpectrumClient + 4, "#GET_SPECTRUM");
+  const std::vector<double> lines = fstest::SpectrumLinesNm(newest);
+  ASSERT_EQ(lines.size(), 3u);
+  const data_wire::SRecord rec{bench.Command(kSpectrumClient + 5, "#GET_UNBUFFERED_DATA")};
+  ASSERT_EQ(rec.Count(0), 3u);
+  const double granularity = rec.Granularity();
+  for (int j = 0; j < 3; ++j) {
+    const double reported = rec.Value(0, j) / granularity;
+    EXPECT_NEAR((lines[j] - reported) * 1000.0, 0.0, 10.0) << "sensor " << j;
+    if (j < 2) {
+      EXPECT_NEAR((lines[j] - scene.Sensors[0][j].WavelengthNm) * 1000.0, 0.0, 10.0) << "sensor " << j;
+    }
+  }
+  EXPECT_GT(lines[2] - scene.Sensors[0][2].WavelengthNm, 0.5) << "the far sensor shows late in the sweep";
+  RecordProperty("line_errors_pm", std::to_string((lines[0] - 1530.0) * 1000) + " " +
+                                       std::to_string((lines[1] - 1545.0) * 1000));
+
+  // The sweep's ends bracket the grid; the grid's window lies inside the sweep.
+  EXPECT_LT(s.HighSpeedFsStartWvl, 1520.0);
+  EXPECT_GT(s.HighSpeedFsEndWvl, 1570.0);
+  EXPECT_GT(s.HighSpeedFsStartCount, 0);
+  EXPECT_LT(s.HighSpeedFsStartCount, s.HighSpeedFsEndCount);
+  EXPECT_LE(s.HighSpeedFsEndCount, 32767);
+
+  const auto before = std::chrono::steady_clock::now();
+  EXPECT_TRUE(bench.StopThread());
+  EXPECT_LT(std::chrono::steady_clock::now() - before, 1100ms);
+}
+
+TEST(FullSpectrumCard, ChannelChangeDropsThreeSpectraButWakesWaitersAfterEach) {
+  CSpectrumBench bench(Scene());
+  CVr480Server& s = bench.S();
+  ASSERT_TRUE(bench.Settle());
+  ASSERT_TRUE(bench.StartThread());
+  for (int i = 0; i < 128 * 3; ++i) bench.Pass();
+
+  // The hand-over of a channel change: restart the cycle and drop three spectra.
+  s.Driver.SetAmpCh(1);
+  s.bFsRestart = true;
+  s.FsSkipCount = 3;
+  std::atomic<int> wakes{0};
+  std::atomic<bool> stop{false};
+  std::thread waiter([&] {
+    std::unique_lock<std::mutex> lock(s.SpectrumMutex);
+    while (!stop)
+      if (s.SpectrumCond.wait_for(lock, 200ms) == std::cv_status::no_timeout) ++wakes;
+  });
+  std::this_thread::sleep_for(100ms);  // a spectrum the thread was still working on is out
+  const uint16_t slot = s.SpectrumWriteIndex;
+  int passes = 0;
+  while (s.FsSkipCount > 0 && passes < 128 * 20) {
+    bench.Pass();
+    ++passes;
+    ASSERT_EQ(s.SpectrumWriteIndex, slot) << "nothing is published while spectra are dropped";
+  }
+  EXPECT_EQ(s.FsSkipCount, 0);
+  for (int i = 0; i < 128 * 3; ++i) bench.Pass();
+  const auto until = std::chrono::steady_clock::now() + 2s;
+  while (s.SpectrumWriteIndex == slot && std::chrono::steady_clock::now() < until) std::this_thread::sleep_for(5ms);
+  stop = true;
+  waiter.join();
+  EXPECT_NE(s.SpectrumWriteIndex, slot);
+  EXPECT_GE(wakes, 3);
+
+  // The published spectrum is the comb's: its Airy teeth fill the grid.
+  const uint8_t* rec = s.SpectrumBuffer + static_cast<size_t>(s.SpectrumWriteIndex == 0 ? 15 : s.SpectrumWriteIndex - 1) * 65640;
+  struct_dma_peaks_status h;
+  std::memcpy(&h, rec + 12, sizeof h);
+  EXPECT_EQ(h.Status3 & 0x07, 1);
+  EXPECT_TRUE(bench.StopThread());
+}
+
+TEST(FullSpectrumCard, PeakLevelsMatchTheScenesAmplitudesOnEveryChannel) {
+  const sim::CSimScene scene = Scene();
+  CSpectrumBench bench(scene);
+  CVr480Server& s = bench.S();
+  ASSERT_TRUE(bench.Settle());
+  testing::internal::CaptureStdout();
+  ASSERT_EQ(FullSpectrumAccess::CalibrateFsOffset(s), 0);
+  testing::internal::GetCapturedStdout();
+  bench.Connect(0);
+
+  for (int channel = 2; channel <= 5; ++channel) {
+    s.Driver.SetAmpCh(static_cast<uint8_t>(channel));
+    s.bFsRestart = true;
+    // The card switches a few records later; then the history refills.
+    for (int i = 0; i < 3 * 128; ++i) bench.Pass();
+    const data_wire::SRecord rec{bench.Command(0, "#GET_UNBUFFERED_DATA_AND_LEVELS")};
+    ASSERT_EQ(rec.AmplitudeChannel(), static_cast<uint32_t>(channel));
+    const int dut = channel - 2;
+    ASSERT_EQ(rec.Count(dut), 3u);
+    ASSERT_EQ(rec.Levels(), 3u) << "one level per peak of the amplitude channel";
+    for (uint32_t j = 0; j < 3; ++j) {
+      const double amplitude = scene.Sensors[dut][j].Amplitude;
+      EXPECT_NEAR(rec.Level(j), amplitude, 0.05 * amplitude) << "channel " << channel << " sensor " << j;
+      EXPECT_GT(rec.Level(j), amplitude) << "the dark level adds to the line";
+    }
+  }
+}
