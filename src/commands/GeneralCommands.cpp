@@ -60,6 +60,7 @@ int ZorHelp(CCommandContext& c) {
 int Idn(CCommandContext& c) { return c.Reply("%s", c.Server.IdnText); }
 
 int Quit(CCommandContext& c) {
+  bStopSignalled = true;  // also when the acquisition loop has not started yet
   bRun = false;
   return c.Reply("Quitting...\n");
 }

@@ -47,7 +47,7 @@ int SetBufferEnable(CCommandContext& c) {
 int GetBufferEnable(CCommandContext& c) { return c.Reply("%d", c.Server.bBufferEnable[c.Row] ? 1 : 0); }
 
 int SetDataInterleave(CCommandContext& c) {
-  long n = c.Int(1);
+  long n = static_cast<int32_t>(c.Int(1));  // read as a 32-bit decimal integer
   if (n <= 0) n = 1;
   c.Server.DataInterleave[c.Row] = static_cast<uint32_t>(n);
   return c.Reply("Client data interleave set to %d.\n", static_cast<int>(n));

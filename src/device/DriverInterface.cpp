@@ -238,6 +238,9 @@ int C480_DriverInterface::GetData(struct_dma_peaks_data** out) {
       *out = PeaksData[k];
       return 0;
     }
+    // An interrupted or failed wait: give up only when the server is stopping (a card that
+    // delivers nothing must not keep the process from ending).
+    if (StopRequested && StopRequested()) return -1;
     Sleep(1000);
   }
 }
@@ -662,7 +665,7 @@ int C480_DriverInterface::SetFan2TempHysteresis(uint8_t h) {
 // ---------------------------------------------------------------------------------------------
 // Getters: the shadows
 
-uint16_t C480_DriverInterface::GetAnalogVout(uint8_t ch) { return ch <= 7 ? AnalogVout[ch] : 0; }
+uint16_t C480_DriverInterface::GetAnalogVout(uint8_t ch) { return ch <= 7 ? AnalogVout[ch].load() : 0; }
 bool C480_DriverInterface::GetHwClkDivider_() { return bHwClkDivider; }
 uint16_t C480_DriverInterface::GetDataRateDivider() { return DataRateDivider; }
 uint16_t C480_DriverInterface::GetPztSyncOffset() { return PztSyncOffset; }
@@ -670,24 +673,24 @@ bool C480_DriverInterface::GetExtSyncEdge() { return ExtSyncEdge; }
 uint16_t C480_DriverInterface::GetSOADrive() { return SOADrive; }
 uint16_t C480_DriverInterface::GetScanAmp() { return ScanAmp; }
 uint16_t C480_DriverInterface::GetBias() { return Bias; }
-uint16_t C480_DriverInterface::GetChGain(uint8_t ch) { return ValidChannel(ch) ? ChGain[ch] : 0; }
+uint16_t C480_DriverInterface::GetChGain(uint8_t ch) { return ValidChannel(ch) ? ChGain[ch].load() : 0; }
 uint16_t C480_DriverInterface::GetChThresh(uint8_t ch) {
-  return ValidChannel(ch) ? ChThresh[ch] : 0;
+  return ValidChannel(ch) ? ChThresh[ch].load() : 0;
 }
 uint8_t C480_DriverInterface::GetAmpCh() { return AmpCh; }
 bool C480_DriverInterface::GetClientLed() { return ClientLed; }
 bool C480_DriverInterface::GetReadyLed() { return ReadyLed; }
 uint16_t C480_DriverInterface::GetChLockoutPeriod(uint8_t ch) {
-  return ValidChannel(ch) ? ChLockoutPeriod[ch] : 0;
+  return ValidChannel(ch) ? ChLockoutPeriod[ch].load() : 0;
 }
 uint16_t C480_DriverInterface::GetChNtValidPeriod(uint8_t ch) {
-  return ValidChannel(ch) ? ChNtValidPeriod[ch] : 0;
+  return ValidChannel(ch) ? ChNtValidPeriod[ch].load() : 0;
 }
 bool C480_DriverInterface::GetChNoiseThreshEnabled(uint8_t ch) {
-  return ValidChannel(ch) ? ChNoiseThreshEnabled[ch] : false;
+  return ValidChannel(ch) ? ChNoiseThreshEnabled[ch].load() : false;
 }
 bool C480_DriverInterface::GetChNtvResetOnZc(uint8_t ch) {
-  return ValidChannel(ch) ? ChNtvResetOnZc[ch] : false;
+  return ValidChannel(ch) ? ChNtvResetOnZc[ch].load() : false;
 }
 uint32_t C480_DriverInterface::GetFpgaDebug() { return FpgaDebug; }
 uint8_t C480_DriverInterface::GetLayer0IndexOffset() { return Layer0IndexOffset; }

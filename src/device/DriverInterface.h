@@ -34,6 +34,7 @@
 #include <mutex>
 
 #include "device/Ad7329.h"
+#include "server/Relaxed.h"
 #include "device/CardSeam.h"
 #include "device/PeaksData.h"
 
@@ -83,6 +84,9 @@ class C480_DriverInterface {
   void SetCardProvider(CCardProvider* provider) { Provider = provider; }
   // An empty hook restores real sleeping.
   void SetSleepHook(SleepHook hook);
+  // GetData keeps waiting for a record until this says the server is stopping (checked when a
+  // wait returns without one). Unset: it waits for ever, as the instrument always has.
+  void SetStopPredicate(std::function<bool()> stopping) { StopRequested = std::move(stopping); }
 
   // Opens the device, waits for other clients of the driver to leave (driver release >= 50)
   // and tells the FPGA where the buffers are, arms the ring, maps the 512 buffers and opens
@@ -259,54 +263,56 @@ class C480_DriverInterface {
   CCardProvider* Provider = nullptr;      // not owned; nullptr = the process-wide Card()
   std::unique_ptr<CDeviceFile> Device;    // "/dev/vr480" while open
   SleepHook Sleeper;
+  std::function<bool()> StopRequested;  // set before the acquisition starts
   std::atomic<unsigned> RejectedIndices{0};  // buffer indices outside the ring from WaitForData
 
   // Shadows of what was last sent to the card. Written by the setters on whichever thread
-  // calls them, read without a lock.
-  uint16_t TestSyncOutDivider = 0;  // test sync output divider
+  // calls them, read without a lock by any other (the acquisition loop reads the rate and
+  // mode flags on every record): each is a relaxed atomic.
+  Relaxed<uint16_t> TestSyncOutDivider = 0;  // test sync output divider
   int32_t fd = -1;                  // 0 while the device is open (the seam has no number), else -1
-  uint16_t AnalogVout[8] = {};      // never written: the analog outputs bypass the shadow
-  bool bHwClkDivider = false;       // hardware clock divider halves the sweep rate
-  uint16_t DataRateDivider = 1;     // card reports one record per this many sweeps
-  uint16_t PztSyncOffset = 0;
-  uint16_t SOADrive = 0;            // optical amplifier drive
-  uint16_t ScanAmp = 0;             // laser scan amplitude
-  uint16_t Bias = 0;                // laser bias
-  uint16_t ChGain[6] = {};          // detector gain per channel
-  uint16_t ChThresh[6] = {};        // peak detection threshold per channel
-  bool ChNoiseThreshEnabled[6] = {};
-  uint16_t ChLockoutPeriod[6] = {};  // counts after a peak before the next may start
-  uint16_t ChNtValidPeriod[6] = {};
-  bool ChNtvResetOnZc[6] = {true, true, true, true, true, true};
-  bool ExtSyncEdge = false;         // active edge of the external sync input
-  uint8_t AmpCh = 0;                // converter input channel digitised into the record
-  bool ClientLed = false;           // front LEDs
-  bool ReadyLed = false;
-  uint8_t Fan1ControlTemp = 0;      // degC
-  uint8_t Fan2ControlTemp = 0;
-  uint8_t Fan1TempHysteresis = 0;   // degC
-  uint8_t Fan2TempHysteresis = 0;
-  uint32_t FpgaDebug = 0;           // 24-bit debug word
-  uint8_t Layer0IndexOffset = 0;
-  bool FsAlignPatternEnable = false;  // full-spectrum alignment test pattern
-  uint16_t OperatingMode = 0;       // 0-3
-  uint8_t TrigEnable = 0;
-  uint8_t TrigSource = 0;           // 0 or 1
-  uint8_t TrigStartEdge = 0;
-  uint8_t TrigStopEdge = 0;
-  uint8_t TrigStopType = 0;         // as given; the card only sees zero / non-zero
-  uint32_t TrigAcqTime = 0;         // 24 bits
-  bool AutoReTrig = false;
-  bool EnableOptoA = false;         // optical multiplexer outputs
-  bool EnableOptoB = false;
-  uint32_t SoaOnCount = 0;          // 17-bit sweep counts
-  uint32_t SoaOffCount = 0;
-  uint16_t MaxDutPeaks = 250;       // peaks per DUT list the card reports
-  bool b2khzMode = true;            // 2 kHz sweep rate (else 1 kHz)
-  uint32_t SyncHiCount = 0;         // 17-bit sweep counts of the sync output
-  uint32_t SyncLoCount = 0;
-  bool DisablePztLPF = false;
-  bool SwapP68P155 = false;
+  Relaxed<uint16_t> AnalogVout[8];      // never written: the analog outputs bypass the shadow
+  Relaxed<bool> bHwClkDivider = false;       // hardware clock divider halves the sweep rate
+  Relaxed<uint16_t> DataRateDivider = 1;     // card reports one record per this many sweeps
+  Relaxed<uint16_t> PztSyncOffset = 0;
+  Relaxed<uint16_t> SOADrive = 0;            // optical amplifier drive
+  Relaxed<uint16_t> ScanAmp = 0;             // laser scan amplitude
+  Relaxed<uint16_t> Bias = 0;                // laser bias
+  Relaxed<uint16_t> ChGain[6];          // detector gain per channel
+  Relaxed<uint16_t> ChThresh[6];        // peak detection threshold per channel
+  Relaxed<bool> ChNoiseThreshEnabled[6];
+  Relaxed<uint16_t> ChLockoutPeriod[6];  // counts after a peak before the next may start
+  Relaxed<uint16_t> ChNtValidPeriod[6];
+  Relaxed<bool> ChNtvResetOnZc[6] = {true, true, true, true, true, true};
+  Relaxed<bool> ExtSyncEdge = false;         // active edge of the external sync input
+  Relaxed<uint8_t> AmpCh = 0;                // converter input channel digitised into the record
+  Relaxed<bool> ClientLed = false;           // front LEDs
+  Relaxed<bool> ReadyLed = false;
+  Relaxed<uint8_t> Fan1ControlTemp = 0;      // degC
+  Relaxed<uint8_t> Fan2ControlTemp = 0;
+  Relaxed<uint8_t> Fan1TempHysteresis = 0;   // degC
+  Relaxed<uint8_t> Fan2TempHysteresis = 0;
+  Relaxed<uint32_t> FpgaDebug = 0;           // 24-bit debug word
+  Relaxed<uint8_t> Layer0IndexOffset = 0;
+  Relaxed<bool> FsAlignPatternEnable = false;  // full-spectrum alignment test pattern
+  Relaxed<uint16_t> OperatingMode = 0;       // 0-3
+  Relaxed<uint8_t> TrigEnable = 0;
+  Relaxed<uint8_t> TrigSource = 0;           // 0 or 1
+  Relaxed<uint8_t> TrigStartEdge = 0;
+  Relaxed<uint8_t> TrigStopEdge = 0;
+  Relaxed<uint8_t> TrigStopType = 0;         // as given; the card only sees zero / non-zero
+  Relaxed<uint32_t> TrigAcqTime = 0;         // 24 bits
+  Relaxed<bool> AutoReTrig = false;
+  Relaxed<bool> EnableOptoA = false;         // optical multiplexer outputs
+  Relaxed<bool> EnableOptoB = false;
+  Relaxed<uint32_t> SoaOnCount = 0;          // 17-bit sweep counts
+  Relaxed<uint32_t> SoaOffCount = 0;
+  Relaxed<uint16_t> MaxDutPeaks = 250;       // peaks per DUT list the card reports
+  Relaxed<bool> b2khzMode = true;            // 2 kHz sweep rate (else 1 kHz)
+  Relaxed<uint32_t> SyncHiCount = 0;         // 17-bit sweep counts of the sync output
+  Relaxed<uint32_t> SyncLoCount = 0;
+  Relaxed<bool> DisablePztLPF = false;
+  Relaxed<bool> SwapP68P155 = false;
   Cad7329 Ad7329;                   // composes the converter's register words
   uint8_t IntIntlvPwr = 0;
 

@@ -70,6 +70,8 @@ class CVr480WvlAvg {
   // Bytes that Init(channels, sensors, capacity) allocates, estimated as
   // 4·C·S·M + 16·C·S + 4·S + 24·C.
   static uint64_t GetMemoryRequired(uint8_t channels, uint16_t sensors, uint16_t capacity);
+  // Logical channels the store is built for (0 while closed).
+  uint8_t GetNumChannels() const { return NumChannels; }
 
  private:
   template <typename T>

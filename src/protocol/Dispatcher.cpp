@@ -148,7 +148,11 @@ int CVr480Server::ProcessCmd(short client, const char* line, char** reply, unsig
   return code;
 }
 
+// The internal client's reply row is shared by every thread that runs a command on the
+// server's own behalf (start-up, the acquisition loop, the front panel, handlers); one at a
+// time. Recursive: such a command may itself run another.
 void CVr480Server::ExecuteInternal(const std::string& line) {
+  std::lock_guard<std::recursive_mutex> g(InternalClientLock);
   char* reply = nullptr;
   unsigned length = 0;
   ProcessCmd(kInternalClient, line.c_str(), &reply, &length);

@@ -9,7 +9,9 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <chrono>
 #include <cstring>
+#include <thread>
 #include <string>
 
 #include "protocol/CommandTable.h"
@@ -40,12 +42,16 @@ void PinClientThread() {
   cpu_set_t set;
   CPU_ZERO(&set);
   CPU_SET(0, &set);
-  if (pthread_setaffinity_np(pthread_self(), sizeof set, &set) != 0) perror("pthread_setaffinity_np() failed.");
+  if (const int err = pthread_setaffinity_np(pthread_self(), sizeof set, &set); err != 0) {
+    errno = err;  // the call returns its error instead of setting errno
+    perror("pthread_setaffinity_np() failed.");
+  }
 }
 
 struct SServiceArgs {
   CVr480Server* Server;
   uint16_t Client;
+  uint32_t Generation;  // the session this thread serves; a newer one on the slot ends it
 };
 
 void* ClientServiceThread(void* raw) {
@@ -54,9 +60,10 @@ void* ClientServiceThread(void* raw) {
   CVr480Server& s = *args.Server;
   const uint16_t client = args.Client;
   if (s.bPcm9361Board) PinClientThread();
+  auto mine = [&] { return s.SessionGeneration[client] == args.Generation; };
 
   char line[kMaxCommandLine + 1];
-  while (!s.bClientDisconnect[client]) {
+  while (!s.bClientDisconnect[client] && mine()) {
     s.Socket.ReadCmd(client, line, sizeof line);  // room for a whole 256-character line
     if (!s.bStreaming[client]) {
       if (line[0] != '\0') s.ServiceSocket(client, line);
@@ -78,7 +85,9 @@ void* ClientServiceThread(void* raw) {
   }
   // At the server's stop the session itself is closed, so that the client sees its
   // connection end and the stop path sees the slot free.
-  if (s.bClosingSessions && std::string(s.Socket.GetClientAddress(client)) != "0.0.0.0") s.Socket.close_client(client);
+  if (s.bClosingSessions && mine() && std::string(s.Socket.GetClientAddress(client)) != "0.0.0.0")
+    s.Socket.close_client(client);
+  s.bServiceRunning[client] = false;
   return nullptr;
 }
 
@@ -88,7 +97,12 @@ void ClientConnectCallback(CVr480Server& s, uint16_t client) {
   const uint16_t spectrum = s.SpectrumWriteIndex;
   s.SpectrumReadIndex[client] = spectrum == 0 ? kSpectrumRingSlots - 1 : spectrum - 1;
   s.Driver.SetClientLed(true);
-  s.bClientDisconnect[client] = false;
+  // The slot's previous service thread was told to stop when its connection closed; it ends
+  // within a second (its waits wake that often). Let it go before the new session reuses the
+  // slot's buffers, so that one slot never has two threads.
+  for (int i = 0; i < 300 && s.bServiceRunning[client]; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  const uint32_t generation = ++s.SessionGeneration[client];
+  s.bClientDisconnect[client] = s.bClosingSessions.load();  // a client arriving at the stop is closed at once
   s.bStreaming[client] = false;
   s.bUseStreamTokens[client] = true;
   s.bBufferEnable[client] = true;
@@ -98,10 +112,12 @@ void ClientConnectCallback(CVr480Server& s, uint16_t client) {
   pthread_attr_t attr;
   pthread_attr_init(&attr);
   pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-  auto* args = new SServiceArgs{&s, client};
+  auto* args = new SServiceArgs{&s, client, generation};
+  s.bServiceRunning[client] = true;
   const int err = pthread_create(&s.ClientThread[client], &attr, ClientServiceThread, args);
   pthread_attr_destroy(&attr);
   if (err != 0) {
+    s.bServiceRunning[client] = false;
     delete args;
     std::printf("Failed to creating a client service thread for client %d...", client);
     std::printf("Error = %d\n", err);
@@ -145,10 +161,18 @@ int CVr480Server::ServiceSocket(uint16_t client, const char* command) {
   return 0;
 }
 
+// The callbacks are in place before the accept thread starts, so that no early client goes
+// without its service thread.
 void CVr480Server::StartTcpServer() {
   if (!ServerOptions.ListenAddress.empty()) Socket.SetListenAddress(ServerOptions.ListenAddress);
-  Socket.init(ServerOptions.Port);
   Socket.SetClientConnectCallbackFunction([this](uint16_t c) { ClientConnectCallback(*this, c); });
   Socket.SetClientPreDisconnectCallbackFunction([this](uint16_t c) { ClientPreDisconnectCallback(*this, c); });
   Socket.SetClientDisconnectCallbackFunction([this](uint16_t c) { ClientDisconnectCallback(*this, c); });
+  Socket.init(ServerOptions.Port);
+}
+
+int CVr480Server::RunningServiceThreads() const {
+  int n = 0;
+  for (int i = 0; i < kClientSlots; ++i) n += bServiceRunning[i] ? 1 : 0;
+  return n;
 }

@@ -12,15 +12,15 @@
 #include "server/Globals.h"
 #include "server/Vr480Server.h"
 
-void CVr480Server::GetData() {
+bool CVr480Server::GetData() {
   if (bEnableSensorBins) {
-    Driver.GetData(&pRawPeaks);
+    if (Driver.GetData(&pRawPeaks) != 0) return false;
     pRawPeaks->status.flags1_lo = ConvertLayerBits(pRawPeaks->status.flags1_lo);
     BinAcquiredData();
     BinnedPeaks.status.BinningMarks |= 0x0001;
     pPeaks = &BinnedPeaks;
   } else {
-    Driver.GetData(&pPeaks);
+    if (Driver.GetData(&pPeaks) != 0) return false;
     pPeaks->status.flags1_lo = ConvertLayerBits(pPeaks->status.flags1_lo);
   }
   struct_dma_peaks_data* rec = pPeaks;
@@ -46,10 +46,11 @@ void CVr480Server::GetData() {
     rec->status.NumPeaks[0] = static_cast<uint16_t>(n);
     rec->status.FbgPosition = (rec->status.FbgPosition & 0xFF000000u) | (rec->FbgPeaks[0] & 0x00FFFFFFu);
   }
+  return true;
 }
 
 void CVr480Server::AcquisitionPass() {
-  GetData();
+  if (!GetData()) return;  // stopping, and the card delivers nothing
   if (bMuxLevelChanged.exchange(false)) RebuildAveragingForMuxLevel();
   if (!bRun) return;
 
@@ -93,6 +94,7 @@ void CVr480Server::AcquisitionPass() {
 // rebuilt for it, the stored depths re-applied, and records are skipped until the card
 // reports the new level.
 void CVr480Server::RebuildAveragingForMuxLevel() {
+  std::unique_lock<std::mutex> lock(AveragingLock);
   const int level = MuxLevel;
   std::printf("MuxLevel changed to %d.  Releasing WvlAvg buffers...", level);
   std::printf(WvlAvg.Close() == 0 ? "OK.\n" : "Failed.\n");
@@ -103,12 +105,14 @@ void CVr480Server::RebuildAveragingForMuxLevel() {
     bRun = false;  // nothing can be averaged: take the ordinary stop path
     return;
   }
+  lock.unlock();  // the depths are re-applied through the setter, which takes the lock itself
   for (int ch = 0; ch < level * kOpticalChannels; ++ch)
     for (int s = 0; s < kSensorsPerChannel; ++s)
       SetNumAverages(static_cast<uint8_t>(ch), static_cast<uint16_t>(s),
                      GetNumAverages(static_cast<uint8_t>(ch), static_cast<uint16_t>(s)));
   WvlAvg.Reset();
-  while (bRun && pPeaks->AppliedLevelBits() != level - 1) GetData();
+  while (bRun && pPeaks->AppliedLevelBits() != level - 1)
+    if (!GetData()) return;
   std::printf("New Mux Level ----->%d\n", pPeaks->AppliedLevelBits());
   std::fflush(stdout);
 }

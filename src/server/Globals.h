@@ -13,7 +13,7 @@ extern std::atomic<bool> bGuiRunning;           // front panel thread is inside 
 extern std::atomic<bool> bUpdateGui;            // front panel should redraw; anyone who changes displayed state
 extern std::atomic<bool> bFpgaWatchDogEnabled;  // acquisition watchdog armed; main sets, Run's stop path clears
 extern std::atomic<uint32_t> FpgaWatchDog;      // 250 ms front-panel periods since the last record; GUI increments, GetData clears
-extern std::atomic<bool> bStopSignalled;        // SIGINT/SIGTERM arrived; the signal handler sets it, Run honours it
+extern std::atomic<bool> bStopSignalled;        // a stop was asked for (SIGINT/SIGTERM, #QUIT!); Run honours it even before it starts
 
 // The one-line status the front panel shows ("Ready.", "[AB] Initializing ....").
 // Written by the start-up phases and the loops, read by the front panel.

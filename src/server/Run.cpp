@@ -44,7 +44,7 @@ int CVr480Server::Run() {
 
 void CVr480Server::RunStartupPhase() {
   bRun = true;
-  if (bStopSignalled) bRun = false;  // a stop asked for during Init still stops
+  if (bStopSignalled) bRun = false;  // a stop asked for during Init (signal or #QUIT!) still stops
   for (int i = 0; i < kClientSlots; ++i) {
     bNewRecord[i] = false;
     bNewSpectrum[i] = false;
@@ -58,7 +58,9 @@ void CVr480Server::RunStartupPhase() {
   CheckVersions();
   PrintBanner();
   PrintNetworkInterface();
-  CalibrateStartupFsOffset();
+  // The offset calibration takes 3840 records, half a minute at a low record rate; a stop
+  // asked for meanwhile (signal or #QUIT!) should not wait for it.
+  if (bRun) CalibrateStartupFsOffset();
 
   bMuxLevelChanged = true;
   bMeasureLocations = false;
@@ -71,12 +73,14 @@ void CVr480Server::RunStartupPhase() {
 // Brings the grating to its target before anything is measured. At low record rates every
 // record drives the loop; otherwise it runs ten times a second of sweeps.
 void CVr480Server::InitialAutoBias() {
-  const int rate = SweepRate();
-  const long limit = 60L * rate;
+  int rate = SweepRate();
+  long limit = 60L * rate;
   int err = MaxBiasError + 1;
   long n = 0;
   while (bRun && std::abs(err) > MaxBiasError && n < limit) {
-    GetData();
+    if (!GetData()) break;
+    rate = SweepRate();  // a client may change the sweep rate meanwhile
+    limit = 60L * rate;
     uint16_t divider = DataRateDivider;
     if (divider == 0) divider = 1;
     if (divider > rate / 40) {
@@ -183,11 +187,12 @@ int CVr480Server::SimulateShutdown() {
   if (!bShutdownRequested) return 0;
   Driver.SetClientLed(false);
   Driver.SetReadyLed(false);
+  // The countdown runs on the monotonic clock: the server may set the wall clock meanwhile.
   auto now = [] {
-    timeval tv{};
-    if (::gettimeofday(&tv, nullptr) != 0)
+    timespec ts{};
+    if (::clock_gettime(CLOCK_MONOTONIC, &ts) != 0)
       std::printf("Error executing gettimeofday() function in SimulateShutdown()\n");
-    return tv.tv_sec + tv.tv_usec / 1e6;
+    return ts.tv_sec + ts.tv_nsec / 1e9;
   };
   const double end = now() + ShutdownDelaySeconds;
   bool phase = false;
@@ -215,16 +220,21 @@ int CVr480Server::Shutdown() {
   Driver.SetClientLed(false);
   Driver.SetReadyLed(false);
   Driver.close_vr480();
+  Socket.Stop();  // no new client from here on
   const int level = MuxLevel;
   std::printf("Attempting to free %llu bytes from averaging buffers...",
               static_cast<unsigned long long>(WvlAvg.GetMemoryRequired(
                   static_cast<uint8_t>(level * kOpticalChannels), kSensorsPerChannel,
                   static_cast<uint16_t>(kDefaultAveragingDepth / level))));
   std::printf(WvlAvg.Close() == 0 ? "OK.\n" : "Failed.\n");
-  delete[] ProcessedData;
-  ProcessedData = nullptr;
-  delete[] SpectrumBuffer;
-  SpectrumBuffer = nullptr;
+  // A client thread that did not halt may still read the rings; they are then left to the
+  // process's exit rather than freed under it.
+  if (RunningServiceThreads() == 0) {
+    delete[] ProcessedData;
+    ProcessedData = nullptr;
+    delete[] SpectrumBuffer;
+    SpectrumBuffer = nullptr;
+  }
   if (SerialPort) {
     std::fclose(SerialPort);
     SerialPort = nullptr;

@@ -47,9 +47,11 @@ int16_t CVr480Server::Init() {
 
   CurrentNetworkConfig = bEmbeddedMode ? 1 : 0;
   StartNetwork();
+  // The rings exist before the first client can ask for data (nothing else changes by
+  // allocating them ahead of the TCP server; a failure then ends start-up before it).
+  if (!AllocateRings()) return kInitNoMemory;
   StartTcpServer();
   build_FBG_Vth2Thz_LUT();
-  if (!AllocateRings()) return kInitNoMemory;
   ProcessedWriteIndex = 0;
   SpectrumWriteIndex = 0;
   if (!StartCalibrationThread()) {
@@ -62,6 +64,8 @@ int16_t CVr480Server::Init() {
   }
   LoadDataFiles();
   BuildTimeOfFlightLUT();
+  // A stop asked for while the card delivers nothing ends the wait for the first record.
+  Driver.SetStopPredicate([] { return bStopSignalled.load(); });
   Driver.GetData(&pPeaks);
   WriteIdentificationSuffix();
   bUpdateGui = true;

@@ -150,8 +150,12 @@ int CVr480Server::SweepRate() {
   return Driver.GetHwClkDivider_() ? rate / 2 : rate;
 }
 
+// Handlers change depths while the acquisition thread may be rebuilding the store for a new
+// multiplexer level; the lock keeps the two apart, and the store's own channel count (not the
+// level just requested) decides whether the sensor is in use.
 int CVr480Server::SetNumAverages(uint8_t channel, uint16_t sensor, uint16_t n) {
-  if (channel < MuxLevel * kOpticalChannels && sensor < kSensorsPerChannel) {
+  std::lock_guard<std::mutex> g(AveragingLock);
+  if (channel < WvlAvg.GetNumChannels() && channel < MuxLevel * kOpticalChannels && sensor < kSensorsPerChannel) {
     WvlAvg.SetTargetNumAvg(channel, sensor, n);
     SensorAverages[channel][sensor] = WvlAvg.GetTargetNumAvg(channel, sensor);
     return 0;

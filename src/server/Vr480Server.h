@@ -61,7 +61,9 @@ class CVr480Server {
   int Shutdown();           // LEDs off, card closed, averaging buffers and rings released
 
   // ---- Acquisition (main thread) and its mode setters (any thread) ---------------------
-  void GetData();
+  // Fetches and patches the next record; false only when the server is stopping and the card
+  // delivered none.
+  bool GetData();
   int SetOperatingMode(uint8_t mode);
   int SetTriggeringMode(uint8_t mode);
   uint16_t GetTriggeringMode();
@@ -92,6 +94,8 @@ class CVr480Server {
   int CheckNumArgs(const std::string& args, uint16_t min, uint16_t max);
   // Runs one command for a client and sends its reply in the frame its code asks for.
   int ServiceSocket(uint16_t client, const char* command);
+  // Client service threads still running (the stop path and Shutdown wait for them).
+  int RunningServiceThreads() const;
   // Releases the ring slot a client's record reply had marked in use.
   void ReleaseClientRecord(uint16_t client);
 
@@ -107,6 +111,8 @@ class CVr480Server {
   pthread_t ClientThread[kClientEntries] = {};                // service thread of each slot; connect callback
   std::atomic<bool> bClientDisconnect[kClientEntries] = {};   // tells a slot's service thread to end; stop path, handlers
   std::atomic<bool> bClosingSessions{false};                   // the server is stopping: service threads close their slots
+  std::atomic<uint32_t> SessionGeneration[kClientEntries] = {}; // counts the sessions of each slot; connect callback
+  std::atomic<bool> bServiceRunning[kClientEntries] = {};       // a service thread serves the slot; that thread
   char* ResponseBuffer[kClientEntries] = {};                  // 32010-byte reply buffer per caller; constructor
   char* ResponseText[kClientEntries] = {};                    // ResponseBuffer + 10: where the reply text goes
   std::atomic<int32_t> ClientRecordInUse[kClientEntries] = {};  // ring slot of the client's current reply (-1 none); service thread
@@ -158,7 +164,7 @@ class CVr480Server {
   double* Vth2Thz = nullptr;                    // 65536 entries: thermistor reading + 32768 -> grating THz; Init
 
   // ---- Acquisition rate and modes -------------------------------------------------------------
-  uint16_t SwitchdownLimit[kSwitchdownEntries] = {};  // sensor count that switches the rate down at divider i; handlers
+  Relaxed<uint16_t> SwitchdownLimit[kSwitchdownEntries];  // sensor count that switches the rate down at divider i; handlers
   Relaxed<bool> bSwitchdownEnable = false;       // #SET_SWITCHDOWN_ENABLE; handlers
   Relaxed<uint16_t> DataRateDivider = 0;         // current data-rate divider (1 after Init); setters, acquisition
   Relaxed<uint16_t> MinDataRateDivider = 1;      // #SET_MIN_DATA_RATE_DIVIDER; handlers
@@ -204,6 +210,7 @@ class CVr480Server {
   Relaxed<uint16_t> MinChPwrLevel[kOpticalChannels];  // #SET_MIN_CH_PWR_LEVEL; handlers
   Relaxed<uint16_t> MaxChPwrLevel[kOpticalChannels];  // #SET_MAX_CH_PWR_LEVEL; handlers
   CVr480WvlAvg WvlAvg;                                // running averages per sensor
+  std::mutex AveragingLock;                           // the store's geometry against depth changes from handlers
   Relaxed<double> LowerWvlLimit = 1520.0;             // reporting window, nm; handlers
   Relaxed<double> UpperWvlLimit = 1570.0;             // nm; handlers
   Relaxed<uint16_t> MaxDutChGain[kOpticalChannels];   // #SET_MAX_DUT_CH_GAIN (65535); handlers
@@ -266,6 +273,7 @@ class CVr480Server {
   uint32_t CmdLogCount = 0;                           // repeat count of the previous line; dispatcher
   std::string LastCmdLine, CurrentCmdLine;            // command history working lines; dispatcher
   std::mutex CmdLogLock;                              // guards the command history while it is recorded
+  std::recursive_mutex InternalClientLock;            // one internal command at a time (its reply row is shared)
   Relaxed<double> SoaOnWvl = 0.0, SoaOffWvl = 0.0;    // SOA window, nm; handlers
   Relaxed<int32_t> SyncCtrlMode = 0;                  // #SET_SYNC_CTRL_MODE; handlers
   Relaxed<uint32_t> SyncHiCount = 0, SyncLoCount = 65536;  // sync output edges, counts; handlers

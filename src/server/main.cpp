@@ -7,6 +7,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <clocale>
 #include <cstdio>
 #include <iostream>
@@ -63,7 +64,10 @@ void PinMainThread() {
   cpu_set_t set;
   CPU_ZERO(&set);
   CPU_SET(1, &set);
-  if (pthread_setaffinity_np(pthread_self(), sizeof set, &set) != 0) perror("pthread_setaffinity_np() failed.");
+  if (const int err = pthread_setaffinity_np(pthread_self(), sizeof set, &set); err != 0) {
+    errno = err;  // the call returns its error instead of setting errno
+    perror("pthread_setaffinity_np() failed.");
+  }
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "sim/SimDevice.h"
 
 #include <algorithm>
+#include <cerrno>
 
 namespace sim {
 
@@ -36,7 +37,10 @@ int CSimDevice::Ioctl(unsigned long req, uintptr_t arg, const std::atomic<bool>&
       // Holds only the ring's lock while it blocks.
       if (!arg) return -1;
       const int slot = Ring.WaitForData(closed);
-      if (slot < 0) return -1;
+      if (slot < 0) {
+        errno = EINTR;  // as if a signal had interrupted the wait
+        return -1;
+      }
       *Pointer<uint16_t>(arg) = static_cast<uint16_t>(slot);
       return 0;
     }

@@ -85,11 +85,13 @@ int CSimRing::HandOutLocked() {
   return slot;
 }
 
+// Like a driver whose wait a signal can interrupt, the wait gives up after a second without a
+// record, so that a server whose card stopped delivering can still notice a stop request.
 int CSimRing::WaitForData(const std::atomic<bool>& stop) {
   int slot;
   {
     std::unique_lock<std::mutex> g(Lock);
-    DataCond.wait(g, [&] { return QueueSize > 0 || stop.load(); });
+    DataCond.wait_for(g, std::chrono::seconds(1), [&] { return QueueSize > 0 || stop.load(); });
     if (QueueSize == 0) return -1;
     slot = HandOutLocked();
   }
