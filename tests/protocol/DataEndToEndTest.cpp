@@ -161,11 +161,10 @@ TEST_F(DataEndToEnd, RecordBodiesCarryTheirHeaderFieldsAndTheScenesWavelengths) 
 
   if (!LaserConfigured()) GTEST_SKIP() << "the laser commands are not there yet: no sensors to compare";
   ASSERT_TRUE(WaitForSensors(*c)) << "no record with the scene's 12 sensors";
-  // The simulated detector places each peak with about one count of noise (1.2 pm rms per
-  // record): a record's values lie within 3 pm of the gratings but for the odd 4-sigma
-  // outlier, and their mean over the records within 1 pm.
+  // Every record's values lie within 3 pm of the gratings, and their mean over the records
+  // within 1 pm.
   double sum[12] = {}, worst = 0.0;
-  int checked = 0, outside = 0;
+  int checked = 0;
   for (int i = 0; i < 200; ++i) {
     const SRecord rec = Read(*c, i % 2 ? "#GET_DATA_AND_LEVELS" : "#GET_DATA");
     if (rec.Status() != 0 || rec.Sensors() != 12) continue;
@@ -178,14 +177,12 @@ TEST_F(DataEndToEnd, RecordBodiesCarryTheirHeaderFieldsAndTheScenesWavelengths) 
         const double errorPm = rec.Value(ch, j) * kPmPerUnit - kScene[ch * 3 + j].Nm * 1000.0;
         sum[ch * 3 + j] += errorPm;
         worst = std::max(worst, std::abs(errorPm));
-        if (std::abs(errorPm) > 3.0) ++outside;
+        EXPECT_NEAR(errorPm, 0.0, 3.0) << "record " << i << ", channel " << kScene[ch * 3 + j].Channel;
       }
     }
     ++checked;
   }
   ASSERT_GT(checked, 180);
-  EXPECT_LT(outside, checked * 12 / 20) << "more than 5 % of the values beyond 3 pm";
-  EXPECT_LT(worst, 7.5);
   for (int k = 0; k < 12; ++k)
     EXPECT_NEAR(sum[k] / checked, 0.0, 1.0) << "channel " << kScene[k].Channel << " at " << kScene[k].Nm << " nm";
 }
