@@ -256,16 +256,28 @@ void CVr480Server::BuildSpectrum() {
 // selects it by writing the converter's whole control register, which the driver's remembered
 // channel does not see. The calibration then waits for the card to be back on it, so that the
 // next calibration (start-up runs thirty in a row) finds the right channel on its first record.
+// A stop meanwhile (the card then delivers no more records) ends it with -1, settings put back.
 int CVr480Server::CalibrateFsOffset() {
   const uint8_t savedTrigger = Driver.GetTrigEnable();
   const uint16_t savedMode = Driver.GetOperatingMode();
   const uint8_t savedChannel = pPeaks ? static_cast<uint8_t>(pPeaks->AmplitudeChannel()) : Driver.GetAmpCh();
   const int16_t savedOffset = FsCountOffset;
+  bool stopping = false;  // the card delivered no record because the server is stopping
+  auto fetch = [&] {
+    if (!stopping && !GetData()) stopping = true;
+    return !stopping;
+  };
   auto restore = [&] {
     Driver.SetAmpCh(savedChannel);
     Driver.SetOperatingMode(savedMode);
     Driver.SetTrigEnable(savedTrigger != 0);
-    for (int n = 0; n < kMaxChannelSettleRecords && pPeaks->AmplitudeChannel() != savedChannel; ++n) GetData();
+    for (int n = 0; n < kMaxChannelSettleRecords && pPeaks->AmplitudeChannel() != savedChannel && fetch(); ++n) {
+    }
+  };
+  auto fail = [&](int code) {
+    FsCountOffset = savedOffset;
+    restore();
+    return code;
   };
 
   FsCountOffset = 0;
@@ -274,28 +286,26 @@ int CVr480Server::CalibrateFsOffset() {
   Driver.SetAmpCh(0);
 
   // The card switches its converter a few sweeps after the command.
-  GetData();
-  for (int n = 0; n < kMaxChannelSettleRecords && pPeaks->AmplitudeChannel() != 0; ++n) GetData();
-  for (int n = 0; n < kExtraSettleRecords; ++n) GetData();
+  if (!fetch()) return fail(-1);
+  for (int n = 0; n < kMaxChannelSettleRecords && pPeaks->AmplitudeChannel() != 0; ++n)
+    if (!fetch()) return fail(-1);
+  for (int n = 0; n < kExtraSettleRecords; ++n)
+    if (!fetch()) return fail(-1);
   if (pPeaks->AmplitudeChannel() != 0) {
     std::printf("CalibrateFsOffset() failed: Failed to set selected amp channel to grating channel\n");
     std::fflush(stdout);
-    FsCountOffset = savedOffset;
-    restore();
-    return -1;
+    return fail(-1);
   }
 
   long sum = 0;
   for (int n = 0; n < kCalibrationRecords; ++n) {
-    GetData();
+    if (!fetch()) return fail(-1);
     pPeaks->status.NumPeaks[1] = 0;  // no comb: this cycle's spectrum is not one to calibrate
     const int gratings = pPeaks->status.NumPeaks[0];
     if (gratings != 1) {
       std::printf("CalibrateFsOffset() failed: %d grating peaks were found.\n", gratings);
       std::fflush(stdout);
-      FsCountOffset = savedOffset;
-      restore();
-      return -2;
+      return fail(-2);
     }
     sum += pPeaks->status.FbgPosition & 0x00FFFFFF;
     BuildSpectrum();
