@@ -241,7 +241,7 @@ class CVr480Server {
   // ---- Full spectrum ---------------------------------------------------------------------------------
   Relaxed<int16_t> FsCountOffset = 75;            // count offset of the full spectrum (calibrated at start); acquisition
   pthread_t FsCalThread{};                        // the calibration thread; Init
-  uint8_t* RawSpectrumBuffer = nullptr;           // full spectrum being assembled, 65640 bytes; Init
+  uint8_t* RawSpectrumBuffer = nullptr;           // last finished raw spectrum, 65640 bytes, under FsCalMutex; Init
   Relaxed<double> FsWvlOffsetNm = 0.0;            // #SET_FS_WVL_OFFSET_NM; handlers
   Relaxed<double> HighSpeedFsStartWvl = 0.0;      // nm; acquisition
   Relaxed<double> HighSpeedFsEndWvl = 0.0;        // nm; acquisition
