@@ -3,12 +3,10 @@
 // (the instrument's fastest rate is 2000 records per second).
 #include <benchmark/benchmark.h>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cstdio>
 
 #include "device/DriverInterface.h"
+#include "QuietStdout.h"
 #include "sim/SimCardProvider.h"
 
 static void BM_DriverGetDataFreeRunning(benchmark::State& state) {
@@ -17,16 +15,11 @@ static void BM_DriverGetDataFreeRunning(benchmark::State& state) {
   sim::CSimCardProvider card(options);
   C480_DriverInterface driver(&card);
   driver.SetSleepHook([](unsigned long) {});
-  // init's console lines would mix with the benchmark's table.
-  std::fflush(stdout);
-  const int saved = ::dup(STDOUT_FILENO);
-  const int null = ::open("/dev/null", O_WRONLY);
-  ::dup2(null, STDOUT_FILENO);
-  const int ok = driver.init_vr480();
-  std::fflush(stdout);
-  ::dup2(saved, STDOUT_FILENO);
-  ::close(null);
-  ::close(saved);
+  int ok;
+  {
+    CQuietStdout quiet;  // init's console lines
+    ok = driver.init_vr480();
+  }
   if (ok != 0) {
     state.SkipWithError("init_vr480 failed");
     return;

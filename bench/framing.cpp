@@ -34,29 +34,13 @@
 #include "protocol/CommandTable.h"
 #include "server/Vr480Server.h"
 
+#include "QuietStdout.h"
+
 namespace {
 
 constexpr int kRing = kProcessedRingSlots;
 constexpr int kFirstSlot = kRing / 2;  // readers stay half a ring behind the producer
 
-class CQuietStdout {
- public:
-  CQuietStdout() {
-    std::fflush(stdout);
-    Saved = dup(STDOUT_FILENO);
-    int null = open("/dev/null", O_WRONLY);
-    dup2(null, STDOUT_FILENO);
-    close(null);
-  }
-  ~CQuietStdout() {
-    std::fflush(stdout);
-    dup2(Saved, STDOUT_FILENO);
-    close(Saved);
-  }
-
- private:
-  int Saved;
-};
 
 // A server whose ring is full of published records of `sensors` sensors (a quarter on each
 // DUT channel) with levels of DUT channel 0; the producer's index stays at slot 0.

@@ -21,6 +21,8 @@
 
 #include "server/Vr480Server.h"
 
+#include "QuietStdout.h"
+
 // The pipeline is private to the server; the benchmark drives it as the acquisition loop does.
 struct ProcessingAccess {
   static int Process(CVr480Server& s) { return s.ProcessPeaksData(); }
@@ -33,24 +35,6 @@ constexpr double kSweepPeriodUs = 500.0;  // 2 kHz
 constexpr int kRecords = 64;              // distinct sweeps cycled through, with detector noise
 constexpr int kTeeth = 101;
 
-class CQuietStdout {
- public:
-  CQuietStdout() {
-    std::fflush(stdout);
-    Saved = dup(STDOUT_FILENO);
-    int null = open("/dev/null", O_WRONLY);
-    dup2(null, STDOUT_FILENO);
-    close(null);
-  }
-  ~CQuietStdout() {
-    std::fflush(stdout);
-    dup2(Saved, STDOUT_FILENO);
-    close(Saved);
-  }
-
- private:
-  int Saved;
-};
 
 // A server as start-up leaves it, with every per-sensor correction switched on, and a set of
 // full sweeps: 101 comb teeth 512 counts apart with the grating between teeth 60 and 61, and

@@ -8,27 +8,10 @@
 
 #include "processing/WvlAvg.h"
 
+#include "QuietStdout.h"
+
 namespace {
 
-// Init reports its allocation on the console; keep that out of the benchmark's table.
-class CQuietStdout {
- public:
-  CQuietStdout() {
-    std::fflush(stdout);
-    Saved = dup(STDOUT_FILENO);
-    int null = open("/dev/null", O_WRONLY);
-    dup2(null, STDOUT_FILENO);
-    close(null);
-  }
-  ~CQuietStdout() {
-    std::fflush(stdout);
-    dup2(Saved, STDOUT_FILENO);
-    close(Saved);
-  }
-
- private:
-  int Saved;
-};
 
 // One published record: a value for every sensor of every channel, each read back at once.
 void BM_AddAndAverage(benchmark::State& state) {
