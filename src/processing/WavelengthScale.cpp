@@ -11,6 +11,8 @@
 // the comb calibration is off: the record is still measured but marked.
 #include "processing/WavelengthScale.h"
 
+#include <cstring>
+
 #include <cmath>
 
 #include "processing/ProcessedRecord.h"
@@ -20,18 +22,6 @@ namespace {
 
 constexpr int kThermistorReadings = 65536;  // every signed 16-bit reading
 constexpr int kReadingOffset = 32768;       // table index = reading + 32768
-
-// The record the conversions read: the one handed to processing, or before the first pass
-// the one start-up fetched.
-const struct_dma_peaks_data* ScaleRecord(const CVr480Server& s) {
-  const struct_dma_peaks_data* last = s.pLastPeaks.load();
-  return last ? last : s.pPeaks;
-}
-
-int CombCount(const struct_dma_peaks_data& rec) {
-  const int n = rec.status.NumPeaks[1];
-  return n < kPeakListSize ? n : kPeakListSize;
-}
 
 }  // namespace
 
@@ -83,8 +73,11 @@ int CVr480Server::build_FBG_Vth2Thz_LUT() {
 }
 
 double CVr480Server::GetFBG_Thz() const {
-  const struct_dma_peaks_data* rec = ScaleRecord(*this);
-  const int vth = rec ? rec->status.Vth : static_cast<int16_t>(FbgRefVth.load());
+  int vth;
+  {
+    std::lock_guard<std::mutex> g(ScaleLock);
+    vth = Scale.bValid ? Scale.Vth : static_cast<int16_t>(FbgRefVth.load());
+  }
   return Vth2Thz[vth + kReadingOffset];
 }
 
@@ -180,14 +173,20 @@ void CVr480Server::FinishComb(const struct_dma_peaks_data& rec, int combCount, c
   const double gratingThz = CombFrequencyThz(rec.FfpiPeaks, FfpiPeakThz, placement.Segment,
                                              static_cast<double>(rec.FbgPeaks[0]), fsr);
   CalculatedFbg = SpeedOfLight * 0.001 / gratingThz;
+
+  std::lock_guard<std::mutex> g(ScaleLock);
+  Scale.Count = combCount < kPeakListSize ? combCount : kPeakListSize;
+  std::memcpy(Scale.Teeth, rec.FfpiPeaks, sizeof(uint32_t) * Scale.Count);
+  std::memcpy(Scale.Thz, FfpiPeakThz, sizeof(double) * Scale.Count);
+  Scale.Vth = rec.status.Vth;
+  Scale.bValid = true;
 }
 
 double CVr480Server::Counts2Wvl(double counts) const {
-  const struct_dma_peaks_data* rec = ScaleRecord(*this);
-  if (!rec) return -1.0;
-  const int n = CombCount(*rec);
+  std::lock_guard<std::mutex> g(ScaleLock);
+  const int n = Scale.Count;
   if (n < 2) return -1.0;
-  const uint32_t* teeth = rec->FfpiPeaks;
+  const uint32_t* teeth = Scale.Teeth;
   int k;
   if (counts < teeth[0]) {
     k = 1;
@@ -197,27 +196,27 @@ double CVr480Server::Counts2Wvl(double counts) const {
     k = 1;
     while (k < n - 1 && teeth[k] < counts) ++k;
   }
-  return SpeedOfLight * 0.001 / CombFrequencyThz(teeth, FfpiPeakThz, k, counts, FfpiFsrGhz / 1000.0);
+  return SpeedOfLight * 0.001 / CombFrequencyThz(teeth, Scale.Thz, k, counts, FfpiFsrGhz / 1000.0);
 }
 
 double CVr480Server::Wvl2Counts(double wvlNm) {
-  const struct_dma_peaks_data* rec = ScaleRecord(*this);
-  if (!rec) return -1.0;
-  const int n = CombCount(*rec);
+  std::lock_guard<std::mutex> g(ScaleLock);
+  const int n = Scale.Count;
   if (n < 2) return -1.0;
-  const uint32_t* teeth = rec->FfpiPeaks;
+  const uint32_t* teeth = Scale.Teeth;
+  const double* toothThz = Scale.Thz;
   const double fsr = FfpiFsrGhz / 1000.0;
   const double thz = SpeedOfLight / wvlNm / 1000.0;
   int k;
-  if (thz > FfpiPeakThz[0]) {
+  if (thz > toothThz[0]) {
     k = 1;
-  } else if (thz < FfpiPeakThz[n - 1]) {
+  } else if (thz < toothThz[n - 1]) {
     k = n - 1;
   } else {
     k = 1;
-    while (k < n - 1 && FfpiPeakThz[k] > thz) ++k;
+    while (k < n - 1 && toothThz[k] > thz) ++k;
   }
   const double span = static_cast<double>(static_cast<uint32_t>(teeth[k] - teeth[k - 1]));
-  const double counts = teeth[k - 1] - (thz - FfpiPeakThz[k - 1]) * span / fsr;
+  const double counts = teeth[k - 1] - (thz - toothThz[k - 1]) * span / fsr;
   return static_cast<double>(TruncateToInt32(counts));
 }

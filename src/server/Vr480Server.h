@@ -456,6 +456,19 @@ class CVr480Server {
   // layer; the pipeline reports it for each peak of the amplitude channel.
   int GetPeakAmplitude(int layer, int sample);
 
+  // The scale of the last published record, for conversions on other threads (commands): the
+  // acquisition thread copies it after each comb placement, under ScaleLock, so a reader never
+  // sees a comb half of one record and half of the next, nor a DMA buffer the card reuses.
+  struct SScaleSnapshot {
+    int Count = 0;                            // comb teeth
+    uint32_t Teeth[kSensorsPerChannel] = {};  // their sweep positions, counts
+    double Thz[kSensorsPerChannel] = {};      // their frequencies
+    int16_t Vth = 0;                          // the grating thermistor reading of that record
+    bool bValid = false;                      // a record has been published
+  };
+  mutable std::mutex ScaleLock;
+  SScaleSnapshot Scale;  // guarded by ScaleLock; acquisition writes
+
   Relaxed<bool> bDistMeasActive = false;  // a distance measurement owns acquisition: records are processed but not
                                           // announced, no amplitudes or outputs; distance measurement
 

@@ -25,7 +25,9 @@ class ProtocolTest : public testing::Test {
     Root = new CTempDir;
     WriteFile(*Root / "vr480/vr480.tag", "#TEST_CMD = \"7 8 9\"\n// a remark\n  #GET_DOT_NOTATION 5\n");
     Server = new CServerProcess(Root->Path(), FreePort());
-    ASSERT_TRUE(Server->WaitForOutput("Entering thread loop", std::chrono::seconds(30)));
+    // Clients are served from early in start-up, but the identification text is complete only
+    // at its end.
+    ASSERT_TRUE(Server->WaitForOutput("**FsCountOffset = ", std::chrono::seconds(60)));
   }
   static void TearDownTestSuite() {
     delete Server;

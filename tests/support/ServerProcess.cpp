@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <random>
 
 namespace {
@@ -61,6 +63,9 @@ CServerProcess::CServerProcess(const std::string& root, int port, std::vector<st
 }
 
 CServerProcess::~CServerProcess() {
+  // VR480_TEST_SERVER_LOG=1 shows what each test server printed (sanitizer reports included).
+  if (const char* show = std::getenv("VR480_TEST_SERVER_LOG"); show && *show == '1')
+    std::fprintf(stderr, "---- vr480d console ----\n%s\n---- end ----\n", Output().c_str());
   if (Child > 0 && !bExited) {
     ::kill(Child, SIGKILL);
     int status;
