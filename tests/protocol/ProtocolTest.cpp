@@ -13,12 +13,6 @@
 
 namespace {
 
-std::string Frame(const std::string& body) {
-  char digits[11];
-  std::snprintf(digits, sizeof digits, "%010zu", body.size());
-  return digits + body;
-}
-
 class ProtocolTest : public testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -159,8 +153,9 @@ TEST_F(ProtocolTest, TenSlotsAnEleventhWaitsAndVanishingClientsFreeTheirSlots) {
   EXPECT_LT(std::chrono::steady_clock::now() - freed, std::chrono::seconds(7));
 
   // The others carry on.
-  for (int i = 0; i < 10; ++i)
+  for (int i = 0; i < 10; ++i) {
     if (i != 3) EXPECT_EQ(clients[i]->Command("#GET_DOT_NOTATION 5"), "1.2") << "client " << i;
+  }
   clients.clear();
   CTestClient after(Port());
   EXPECT_EQ(after.Command("#WHO?"), "127.0.0.1,127.0.0.1") << "the eleventh and this one";
