@@ -47,6 +47,7 @@ int CVr480Server::ProcessPeaksData() {
   const struct_dma_peaks_data* last = pLastPeaks.load();
   const struct_dma_peaks_status& hdr = last ? last->status : rec.status;
   const bool learning = bSensorBinLearning;
+  SnapshotScale(rec);
 
   uint8_t status = CheckScaleReferences(rec, hdr);
   const bool publish = Publishes(hdr);

@@ -175,9 +175,16 @@ void CVr480Server::FinishComb(const struct_dma_peaks_data& rec, int combCount, c
   CalculatedFbg = SpeedOfLight * 0.001 / gratingThz;
 
   std::lock_guard<std::mutex> g(ScaleLock);
-  Scale.Count = combCount < kPeakListSize ? combCount : kPeakListSize;
+  std::memcpy(Scale.Thz, FfpiPeakThz, sizeof Scale.Thz);
+}
+
+// The conversions work on the current record's comb; other threads read it from this copy,
+// taken as each record is fetched (the card reuses its buffer half a second later).
+void CVr480Server::SnapshotScale(const struct_dma_peaks_data& rec) {
+  const int n = rec.status.NumPeaks[1];
+  std::lock_guard<std::mutex> g(ScaleLock);
+  Scale.Count = n < kPeakListSize ? n : kPeakListSize;
   std::memcpy(Scale.Teeth, rec.FfpiPeaks, sizeof(uint32_t) * Scale.Count);
-  std::memcpy(Scale.Thz, FfpiPeakThz, sizeof(double) * Scale.Count);
   Scale.Vth = rec.status.Vth;
   Scale.bValid = true;
 }

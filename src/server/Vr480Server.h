@@ -468,6 +468,7 @@ class CVr480Server {
   };
   mutable std::mutex ScaleLock;
   SScaleSnapshot Scale;  // guarded by ScaleLock; acquisition writes
+  void SnapshotScale(const struct_dma_peaks_data& rec);  // acquisition, for every fetched record
 
   Relaxed<bool> bDistMeasActive = false;  // a distance measurement owns acquisition: records are processed but not
                                           // announced, no amplitudes or outputs; distance measurement

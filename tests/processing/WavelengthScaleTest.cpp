@@ -191,6 +191,7 @@ TEST(WavelengthScale, CountsAndWavelengthsConvertBothWays) {
 
   // One tooth is no ruler.
   r.status.NumPeaks[1] = 1;
+  Feed(*s, r);
   EXPECT_EQ(s->Counts2Wvl(20000), -1.0);
   EXPECT_EQ(ProcessingAccess::Wvl2Counts(*s, 1550.0), -1.0);
 }
