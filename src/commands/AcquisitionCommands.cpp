@@ -399,9 +399,6 @@ int SetTestSyncOutputDivider(CCommandContext& c) {
 }
 int GetTestSyncOutputDivider(CCommandContext& c) { return c.Reply("%d", c.Server.Driver.GetTestSyncOutDivider()); }
 
-constexpr ETagPolicy kNone = ETagPolicy::None;
-constexpr ETagPolicy kTag = ETagPolicy::PerCommand;
-
 const SCommandRow kRows[] = {
     // Triggering
     {"#SW_TRIG_START", 0, 0, kNone, SwTrigStart},

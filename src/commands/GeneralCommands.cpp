@@ -66,16 +66,16 @@ int Quit(CCommandContext& c) {
 }
 
 const SCommandRow kRows[] = {
-    {"#READY?", kAnyArgs, kAnyArgs, ETagPolicy::None, Ready},
-    {"#GET_DOT_NOTATION", 1, 1, ETagPolicy::None, GetDotNotation},
-    {"#GET_LEGACY_NOTATION", 1, 1, ETagPolicy::None, GetLegacyNotation},
-    {"#WHOAMI?", 0, 0, ETagPolicy::None, WhoAmI},
-    {"#WHO?", 0, 0, ETagPolicy::None, Who},
-    {"#TEST_CMD", 3, 3, ETagPolicy::None, TestCmd},
-    {"#HELP", 0, 0, ETagPolicy::None, Help},
-    {"#ZOR_HELP", 0, 0, ETagPolicy::None, ZorHelp},
-    {"#IDN?", 0, 0, ETagPolicy::None, Idn},
-    {"#QUIT!", 0, 0, ETagPolicy::None, Quit},
+    {"#READY?", kAnyArgs, kAnyArgs, kNone, Ready},
+    {"#GET_DOT_NOTATION", 1, 1, kNone, GetDotNotation},
+    {"#GET_LEGACY_NOTATION", 1, 1, kNone, GetLegacyNotation},
+    {"#WHOAMI?", 0, 0, kNone, WhoAmI},
+    {"#WHO?", 0, 0, kNone, Who},
+    {"#TEST_CMD", 3, 3, kNone, TestCmd},
+    {"#HELP", 0, 0, kNone, Help},
+    {"#ZOR_HELP", 0, 0, kNone, ZorHelp},
+    {"#IDN?", 0, 0, kNone, Idn},
+    {"#QUIT!", 0, 0, kNone, Quit},
 };
 
 }  // namespace

@@ -298,10 +298,6 @@ int GetAvoReferenceVout(CCommandContext& c) {
   return c.Reply("%f", static_cast<double>(c.Server.AvoReferenceVout[k]));
 }
 
-constexpr ETagPolicy kNone = ETagPolicy::None;
-constexpr ETagPolicy kTag = ETagPolicy::PerCommand;
-constexpr ETagPolicy kTagPerArg1 = ETagPolicy::PerCommandAndArg1;
-
 const SCommandRow kRows[] = {
     // Auto-bias
     {"#SET_AUTOBIAS", 1, 1, kTag, SetAutoBias},

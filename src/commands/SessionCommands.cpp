@@ -83,22 +83,22 @@ int SetStreamRecoveryDelayUs(CCommandContext& c) {
 int GetStreamRecoveryDelayUs(CCommandContext& c) { return c.Reply("%d", static_cast<int>(c.Server.StreamRecoveryDelayUs)); }
 
 const SCommandRow kRows[] = {
-    {"#SET_STREAMING_DATA", 1, 1, ETagPolicy::None, SetStreamingData},
-    {"#GET_STREAMING_DATA", 0, 0, ETagPolicy::None, GetStreamingData},
-    {"#SET_USE_STREAM_TOKENS", 1, 1, ETagPolicy::None, SetUseStreamTokens},
-    {"#GET_USE_STREAM_TOKENS", 0, 0, ETagPolicy::None, GetUseStreamTokens},
-    {"#SET_BUFFER_ENABLE", 1, 1, ETagPolicy::None, SetBufferEnable},
-    {"#GET_BUFFER_ENABLE", 0, 0, ETagPolicy::None, GetBufferEnable},
-    {"#SET_DATA_INTERLEAVE", 1, 1, ETagPolicy::None, SetDataInterleave},
-    {"#GET_DATA_INTERLEAVE", 0, 0, ETagPolicy::None, GetDataInterleave},
-    {"#SET_SOCKET_RECOVERY_ATTEMPTS", 1, 1, ETagPolicy::None, SetSocketRecoveryAttempts},
-    {"#GET_SOCKET_RECOVERY_ATTEMPTS", 0, 0, ETagPolicy::None, GetSocketRecoveryAttempts},
-    {"#SET_SOCKET_RECOVERY_DELAY_US", 1, 1, ETagPolicy::None, SetSocketRecoveryDelayUs},
-    {"#GET_SOCKET_RECOVERY_DELAY_US", 0, 0, ETagPolicy::None, GetSocketRecoveryDelayUs},
-    {"#SET_STREAM_RECOVERY_ATTEMPTS", 1, 1, ETagPolicy::None, SetStreamRecoveryAttempts},
-    {"#GET_STREAM_RECOVERY_ATTEMPTS", 0, 0, ETagPolicy::None, GetStreamRecoveryAttempts},
-    {"#SET_STREAM_RECOVERY_DELAY_US", 1, 1, ETagPolicy::None, SetStreamRecoveryDelayUs},
-    {"#GET_STREAM_RECOVERY_DELAY_US", 0, 0, ETagPolicy::None, GetStreamRecoveryDelayUs},
+    {"#SET_STREAMING_DATA", 1, 1, kNone, SetStreamingData},
+    {"#GET_STREAMING_DATA", 0, 0, kNone, GetStreamingData},
+    {"#SET_USE_STREAM_TOKENS", 1, 1, kNone, SetUseStreamTokens},
+    {"#GET_USE_STREAM_TOKENS", 0, 0, kNone, GetUseStreamTokens},
+    {"#SET_BUFFER_ENABLE", 1, 1, kNone, SetBufferEnable},
+    {"#GET_BUFFER_ENABLE", 0, 0, kNone, GetBufferEnable},
+    {"#SET_DATA_INTERLEAVE", 1, 1, kNone, SetDataInterleave},
+    {"#GET_DATA_INTERLEAVE", 0, 0, kNone, GetDataInterleave},
+    {"#SET_SOCKET_RECOVERY_ATTEMPTS", 1, 1, kNone, SetSocketRecoveryAttempts},
+    {"#GET_SOCKET_RECOVERY_ATTEMPTS", 0, 0, kNone, GetSocketRecoveryAttempts},
+    {"#SET_SOCKET_RECOVERY_DELAY_US", 1, 1, kNone, SetSocketRecoveryDelayUs},
+    {"#GET_SOCKET_RECOVERY_DELAY_US", 0, 0, kNone, GetSocketRecoveryDelayUs},
+    {"#SET_STREAM_RECOVERY_ATTEMPTS", 1, 1, kNone, SetStreamRecoveryAttempts},
+    {"#GET_STREAM_RECOVERY_ATTEMPTS", 0, 0, kNone, GetStreamRecoveryAttempts},
+    {"#SET_STREAM_RECOVERY_DELAY_US", 1, 1, kNone, SetStreamRecoveryDelayUs},
+    {"#GET_STREAM_RECOVERY_DELAY_US", 0, 0, kNone, GetStreamRecoveryDelayUs},
 };
 
 }  // namespace

@@ -53,11 +53,11 @@ int RemoveTag(CCommandContext& c) {
 }
 
 const SCommandRow kRows[] = {
-    {"#SAVE_SETTINGS", 0, 0, ETagPolicy::None, SaveSettings},
-    {"#SAVE_WVL_OFFSETS", 0, 0, ETagPolicy::None, SaveWvlOffsets},
-    {"#GET_TAGS", 0, 0, ETagPolicy::None, GetTags},
-    {"#DUMP_TAGS", 0, 0, ETagPolicy::None, DumpTags},
-    {"#REMOVE_TAG", 1, 1, ETagPolicy::None, RemoveTag},
+    {"#SAVE_SETTINGS", 0, 0, kNone, SaveSettings},
+    {"#SAVE_WVL_OFFSETS", 0, 0, kNone, SaveWvlOffsets},
+    {"#GET_TAGS", 0, 0, kNone, GetTags},
+    {"#DUMP_TAGS", 0, 0, kNone, DumpTags},
+    {"#REMOVE_TAG", 1, 1, kNone, RemoveTag},
 };
 
 }  // namespace

@@ -38,6 +38,11 @@ enum class ETagPolicy : uint8_t {
   PerCommandAndArg1, // one tag per command and first argument (a channel, an output, an index)
 };
 
+// Short names for the rows of the family tables.
+constexpr ETagPolicy kNone = ETagPolicy::None;
+constexpr ETagPolicy kTag = ETagPolicy::PerCommand;
+constexpr ETagPolicy kTagPerArg1 = ETagPolicy::PerCommandAndArg1;
+
 constexpr int kAnyArgs = -1;  // the row accepts any argument text, unchecked
 
 // What a handler sees of the command it runs.

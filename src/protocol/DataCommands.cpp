@@ -73,18 +73,18 @@ int GetWvlLvlCnts(CCommandContext& c) {
 }
 
 const SCommandRow kRows[] = {
-    {"#GET_DATA", 0, 0, ETagPolicy::None, GetData},
-    {"#GET_DATA_AND_LEVELS", 0, 0, ETagPolicy::None, GetData},
-    {"#GET_UNBUFFERED_DATA", 0, 0, ETagPolicy::None, GetUnbufferedData},
-    {"#GET_UNBUFFERED_DATA_AND_LEVELS", 0, 0, ETagPolicy::None, GetUnbufferedData},
-    {"#GET_WVL_LVL_CNTS", 0, 0, ETagPolicy::None, GetWvlLvlCnts},
-    {"#GET_BUFFER_COUNT", 0, 0, ETagPolicy::None, GetBufferCount},
-    {"#FLUSH_BUFFER", 0, 0, ETagPolicy::None, FlushBuffer},
-    {"#GET_RAW_DATA", 0, 0, ETagPolicy::None, GetRawData},
-    {"#GET_HIGH_SPEED_FS", 0, 0, ETagPolicy::None, GetHighSpeedFs},
-    {"#GET_SPECTRUM", 0, 0, ETagPolicy::None, GetSpectrum},
-    {"#GET_RAW_SPECTRUM", 0, 0, ETagPolicy::None, GetRawSpectrum},
-    {"#WEB_STATUS", 0, 0, ETagPolicy::None, WebStatus},
+    {"#GET_DATA", 0, 0, kNone, GetData},
+    {"#GET_DATA_AND_LEVELS", 0, 0, kNone, GetData},
+    {"#GET_UNBUFFERED_DATA", 0, 0, kNone, GetUnbufferedData},
+    {"#GET_UNBUFFERED_DATA_AND_LEVELS", 0, 0, kNone, GetUnbufferedData},
+    {"#GET_WVL_LVL_CNTS", 0, 0, kNone, GetWvlLvlCnts},
+    {"#GET_BUFFER_COUNT", 0, 0, kNone, GetBufferCount},
+    {"#FLUSH_BUFFER", 0, 0, kNone, FlushBuffer},
+    {"#GET_RAW_DATA", 0, 0, kNone, GetRawData},
+    {"#GET_HIGH_SPEED_FS", 0, 0, kNone, GetHighSpeedFs},
+    {"#GET_SPECTRUM", 0, 0, kNone, GetSpectrum},
+    {"#GET_RAW_SPECTRUM", 0, 0, kNone, GetRawSpectrum},
+    {"#WEB_STATUS", 0, 0, kNone, WebStatus},
 };
 
 }  // namespace
