@@ -57,7 +57,10 @@ int ZorHelp(CCommandContext& c) {
   return kReplyConstant;
 }
 
-int Idn(CCommandContext& c) { return c.Reply("%s", c.Server.IdnText); }
+int Idn(CCommandContext& c) {
+  std::lock_guard<std::mutex> g(c.Server.IdentityLock);
+  return c.Reply("%s", c.Server.IdnText);
+}
 
 int Quit(CCommandContext& c) {
   bStopSignalled = true;  // also when the acquisition loop has not started yet

@@ -166,6 +166,7 @@ void CVr480Server::PutCardInKnownState() {
 }
 
 void CVr480Server::WriteIdentificationDefaults() {
+  std::lock_guard<std::mutex> g(IdentityLock);
   std::snprintf(IdnText, 60, "%s", "Zorvane vr480, ");
   std::snprintf(ZorIdn, sizeof ZorIdn, "%s", "vr480");
   std::snprintf(ProductId, sizeof ProductId, "%s", "XXXXXX_XXXXXX");
@@ -202,6 +203,7 @@ void CVr480Server::LoadDataFiles() {
 }
 
 void CVr480Server::WriteIdentificationSuffix() {
+  std::lock_guard<std::mutex> g(IdentityLock);
   char previous[sizeof IdnText];
   std::memcpy(previous, IdnText, sizeof IdnText);
   std::snprintf(IdnText, 60, "%s%s-%d-%d-%d ", previous, kServerRelease, Driver.GetDriverVersion(),

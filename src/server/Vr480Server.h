@@ -235,6 +235,7 @@ class CVr480Server {
   char IdnText[128] = {};                         // identification text; Init, #SET_IDN_TXT
   char ZorIdn[128] = {};                          // maker identification; Init
   char ProductId[64] = {};                        // product identification; Init, handlers
+  mutable std::mutex IdentityLock;                // the identification texts above: clients read them while Init ends
   Relaxed<int32_t> UserVar[kUserVars];            // #SET_USER_VAR; handlers
   Relaxed<int32_t> ZorVar[kUserVars];             // #SET_ZOR_VAR; handlers
 
