@@ -5,6 +5,8 @@
 
 #include <memory>
 
+#include <thread>
+
 #include "ServerAccess.h"
 
 
@@ -195,4 +197,34 @@ TEST_F(AcquisitionTest, MultiplexerChangeRebuildsTheAveragingStore) {
   EXPECT_EQ(Server->WvlAvg.GetTargetNumAvg(9, 5), 7);
   EXPECT_EQ(Server->GetNumAverages(9, 5), 7);
   EXPECT_EQ(Server->pPeaks->AppliedLevelBits(), 3);
+}
+
+// Switching triggering on waits (at most a second) until the acquisition loop reports the
+// card in triggered acquisition, then points every client at the newest record.
+TEST(TriggeredMode, EnablingWaitsForTheCardAndSkipsWhatWasBuffered) {
+  CCardServer cs(sim::EProducerMode::RealTime);
+  ASSERT_TRUE(cs.bOpen);
+  cs.PrepareAcquisition();
+  cs.LaserAtWorkingPoint();
+  CVr480Server& s = *cs.Server;
+  std::atomic<bool> stop{false};
+  bRun = true;
+  std::thread loop([&] {
+    while (!stop) ServerAccess::Pass(s);
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  for (int i = 0; i < kClientSlots; ++i) s.ProcessedReadIndex[i] = 0;
+
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(s.SetTriggeringMode(1), 0);
+  const std::string out = testing::internal::GetCapturedStdout();
+  stop = true;
+  loop.join();
+  bRun = false;
+
+  EXPECT_EQ(out.find("Failed to enter triggered mode"), std::string::npos) << out;
+  EXPECT_TRUE(s.bTriggeredModeEntered);
+  EXPECT_EQ(s.GetTriggeringMode(), 1);
+  EXPECT_NE(s.ProcessedReadIndex[0].load(), 0) << "clients skip what was buffered before the trigger";
+  EXPECT_EQ(s.ProcessedReadIndex[0].load(), s.ProcessedReadIndex[9].load());
 }
