@@ -287,13 +287,18 @@ int C480_DriverInterface::wait_for_mcsr_ready() {
   return -1;
 }
 
-uint8_t C480_DriverInterface::nvRAM_read(uint16_t addr) {
+// The bridge takes an nvRAM address one byte at a time through its data register.
+void C480_DriverInterface::LatchNvRamAddress(uint16_t addr) {
   wait_for_mcsr_ready();
   WriteReg8(kRegNvControl, kNvLoadAddrLow);
   WriteReg8(kRegNvData, static_cast<uint8_t>(addr & 0xFF));
   wait_for_mcsr_ready();
   WriteReg8(kRegNvControl, kNvLoadAddrHigh);
   WriteReg8(kRegNvData, static_cast<uint8_t>(addr >> 8));
+}
+
+uint8_t C480_DriverInterface::nvRAM_read(uint16_t addr) {
+  LatchNvRamAddress(addr);
   wait_for_mcsr_ready();
   WriteReg8(kRegNvControl, kNvRead);
   wait_for_mcsr_ready();
@@ -301,12 +306,7 @@ uint8_t C480_DriverInterface::nvRAM_read(uint16_t addr) {
 }
 
 int C480_DriverInterface::nvRAM_write(uint16_t addr, uint8_t value) {
-  wait_for_mcsr_ready();
-  WriteReg8(kRegNvControl, kNvLoadAddrLow);
-  WriteReg8(kRegNvData, static_cast<uint8_t>(addr & 0xFF));
-  wait_for_mcsr_ready();
-  WriteReg8(kRegNvControl, kNvLoadAddrHigh);
-  WriteReg8(kRegNvData, static_cast<uint8_t>(addr >> 8));
+  LatchNvRamAddress(addr);
   wait_for_mcsr_ready();
   WriteReg8(kRegNvControl, kNvLoadData);
   wait_for_mcsr_ready();

@@ -259,6 +259,7 @@ class C480_DriverInterface {
   }
   void Sleep(unsigned long us) const { Sleeper(us); }
   int WaitForDriverClients();
+  void LatchNvRamAddress(uint16_t addr);
 
   CCardProvider* Provider = nullptr;      // not owned; nullptr = the process-wide Card()
   std::unique_ptr<CDeviceFile> Device;    // "/dev/vr480" while open

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "DataWire.h"
+#include "support/SceneServer.h"
 #include "support/ServerProcess.h"
 #include "support/TempDir.h"
 #include "support/TestClient.h"
@@ -47,19 +48,16 @@ bool IsUnknown(const std::string& reply) { return reply.rfind("!Invalid command 
 class DataEndToEnd : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    Root = new CTempDir;
     std::string scene = "# channel  wavelength  distance  amplitude\n";
     for (const auto& s : kScene) scene += std::to_string(s.Channel) + " " + std::to_string(s.Nm) + " 0 12000\n";
-    WriteFile(*Root / "scene.txt", scene);
-    Server = new CServerProcess(Root->Path(), FreePort(), {"--scene", *Root / "scene.txt"});
-    bStarted = Server->WaitForOutput("**FsCountOffset = ", 60s);
+    Rig = new CSceneServer(scene);
+    Server = Rig->Process();
+    bStarted = Rig->Started();
   }
   static void TearDownTestSuite() {
-    if (Server) Server->Stop(SIGTERM);
-    delete Server;
-    delete Root;
+    delete Rig;
+    Rig = nullptr;
     Server = nullptr;
-    Root = nullptr;
   }
   void SetUp() override { ASSERT_TRUE(bStarted) << Server->Output().substr(0, 4000); }
 
@@ -102,11 +100,11 @@ class DataEndToEnd : public ::testing::Test {
     }
   }
 
-  static CTempDir* Root;
+  static CSceneServer* Rig;
   static CServerProcess* Server;
   static bool bStarted;
 };
-CTempDir* DataEndToEnd::Root = nullptr;
+CSceneServer* DataEndToEnd::Rig = nullptr;
 CServerProcess* DataEndToEnd::Server = nullptr;
 bool DataEndToEnd::bStarted = false;
 

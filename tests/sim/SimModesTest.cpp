@@ -84,7 +84,9 @@ TEST(SimModes, SoftwareTriggerWindows) {
   for (int i = 0; i < 5; ++i) {
     auto& r = d.StepNext();
     EXPECT_TRUE(r.InTriggerWindow()) << i;
-    if (i > 0) EXPECT_EQ(r.status.SweepCounter, sweep + 1) << "consecutive sweeps in a window";
+    if (i > 0) {
+      EXPECT_EQ(r.status.SweepCounter, sweep + 1) << "consecutive sweeps in a window";
+    }
     sweep = r.status.SweepCounter;
   }
   auto& after = d.StepNext();

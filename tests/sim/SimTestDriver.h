@@ -77,25 +77,24 @@ class CTestDriver {
     for (int i = 0; i < 100000 && (Read(1, 0x3F) & 0x80); ++i) {
     }
   }
-  uint8_t NvRead(uint16_t addr) {
+  // Latches an nvRAM address: low byte, then high byte.
+  void NvAddress(uint16_t addr) {
     WaitNvram();
     Write(1, 0x3F, 0x80);
     Write(1, 0x3E, addr & 0xFF);
     WaitNvram();
     Write(1, 0x3F, 0xA0);
     Write(1, 0x3E, addr >> 8);
+  }
+  uint8_t NvRead(uint16_t addr) {
+    NvAddress(addr);
     WaitNvram();
     Write(1, 0x3F, 0xE0);
     WaitNvram();
     return static_cast<uint8_t>(Read(1, 0x3E));
   }
   void NvWrite(uint16_t addr, uint8_t b) {
-    WaitNvram();
-    Write(1, 0x3F, 0x80);
-    Write(1, 0x3E, addr & 0xFF);
-    WaitNvram();
-    Write(1, 0x3F, 0xA0);
-    Write(1, 0x3E, addr >> 8);
+    NvAddress(addr);
     WaitNvram();
     Write(1, 0x3F, 0x00);
     WaitNvram();

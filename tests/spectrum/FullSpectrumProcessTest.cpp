@@ -11,6 +11,7 @@
 
 #include "FullSpectrumHarness.h"
 #include "protocol/DataWire.h"
+#include "support/SceneServer.h"
 #include "support/ServerProcess.h"
 #include "support/TempDir.h"
 #include "support/TestClient.h"
@@ -31,21 +32,18 @@ constexpr SSensor kChannel1[] = {{1530.0, 0.0, 12000.0}, {1545.0, 0.0, 11000.0},
 class FullSpectrumProcess : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    Root = new CTempDir;
     std::string scene = "# channel  wavelength  distance  amplitude\n";
     for (const SSensor& s : kChannel1)
       scene += "1 " + std::to_string(s.Nm) + " " + std::to_string(s.DistanceM) + " " + std::to_string(s.Amplitude) + "\n";
     scene += "2 1540.0 0 9000\n3 1550.0 0 9000\n4 1555.0 0 9000\n";
-    WriteFile(*Root / "scene.txt", scene);
-    Server = new CServerProcess(Root->Path(), FreePort(), {"--scene", *Root / "scene.txt"});
-    bStarted = Server->WaitForOutput("**FsCountOffset = ", 60s) && Server->WaitForOutput("**\n", 2s);
+    Rig = new CSceneServer(scene);
+    Server = Rig->Process();
+    bStarted = Rig->Started();
   }
   static void TearDownTestSuite() {
-    if (Server) Server->Stop(SIGTERM);
-    delete Server;
-    delete Root;
+    delete Rig;
+    Rig = nullptr;
     Server = nullptr;
-    Root = nullptr;
   }
   void SetUp() override { ASSERT_TRUE(bStarted) << Server->Output().substr(0, 4000); }
 
@@ -67,12 +65,12 @@ class FullSpectrumProcess : public ::testing::Test {
     return c;
   }
 
-  static CTempDir* Root;
+  static CSceneServer* Rig;
   static CServerProcess* Server;
   static bool bStarted;
 };
 
-CTempDir* FullSpectrumProcess::Root = nullptr;
+CSceneServer* FullSpectrumProcess::Rig = nullptr;
 CServerProcess* FullSpectrumProcess::Server = nullptr;
 bool FullSpectrumProcess::bStarted = false;
 
