@@ -7,4 +7,8 @@ void RegisterAllCommandFamilies(CCommandTable& table) {
   RegisterLoopCommands(table);
   RegisterDataCommands(table);
   RegisterSettingsCommands(table);
+  RegisterScaleCommands(table);
+  RegisterSensorCommands(table);
+  RegisterChannelCommands(table);
+  RegisterDeviceCommands(table);
 }

@@ -10,6 +10,10 @@ void RegisterAcquisitionCommands(CCommandTable& table);   // src/commands/Acquis
 void RegisterLoopCommands(CCommandTable& table);          // src/commands/LoopCommands.cpp
 void RegisterDataCommands(CCommandTable& table);          // src/protocol/DataCommands.cpp
 void RegisterSettingsCommands(CCommandTable& table);      // src/commands/SettingsCommands.cpp
+void RegisterScaleCommands(CCommandTable& table);         // src/commands/ScaleCommands.cpp
+void RegisterSensorCommands(CCommandTable& table);        // src/commands/SensorCommands.cpp
+void RegisterChannelCommands(CCommandTable& table);       // src/commands/ChannelCommands.cpp
+void RegisterDeviceCommands(CCommandTable& table);        // src/commands/DeviceCommands.cpp
 
 // Calls every family's registration, in order.
 void RegisterAllCommandFamilies(CCommandTable& table);

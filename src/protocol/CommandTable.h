@@ -29,6 +29,10 @@ enum : int {
   kReplyConstant = 11,  // body outside any response buffer: length sent from a separate buffer
   kReplyAlways = 12,    // framed even while the client streams
   kReplyRecord = 13,    // a measurement record (in the data ring, a private copy or the error header)
+  // Not a reply: the handler declines its arguments (a getter's channel out of range), so the
+  // dispatcher goes on with the next row of the name and answers the invalid-command reply
+  // when none takes the line. Nothing is recorded as a tag.
+  kReplyNoMatch = -100,
 };
 
 // How a setter persists itself after it has taken effect.

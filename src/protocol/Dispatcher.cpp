@@ -119,6 +119,7 @@ int CVr480Server::ProcessCmd(short client, const char* line, char** reply, unsig
         continue;
       ctx.Text()[0] = '\0';
       code = row->Handler(ctx);
+      if (code == kReplyNoMatch) continue;
       handled = true;
       if (row->Tag != ETagPolicy::None && !ctx.bSkipTag && ctx.Text()[0] != '!') {
         const std::string tag = command + " = \"" + argText + "\"";
