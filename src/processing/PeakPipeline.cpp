@@ -111,8 +111,8 @@ uint32_t CVr480Server::ConvertSensors(const struct_dma_peaks_data& rec, const st
     const uint8_t avgChannel = static_cast<uint8_t>(logical);
     const int count = ListCount(hdr.NumPeaks[2 + ch]);
     const uint32_t* peaks = rec.DutPeaks[ch];
-    const double* flight = TimeOfFlightInCounts[logical];
-    const int32_t* reference = SensorReferences[logical];
+    const Relaxed<double>* flight = TimeOfFlightInCounts[logical];
+    const Relaxed<int32_t>* reference = SensorReferences[logical];
     const uint32_t gainOffset = GainWvlOffset[ch][hdr.Gain[ch]];
     // A record whose layer lies above the multiplexer level the averages were built for
     // (while the card changes level) is reported unaveraged.

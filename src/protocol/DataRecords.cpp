@@ -122,7 +122,7 @@ void AddReferencesBack(const CVr480Server& s, uint8_t* rec) {
   uint32_t i = 0;
   for (int ch = 0; ch < kOpticalChannels; ++ch) {
     const int count = std::min<int>(GetRecU16(rec, kRecKeptCountsOffset + 2 * ch), kSensorsPerChannel);
-    const int32_t* references = s.SensorReferences[layer * kOpticalChannels + ch];
+    const Relaxed<int32_t>* references = s.SensorReferences[layer * kOpticalChannels + ch];
     for (int j = 0; j < count && i < total; ++j, ++i) {
       const size_t at = kRecSensorsOffset + 4 * i;
       PutRecU32(rec, at, GetRecU32(rec, at) + static_cast<uint32_t>(references[j]));

@@ -178,8 +178,8 @@ class CVr480Server {
   Relaxed<int32_t> Peak2Use = 0;                 // #SET_PEAK2USE; handlers
 
   // ---- Sensor geometry and distance measurement -------------------------------------------------
-  double* SensorDistances[kLogicalChannels] = {};       // sensor location, m; handlers, location files
-  double* TimeOfFlightInCounts[kLogicalChannels] = {};  // time of flight per sensor, counts; built from the locations
+  Relaxed<double>* SensorDistances[kLogicalChannels] = {};       // sensor location, m; handlers, location files
+  Relaxed<double>* TimeOfFlightInCounts[kLogicalChannels] = {};  // time of flight per sensor, counts; built from the locations
   Relaxed<double> IndexOfRefraction[kLogicalChannels];  // group index per logical channel (1.46); handlers
   Relaxed<double> SpeedOfLight = 299792458.0;           // m/s; handlers
   Relaxed<bool> ChEnable[kLogicalChannels];             // logical channel enabled (index = channel - 1); handlers
@@ -200,11 +200,15 @@ class CVr480Server {
   Relaxed<bool> bLocMeasEnable = false;                 // #SET_ZOR_LOC_MEAS_ENABLE; handlers
 
   // ---- References, averages, gains -------------------------------------------------------------
-  int32_t* SensorReferences[kLogicalChannels] = {};  // reference per sensor, 1/Granularity nm; handlers, files
+  // The per-sensor tables (references, locations, flight times, gain offsets) are written by
+  // handlers and the file loaders while the pipeline reads them record by record: each entry
+  // is a Relaxed value, so a reader sees an entry's old or new value and the per-record path
+  // takes no lock (a relaxed load is a plain load on this processor).
+  Relaxed<int32_t>* SensorReferences[kLogicalChannels] = {};  // reference per sensor, 1/Granularity nm; handlers, files
   Relaxed<bool> bUseReferences = false;              // #SET_USE_REFERENCES; handlers
   uint16_t* SensorAverages[kLogicalChannels] = {};   // averaging depth per sensor (default MinNumAverages); handlers
   Relaxed<uint16_t> MinNumAverages = 1;              // #SET_MIN_NUM_AVERAGES; handlers
-  uint32_t* GainWvlOffset[kOpticalChannels] = {};    // wavelength offset per optical channel and gain code; files
+  Relaxed<uint32_t>* GainWvlOffset[kOpticalChannels] = {};  // wavelength offset per optical channel and gain code; files, handlers
   Relaxed<bool> bEnableWvlOffsets = true;            // #SET_ENABLE_WVL_OFFSETS; handlers
   uint16_t Db2Counts[kOpticalChannels][kDbTableEntries] = {};  // dB -> gain counts per optical channel; files
   Relaxed<uint16_t> MinChPwrLevel[kOpticalChannels];  // #SET_MIN_CH_PWR_LEVEL; handlers
