@@ -67,6 +67,10 @@ class CCommandContext {
   // A column read as the C library reads a number prefix: text that is no number reads 0.
   long Int(int n) const;
   double Dbl(int n) const;
+  // A real column for a setter: NaN and the infinities (also "1e999") are refused with one
+  // reply for every command, "!Illegal parameters.  Not a finite number: <text>.\n", since a
+  // wild value would poison the scale or a card word. False after writing that reply.
+  bool FiniteDbl(int n, double& value);
 
   // Writes the reply text (printf-style) into the caller's response buffer and returns
   // kReplyText. A reply longer than the buffer is replaced by a "!" reply naming the command.

@@ -1,6 +1,7 @@
 // ProcessCmd: the single entry point of every command line, from clients and from the tag
 // replay at start-up. It splits the line, keeps the command history, finds the row that
 // accepts the argument count, runs its handler and records the setting as a tag.
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -48,6 +49,13 @@ std::string CCommandContext::Col(int n) const { return Args.GetCol(static_cast<u
 long CCommandContext::Int(int n) const { return std::strtol(Col(n).c_str(), nullptr, 10); }
 
 double CCommandContext::Dbl(int n) const { return std::strtod(Col(n).c_str(), nullptr); }
+
+bool CCommandContext::FiniteDbl(int n, double& value) {
+  value = Dbl(n);
+  if (std::isfinite(value)) return true;
+  Reply("!Illegal parameters.  Not a finite number: %s.\n", Col(n).c_str());
+  return false;
+}
 
 char* CCommandContext::Text() const { return Server.ResponseText[Row]; }
 
