@@ -8,6 +8,8 @@ namespace sim {
 namespace {
 
 constexpr uint32_t kRegisterSpace = 0x40;
+constexpr uint32_t kFifoPort = 0x20;
+constexpr size_t kFifoDepth = 8;  // words the bridge's FIFO holds
 constexpr uint32_t kMailboxStatus = 0x34;
 constexpr uint32_t kMasterControl = 0x3C;
 // Master control/status after reset: both FIFOs empty, transfer counts zero, bus-master
@@ -136,6 +138,13 @@ uint32_t CSimDevice::ReadWord(uint32_t aligned, uint32_t byteMask) {
     case 0x14: return Instrument.LastAppliedWord();
     case 0x18: return LostCount;
     case 0x1C: return static_cast<uint32_t>(Ring.Overruns());
+    case kFifoPort: {
+      ++FifoReadCount;
+      if (Fifo.empty()) return 0;
+      const uint32_t word = Fifo.front();
+      Fifo.pop_front();
+      return word;
+    }
     case kMailboxStatus: {
       const uint32_t v = Registers[aligned / 4] | (bMailboxFull ? 0xFu : 0u);
       // The FPGA notices the word right after the driver has seen the mailbox full once.
@@ -167,6 +176,9 @@ int CSimDevice::WriteRegister(uint32_t reg, int width, uint32_t value) {
     case 0x10:
       Registers[aligned / 4] = word;
       ControlWord(word);
+      break;
+    case kFifoPort:
+      if (Fifo.size() < kFifoDepth) Fifo.push_back(value);  // a full FIFO ignores the write
       break;
     case 0x14: case 0x18: case 0x1C: case kMailboxStatus:
       break;  // read-backs and status: writes have no effect

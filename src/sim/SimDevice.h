@@ -9,6 +9,8 @@
 //   0x14        reads the last FPGA word the card applied.
 //   0x18        reads the number of lost FPGA words (stuck in a stalled mailbox, overwritten).
 //   0x1C        reads the number of ring overruns.
+//   0x20        bus-master FIFO port: a write queues a word (8 at most), a read takes the
+//               oldest one out (0 when empty), so a careless read loses data. FifoReads() counts the reads.
 //   0x34        mailbox empty/full: bits 0-3 read 0xF while outgoing mailbox 1 holds a word
 //               the FPGA has not taken. The FPGA takes it right after the first read that
 //               shows it full, or at the next sweep boundary, unless the stalled-mailbox fault
@@ -38,6 +40,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -103,6 +106,8 @@ class CSimDevice {
   const CSimNvram& Nvram() const { return *Memory; }
   CSimNvram& Nvram() { return *Memory; }
   bool MailboxFull() const { return bMailboxFull; }
+  // Reads of the FIFO port so far; lock-free, so a test can check that nothing consumed it.
+  uint32_t FifoReads() const { return FifoReadCount.load(); }
 
  private:
   int ReadRegister(uint32_t reg, int width, uint32_t* value);
@@ -118,6 +123,8 @@ class CSimDevice {
   std::unique_ptr<CSimNvram> Memory;
 
   std::array<uint32_t, 16> Registers{};  // plain storage of the 32-bit operation registers
+  std::deque<uint32_t> Fifo;             // words queued at the FIFO port, oldest first
+  std::atomic<uint32_t> FifoReadCount{0};
   bool bMailboxFull = false;             // outgoing mailbox 1 holds a word not yet taken
   bool bStalled = false;                 // fault: the FPGA never takes the word
   uint32_t LostCount = 0;
