@@ -1,4 +1,283 @@
-#include "commands/Families.h"
-#include "protocol/CommandTable.h"
+// Commands of the wavelength scale, the reference grating and the choice of sensors.
+//
+// The scale turns sweep positions (counts) into wavelengths against the comb of Fabry-Perot
+// teeth in every sweep; the reference grating, whose temperature a thermistor reports, says
+// which tooth has which absolute frequency. Its table from thermistor reading to frequency is
+// built once after the settings are replayed: changing the thermistor coefficients or the
+// grating's reference values takes effect with #REBUILD_FBG_VTH_LUT (or the next start).
+//
+// The acquisition thread reads these settings record by record without a lock; a handler only
+// stores them. Integers are cut to the width of their field; every real a setter takes must be
+// finite.
+#include <cstdint>
+#include <mutex>
 
-void RegisterScaleCommands(CCommandTable& table) { (void)table; }
+#include "commands/ChannelArgs.h"
+#include "commands/Families.h"
+#include "processing/WavelengthScale.h"
+#include "protocol/CommandTable.h"
+#include "server/Vr480Server.h"
+
+namespace {
+
+constexpr double kLowestWvlLimitNm = 500.0;      // nothing the sweep reaches lies below it
+constexpr long kHighestFbgChannel = 5;           // peak lists 1 (comb) to 5 (DUT channel 3)
+constexpr long kMaxDutChannels = 4;
+
+// The thermistor reading of the record the scale was last placed on (0 before the first).
+int16_t CurrentThermistorReading(const CVr480Server& s) {
+  std::lock_guard<std::mutex> g(s.ScaleLock);
+  return s.Scale.Vth;
+}
+
+// ---- Wavelength scale and reference grating ---------------------------------------------------
+
+int SetFfpiFsrGhz(CCommandContext& c) {
+  double v;
+  if (!c.FiniteDbl(1, v)) return kReplyText;
+  c.Server.FfpiFsrGhz = v;
+  return c.Reply("Setting FFPI FSR to peak to %f Ghz.\n", v);
+}
+int GetFfpiFsrGhz(CCommandContext& c) { return c.Reply("%10.5f", static_cast<double>(c.Server.FfpiFsrGhz)); }
+
+int SetFfpiRefPeakThz(CCommandContext& c) {
+  double v;
+  if (!c.FiniteDbl(1, v)) return kReplyText;
+  c.Server.FfpiRefPeakThz = v;
+  return c.Reply("Setting FFPI ref peak to %f Thz.\n", v);
+}
+int GetFfpiRefPeakThz(CCommandContext& c) { return c.Reply("%10.5f", static_cast<double>(c.Server.FfpiRefPeakThz)); }
+
+int SetSteinhartB0(CCommandContext& c) {
+  double v;
+  if (!c.FiniteDbl(1, v)) return kReplyText;
+  c.Server.SteinhartB0 = v;
+  return c.Reply("Steinhart-Hart B0 set to %0.14e.\n", v);
+}
+int GetSteinhartB0(CCommandContext& c) { return c.Reply("%0.14e", static_cast<double>(c.Server.SteinhartB0)); }
+
+int SetSteinhartB1(CCommandContext& c) {
+  double v;
+  if (!c.FiniteDbl(1, v)) return kReplyText;
+  c.Server.SteinhartB1 = v;
+  return c.Reply("Steinhart-Hart B1 set to %0.14e.\n", v);
+}
+int GetSteinhartB1(CCommandContext& c) { return c.Reply("%0.14e", static_cast<double>(c.Server.SteinhartB1)); }
+
+int SetSteinhartB3(CCommandContext& c) {
+  double v;
+  if (!c.FiniteDbl(1, v)) return kReplyText;
+  c.Server.SteinhartB3 = v;
+  return c.Reply("Steinhart-Hart B3 set to %0.14e.\n", v);
+}
+int GetSteinhartB3(CCommandContext& c) { return c.Reply("%0.14e", static_cast<double>(c.Server.SteinhartB3)); }
+
+// The reading is a signed 16-bit converter value; clients know it in either form.
+int SetFbgRefVth(CCommandContext& c) {
+  const uint16_t bits = static_cast<uint16_t>(c.Int(1));
+  c.Server.FbgRefVth = bits;
+  return c.Reply("fbg reference thermistor voltage (Vth) set to %d.\n", static_cast<int16_t>(bits));
+}
+int GetFbgRefVth(CCommandContext& c) { return c.Reply("%d", static_cast<int16_t>(c.Server.FbgRefVth.load())); }
+
+int SetFbgRefWvlNm(CCommandContext& c) {
+  double v;
+  if (!c.FiniteDbl(1, v)) return kReplyText;
+  c.Server.FbgRefWvlNm = v;
+  return c.Reply("fbg reference Wvl set to %10.4f nm.\n", v);
+}
+int GetFbgRefWvlNm(CCommandContext& c) { return c.Reply("%0.4f", static_cast<double>(c.Server.FbgRefWvlNm)); }
+
+int SetFbgNmPerDegC(CCommandContext& c) {
+  double v;
+  if (!c.FiniteDbl(1, v)) return kReplyText;
+  c.Server.FbgNmPerDegC = v;
+  return c.Reply("fbg nm/degC set to %10.4f nm.\n", v);
+}
+int GetFbgNmPerDegC(CCommandContext& c) { return c.Reply("%0.4f", static_cast<double>(c.Server.FbgNmPerDegC)); }
+
+int RebuildFbgVthLut(CCommandContext& c) {
+  if (c.Server.Vth2Thz) c.Server.build_FBG_Vth2Thz_LUT();
+  return c.Reply("Rebuilding FBG Vth LUT\n");
+}
+
+int GetFbgVth(CCommandContext& c) {
+  return c.Reply("%d", static_cast<uint16_t>(CurrentThermistorReading(c.Server)));
+}
+int GetFbgDegC(CCommandContext& c) {
+  return c.Reply("%0.2f", c.Server.thermistor_Vth2degC(CurrentThermistorReading(c.Server)));
+}
+int GetFbgThz(CCommandContext& c) {
+  if (!c.Server.Vth2Thz) return c.Reply("%0.4f", 0.0);
+  return c.Reply("%0.4f", c.Server.GetFBG_Thz());
+}
+
+// The table is indexed by reading + 32768: entry n is the frequency for reading n - 32768.
+int Vth2Thz(CCommandContext& c) {
+  const uint16_t entry = static_cast<uint16_t>(c.Int(1));
+  return c.Reply("%0.4f", c.Server.Vth2Thz ? c.Server.Vth2Thz[entry] : 0.0);
+}
+int Vth2DegC(CCommandContext& c) {
+  return c.Reply("%0.2f", c.Server.thermistor_Vth2degC(static_cast<int16_t>(c.Int(1))));
+}
+
+int SetPeak2Use(CCommandContext& c) {
+  const int32_t v = static_cast<int32_t>(c.Int(1));
+  c.Server.Peak2Use = v;
+  return c.Reply("Setting Peak2Use to %d.\n", v);
+}
+int GetPeak2Use(CCommandContext& c) { return c.Reply("%d", static_cast<int>(c.Server.Peak2Use)); }
+
+// Without the monitored grating the comb is anchored at a fixed tooth next to the grating
+// (Peak2Use), which holds only while the laser does not drift by a whole comb interval.
+int SetMonitoredFbg(CCommandContext& c) {
+  const bool on = static_cast<uint8_t>(c.Int(1)) != 0;
+  c.Server.bMonitoredFbg = on;
+  return c.Reply("Monitored FBG turned %s.\n", on ? "on" : "off (Applying Peak2Use)");
+}
+int GetMonitoredFbg(CCommandContext& c) { return c.Reply("%d", c.Server.bMonitoredFbg ? 1 : 0); }
+
+int GetWvlCorrCoef(CCommandContext& c) { return c.Reply("%f", static_cast<double>(c.Server.WvlCorrCoef)); }
+
+int SetMaxWvlCorrCoefError(CCommandContext& c) {
+  double v;
+  if (!c.FiniteDbl(1, v)) return kReplyText;
+  c.Server.MaxWvlCorrCoefError = v;
+  return c.Reply("Corr Coef errof window set to +/- %f.\n", v);
+}
+int GetMaxWvlCorrCoefError(CCommandContext& c) {
+  return c.Reply("%f", static_cast<double>(c.Server.MaxWvlCorrCoefError));
+}
+
+int GetCalculatedFbg(CCommandContext& c) { return c.Reply("%f", static_cast<double>(c.Server.CalculatedFbg)); }
+
+// Both conversions use the comb of the last published record.
+int Wvl2Counts(CCommandContext& c) {
+  return c.Reply("%d", static_cast<int>(TruncateToInt32(c.Server.Wvl2Counts(c.Dbl(1)))));
+}
+int Counts2Wvl(CCommandContext& c) {
+  return c.Reply("%f", c.Server.Counts2Wvl(static_cast<double>(static_cast<int32_t>(c.Int(1)))));
+}
+
+// A granularity below 1 would make every wavelength 0 and divide by zero wherever a client's
+// integer wavelengths are turned back into nm, so it is refused rather than stored.
+int SetGranularity(CCommandContext& c) {
+  const int32_t v = static_cast<int32_t>(c.Int(1));
+  if (v < 1) return c.Reply("!Illegal parameters.  Granularity must be at least 1.\n");
+  c.Server.Granularity = v;
+  return c.Reply("Granularity set to %d.\n", v);
+}
+int GetGranularity(CCommandContext& c) { return c.Reply("%d", static_cast<int>(c.Server.Granularity)); }
+
+// Where the reference grating's peaks come from: 0 its own peak list, 1 the comb's list,
+// 2-5 a DUT channel's (a grating wired to a sensor input). Anything beyond names list 5.
+int SetFbgChannel(CCommandContext& c) {
+  long v = c.Int(1);
+  if (v < 0 || v > kHighestFbgChannel) v = kHighestFbgChannel;
+  c.Server.FbgChannel = static_cast<uint16_t>(v);
+  return c.Reply("Setting FBG channels to %d.\n", static_cast<int>(v));
+}
+int GetFbgChannel(CCommandContext& c) { return c.Reply("%d", static_cast<int>(c.Server.FbgChannel)); }
+
+// ---- Sensor selection -------------------------------------------------------------------------
+
+int SetLowerWvlLimit(CCommandContext& c) {
+  double v;
+  if (!c.FiniteDbl(1, v)) return kReplyText;
+  if (v < kLowestWvlLimitNm) v = kLowestWvlLimitNm;
+  c.Server.LowerWvlLimit = v;
+  return c.Reply("LowerWvlLimit set to %f.\n", v);
+}
+int GetLowerWvlLimit(CCommandContext& c) { return c.Reply("%f", static_cast<double>(c.Server.LowerWvlLimit)); }
+
+int SetUpperWvlLimit(CCommandContext& c) {
+  double v;
+  if (!c.FiniteDbl(1, v)) return kReplyText;
+  if (v < kLowestWvlLimitNm) v = kLowestWvlLimitNm;
+  c.Server.UpperWvlLimit = v;
+  return c.Reply("UpperWvlLimit set to %f.\n", v);
+}
+int GetUpperWvlLimit(CCommandContext& c) { return c.Reply("%f", static_cast<double>(c.Server.UpperWvlLimit)); }
+
+int BadChannel(CCommandContext& c, bool legacy) {
+  const SChannelRange range = ChannelRange(c.Server, legacy);
+  return c.Reply("!Illegal parameters.  Acceptable ranges are: Ch# %s to %s.\n", range.Low.c_str(), range.High.c_str());
+}
+
+// A disabled channel reaches the pipeline without peaks: its sensors vanish from the records.
+int SetChEnable(CCommandContext& c) {
+  const SChannelArg ch = ReadChannelArg(c, 1, kLogicalChannels);
+  if (ch.Index < 0) return BadChannel(c, ch.bLegacy);
+  const bool on = (c.Int(2) & 1) != 0;
+  c.Server.ChEnable[ch.Index] = on;
+  return c.Reply("Ch %s %s.\n", c.Col(1).c_str(), on ? "enabled" : "disbled");
+}
+int GetChEnable(CCommandContext& c) {
+  const SChannelArg ch = ReadChannelArg(c, 1, kLogicalChannels);
+  if (ch.Index < 0) return BadChannel(c, ch.bLegacy);
+  return c.Reply("%d", c.Server.ChEnable[ch.Index] ? 1 : 0);
+}
+
+// Kept for reports only: the pipeline always processes the four DUT channels.
+int SetNumDutChannels(CCommandContext& c) {
+  long v = c.Int(1);
+  if (v == 0) v = 1;
+  if (v < 0 || v > kMaxDutChannels) v = kMaxDutChannels;
+  c.Server.NumDutChannels = static_cast<uint16_t>(v);
+  return c.Reply("Setting # DUT channels to %d.\n", static_cast<int>(v));
+}
+int GetNumDutChannels(CCommandContext& c) { return c.Reply("%d", static_cast<int>(c.Server.NumDutChannels)); }
+
+const SCommandRow kRows[] = {
+    // Wavelength scale and reference grating
+    {"#SET_FFPI_FSR_GHZ", 1, 1, kTag, SetFfpiFsrGhz},
+    {"#GET_FFPI_FSR_GHZ", 0, 0, kNone, GetFfpiFsrGhz},
+    {"#SET_FFPI_REF_PEAK_THZ", 1, 1, kTag, SetFfpiRefPeakThz},
+    {"#GET_FFPI_REF_PEAK_THZ", 0, 0, kNone, GetFfpiRefPeakThz},
+    {"#SET_STEINHART_B0", 1, 1, kTag, SetSteinhartB0},
+    {"#GET_STEINHART_B0", 0, 0, kNone, GetSteinhartB0},
+    {"#SET_STEINHART_B1", 1, 1, kTag, SetSteinhartB1},
+    {"#GET_STEINHART_B1", 0, 0, kNone, GetSteinhartB1},
+    {"#SET_STEINHART_B3", 1, 1, kTag, SetSteinhartB3},
+    {"#GET_STEINHART_B3", 0, 0, kNone, GetSteinhartB3},
+    {"#SET_FBG_REF_VTH", 1, 1, kTag, SetFbgRefVth},
+    {"#GET_FBG_REF_VTH", 0, 0, kNone, GetFbgRefVth},
+    {"#SET_FBG_REF_WVL_NM", 1, 1, kTag, SetFbgRefWvlNm},
+    {"#GET_FBG_REF_WVL_NM", 0, 0, kNone, GetFbgRefWvlNm},
+    {"#SET_FBG_NM_PER_DEGC", 1, 1, kTag, SetFbgNmPerDegC},
+    {"#GET_FBG_NM_PER_DEGC", 0, 0, kNone, GetFbgNmPerDegC},
+    {"#REBUILD_FBG_VTH_LUT", 0, 0, kNone, RebuildFbgVthLut},
+    {"#GET_FBG_VTH", 0, 0, kNone, GetFbgVth},
+    {"#GET_FBG_DEGC", 0, 0, kNone, GetFbgDegC},
+    {"#GET_FBG_THZ", 0, 0, kNone, GetFbgThz},
+    {"#VTH2THZ", 1, 1, kNone, Vth2Thz},
+    {"#VTH2DEGC", 1, 1, kNone, Vth2DegC},
+    {"#SET_PEAK2USE", 1, 1, kTag, SetPeak2Use},
+    {"#GET_PEAK2USE", 0, 0, kNone, GetPeak2Use},
+    {"#SET_MONITORED_FBG", 1, 1, kTag, SetMonitoredFbg},
+    {"#GET_MONITORED_FBG", 0, 0, kNone, GetMonitoredFbg},
+    {"#GET_WVL_CORR_COEF", 0, 0, kNone, GetWvlCorrCoef},
+    {"#SET_MAX_WVL_CORR_COEF_ERROR", 1, 1, kTag, SetMaxWvlCorrCoefError},
+    {"#GET_MAX_WVL_CORR_COEF_ERROR", 0, 0, kNone, GetMaxWvlCorrCoefError},
+    {"#GET_CALCULATED_FBG", 0, 0, kNone, GetCalculatedFbg},
+    {"#WVL2COUNTS", 1, 1, kNone, Wvl2Counts},
+    {"#COUNTS2WVL", 1, 1, kNone, Counts2Wvl},
+    {"#SET_GRANULARITY", 1, 1, kTag, SetGranularity},
+    {"#GET_GRANULARITY", 0, 0, kNone, GetGranularity},
+    {"#SET_FBG_CHANNEL", 1, 1, kTag, SetFbgChannel},
+    {"#GET_FBG_CHANNEL", 0, 0, kNone, GetFbgChannel},
+    // Sensor selection
+    {"#SET_LOWER_WVL_LIMIT", 1, 1, kTag, SetLowerWvlLimit},
+    {"#GET_LOWER_WVL_LIMIT", 0, 0, kNone, GetLowerWvlLimit},
+    {"#SET_UPPER_WVL_LIMIT", 1, 1, kTag, SetUpperWvlLimit},
+    {"#GET_UPPER_WVL_LIMIT", 0, 0, kNone, GetUpperWvlLimit},
+    {"#SET_CH_ENABLE", 2, 2, kTagPerArg1, SetChEnable},
+    {"#GET_CH_ENABLE", 1, 1, kNone, GetChEnable},
+    {"#SET_ZOR_NUM_DUT_CHANNELS", 1, 1, kTag, SetNumDutChannels},
+    {"#GET_ZOR_NUM_DUT_CHANNELS", 0, 0, kNone, GetNumDutChannels},
+    {"#GET_NUM_DUT_CHANNELS", 0, 0, kNone, GetNumDutChannels},
+};
+
+}  // namespace
+
+void RegisterScaleCommands(CCommandTable& table) { table.Add(kRows); }

@@ -9,6 +9,7 @@
 // one record to the next, so slow strain or temperature drifts are tracked. A bin whose sensor
 // is missing reports position 0, which the pipeline turns into the value 0 under the same
 // sensor number; a missing or an extra peak is recorded as a bin fault.
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -86,7 +87,7 @@ int CVr480Server::BinAcquiredData(const struct_dma_peaks_data& raw, struct_dma_p
     if (matched == bins && rawCount == bins) continue;
     out.status.NumPeaks[2 + ch] = static_cast<uint16_t>(bins);
     out.status.BinningMarks |= static_cast<uint16_t>(1u << (kFaultMarkShift + ch));
-    LastBinFaultCnt[logical] = rawCount;
+    std::atomic_ref<int32_t>(LastBinFaultCnt[logical]).store(rawCount, std::memory_order_relaxed);  // clients read it
   }
   return 0;
 }
