@@ -53,16 +53,18 @@ int BadChannel(CCommandContext& c, int first, int last) {
   return c.Reply("!Illegal parameters.  Acceptable ranges are: Ch# %d to %d .\n", first, last);
 }
 
-// The user-level commands take a DUT channel, not a subchannel in dot notation. False after
-// the refusal has been written; `text` is the channel in legacy notation.
-bool PlainChannel(CCommandContext& c, std::string& text) {
+// The user-level commands take a DUT channel number, not a subchannel in dot notation. False
+// after the refusal has been written.
+bool DutChannel(CCommandContext& c, long& number) {
   bool legacy = true;
-  text = Notation(c.Col(1).c_str(), true, &legacy);
-  if (legacy) return true;
-  c.Reply("!Illegal parameters.  This function requires a channel # (not a subchannel).");
-  return false;
+  const char* text = Notation(c.Col(1).c_str(), true, &legacy);
+  if (!legacy) {
+    c.Reply("!Illegal parameters.  This function requires a channel # (not a subchannel).");
+    return false;
+  }
+  number = std::strtol(text, nullptr, 10);
+  return true;
 }
-long PlainChannelNumber(const std::string& text) { return std::strtol(text.c_str(), nullptr, 10); }
 
 // Runs another command line for the same client; the outer handler then writes its own reply
 // over the inner one. The inner command records its own tag.
@@ -105,18 +107,18 @@ int GetZorChGain(CCommandContext& c) {
 
 int SetChGain(CCommandContext& c) {
   if (!bRun) return NotYetRunning(c);
-  std::string text;
-  if (!PlainChannel(c, text)) return kReplyText;
-  const uint16_t ch = U16(PlainChannelNumber(text));
+  long n;
+  if (!DutChannel(c, n)) return kReplyText;
+  const uint16_t ch = U16(n);
   const uint16_t g = U16(c.Int(2));
   if (ch < 1 || ch > kOpticalChannels) return BadChannel(c, 1, kOpticalChannels);
   Forward(c, "#SET_ZOR_CH_GAIN %d %d", ch + 1, g);
   return c.Reply("Setting DUT channel %d gain to %d.\n", ch, g);
 }
 int GetChGain(CCommandContext& c) {
-  std::string text;
-  if (!PlainChannel(c, text)) return kReplyText;
-  const uint8_t ch = U8(PlainChannelNumber(text));
+  long n;
+  if (!DutChannel(c, n)) return kReplyText;
+  const uint8_t ch = U8(n);
   if (ch < 1 || ch > kOpticalChannels) return kReplyNoMatch;
   return c.Reply("%d", c.Server.Driver.GetChGain(static_cast<uint8_t>(ch + 1)));
 }
@@ -135,8 +137,8 @@ long long CountsForDbStep(const uint16_t* table, int step) {
   return counts < 0 ? 0 : counts;
 }
 
-// The dB value is held as a float, as the gain tables were measured: 2.3 dB, held as
-// 2.2999999, falls to the 2.2 dB step.
+// The dB value is held as a 32-bit float and cut to whole 0.1 dB steps of the table: 2.3 dB,
+// held as 2.2999999, falls to the 2.2 dB step.
 int SetChGainDb(CCommandContext& c) {
   CVr480Server& s = c.Server;
   double value;
@@ -144,9 +146,9 @@ int SetChGainDb(CCommandContext& c) {
   float db = ToFloat(value);
   const double maxDb = s.ZorMaxGainDb;
   if (db > maxDb) db = ToFloat(maxDb);
-  std::string text;
-  if (!PlainChannel(c, text)) return kReplyText;
-  const uint16_t ch = U16(PlainChannelNumber(text));
+  long n;
+  if (!DutChannel(c, n)) return kReplyText;
+  const uint16_t ch = U16(n);
   const int32_t tenths = TruncateToInt32(static_cast<double>(db) * 10.0);
   const int16_t step = static_cast<int16_t>(tenths > INT16_MAX ? INT16_MAX : tenths < INT16_MIN ? INT16_MIN : tenths);
   if (ch == 0 || ch > kOpticalChannels || step > kLastDbStep)
@@ -162,9 +164,9 @@ int SetChGainDb(CCommandContext& c) {
 // step.
 int GetChGainDb(CCommandContext& c) {
   CVr480Server& s = c.Server;
-  std::string text;
-  if (!PlainChannel(c, text)) return kReplyText;
-  const uint8_t ch = U8(PlainChannelNumber(text));
+  long n;
+  if (!DutChannel(c, n)) return kReplyText;
+  const uint8_t ch = U8(n);
   if (ch < 1 || ch > kOpticalChannels) return kReplyNoMatch;
   const uint16_t g = s.Driver.GetChGain(static_cast<uint8_t>(ch + 1));
   const uint16_t* t = s.Db2Counts[ch - 1];
@@ -236,9 +238,9 @@ int GetZorChNoiseThresh(CCommandContext& c) {
 
 int SetChNoiseThresh(CCommandContext& c) {
   if (!bRun) return NotYetRunning(c);
-  std::string text;
-  if (!PlainChannel(c, text)) return kReplyText;
-  const uint8_t ch = U8(PlainChannelNumber(text));
+  long n;
+  if (!DutChannel(c, n)) return kReplyText;
+  const uint8_t ch = U8(n);
   const uint16_t t = U16(c.Int(2));
   if (ch < 1 || ch > kOpticalChannels) return BadChannel(c, 1, kOpticalChannels);
   Forward(c, "#SET_ZOR_CH_NOISE_THRESH %d %d", ch + 1, t);
@@ -246,9 +248,9 @@ int SetChNoiseThresh(CCommandContext& c) {
 }
 // Answers with the reply of the "ZOR" getter it forwards to.
 int GetChNoiseThresh(CCommandContext& c) {
-  std::string text;
-  if (!PlainChannel(c, text)) return kReplyText;
-  const uint8_t ch = U8(PlainChannelNumber(text));
+  long n;
+  if (!DutChannel(c, n)) return kReplyText;
+  const uint8_t ch = U8(n);
   if (ch < 1 || ch > kOpticalChannels) return BadChannel(c, 1, kOpticalChannels);
   return Forward(c, "#GET_ZOR_CH_NOISE_THRESH %d", ch + 1);
 }
@@ -331,9 +333,9 @@ int GetZorAmpCh(CCommandContext& c) { return c.Reply("%d", c.Server.Driver.GetAm
 
 int SetAmpCh(CCommandContext& c) {
   if (!bRun) return NotYetRunning(c);
-  std::string text;
-  if (!PlainChannel(c, text)) return kReplyText;
-  const uint8_t ch = U8(PlainChannelNumber(text));
+  long n;
+  if (!DutChannel(c, n)) return kReplyText;
+  const uint8_t ch = U8(n);
   if (ch < 1 || ch > kOpticalChannels) return BadChannel(c, 1, kOpticalChannels);
   Forward(c, "#SET_ZOR_AMP_CH %d", ch + 1);
   return c.Reply("Setting Amp channel to %d.\n", ch);

@@ -288,6 +288,8 @@ TEST(ChannelSettingsPersistence, SavedChannelSettingsSurviveARestart) {
   std::string tags;
   for (const std::string& line : sim::BaselineTagLines()) tags += line + "\n";
   for (const std::string& line : ReadyLaserTags()) tags += line + "\n";
+  // A user-level setter in the tag file does nothing while it is replayed at start-up.
+  tags += "#SET_CH_NOISE_THRESH = \"3 500\"\n";
   WriteFile(root / "vr480/vr480.tag", tags);
   std::vector<std::string> before;
   {
@@ -295,6 +297,7 @@ TEST(ChannelSettingsPersistence, SavedChannelSettingsSurviveARestart) {
     CTestClient client;
     ASSERT_TRUE(client.Connect(server.Port()));
     ASSERT_TRUE(WaitReady(client, 30s));
+    EXPECT_NE(client.Command("#GET_CH_NOISE_THRESH 3"), "500");
     for (const auto& [setter, getter] : kSettings) {
       const std::string reply = client.Command(setter, 30s);
       ASSERT_FALSE(reply.empty() || reply[0] == '!') << setter << " -> " << reply;
