@@ -1,5 +1,5 @@
 // Commands that save, list and remove settings. Saving writes to the settings file system
-// (settings/SettingsFiles.cpp); failures show on the console only, so the replies are fixed.
+// (settings/SettingsFiles.cpp), which explains every failure on the console.
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -10,13 +10,20 @@
 
 namespace {
 
+// A save that could not write a file answers "!" and names the files, e.g.
+//   "!Failed to save settings: vr480.tag, references.dat.\n"
+//   "!Failed to save wvl offsets: gain_wvl_offsets.dat.\n"
+// The instrument always confirmed, leaving the client to believe in settings that a restart
+// would lose. A failed remount alone does not count: the files may still have been written.
 int SaveSettings(CCommandContext& c) {
-  c.Server.SaveSettings();
+  std::string unwritten;
+  if (c.Server.SaveSettings(&unwritten) != 0) return c.Reply("!Failed to save settings: %s.\n", unwritten.c_str());
   return c.Reply("Settings Saved.\n");
 }
 
 int SaveWvlOffsets(CCommandContext& c) {
-  c.Server.SaveWvlGains();
+  std::string unwritten;
+  if (c.Server.SaveWvlGains(&unwritten) != 0) return c.Reply("!Failed to save wvl offsets: %s.\n", unwritten.c_str());
   return c.Reply("Wvl Offsets Saved.\n");
 }
 

@@ -14,6 +14,7 @@
 #include "host/Host.h"
 #include "server/Globals.h"
 #include "server/Vr480Server.h"
+#include "settings/SettingsFiles.h"
 #include "system/Network.h"
 #include "system/NetworkGlobals.h"
 
@@ -213,7 +214,7 @@ void CVr480Server::WriteIdentificationSuffix() {
 // Replays the persisted settings through the command interpreter as the internal client.
 // Each tag records itself again as it runs, so the list is copied before the replay.
 void CVr480Server::ReplayTags() {
-  TagManager.LoadTags(Host().Path(std::string("/vr480/") + kSettingsName));
+  LoadTagFile(TagManager);
   std::vector<std::string> tags;
   for (uint16_t i = 0; i < TagManager.GetNumTags(); ++i) tags.push_back(TagManager.GetTag(i));
   for (const std::string& tag : tags) {

@@ -331,9 +331,10 @@ class CVr480Server {
   // ---- Settings files ----
   // SaveSettings writes the tag file and the reference, location, averages and dB tables;
   // SaveWvlGains the gain wavelength-offset tables. Both write crash-safely inside the remount
-  // bracket of settings/SettingsWrite.h, report failures on the console only and return 0.
-  int SaveSettings();
-  int SaveWvlGains();
+  // bracket of settings/SettingsWrite.h and explain failures on the console. 0, or -1 when a
+  // file could not be written; `unwritten` then gets those files' names, ", " between them.
+  int SaveSettings(std::string* unwritten = nullptr);
+  int SaveWvlGains(std::string* unwritten = nullptr);
   friend struct SettingsFilesAccess;  // the settings-file tests load the tables as start-up does
 
   // ---- Laser commands and control loops ----

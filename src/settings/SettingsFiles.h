@@ -13,14 +13,43 @@
 // Every text line ends with LF. Numbers are written and read in the "C" convention whatever
 // locale the front panel sets.
 //
-// Loading (at start-up, after the tag replay): a missing file leaves the table as the
-// constructor and the replayed tags left it. A file shorter than the table fills the rest
-// with 0 (averages with MinNumAverages). A line that is not a number of the table's kind is
-// not read as 0: the whole file is refused with a message naming the line, and the table keeps
-// its previous values (the dB table, cleared before every load, stays all 0).
+// Loading (at start-up, after the tag replay) goes line by line, as the instrument always has:
+// line i gives entry i, read the way the C library reads the start of a line (strtoul for the
+// integer tables, strtod for distances: leading white space, then the longest number there is,
+// so "12abc" reads 12 and garbage reads 0; an integer too large for its entry keeps its low
+// bits, as the C conversion does). One departure: a distance that reads as infinite or NaN
+// reads 0, since the time-of-flight compensation cannot use it. A line that is not wholly one
+// number of its entry's kind (white space around it aside), or is longer than 99 characters
+// (only the first 99 are read), is still read that way, and the file's bad lines are named on
+// the console in one line before its "... data loaded." line:
+//
+//   "references.dat: line 3 is not a number; read as the C library reads it.\n"
+//   "references.dat: lines 3, 17 are not numbers; read as the C library reads them.\n"
+//   "references.dat: lines 1, 2, 3, 4, 5, 6, 7, 8, 9, 10 and 3990 more are not numbers; read
+//    as the C library reads them.\n" (on one line: at most ten numbers are listed)
+//
+// A file with fewer lines leaves the rest at 0 (averages at MinNumAverages); blank lines at its
+// end do not count; lines beyond the table are ignored. Only the first 4 MiB of a text file
+// are read (ten times what the longest valid file takes), so a binary or runaway file costs a
+// bounded read. A missing file, or one that is not a regular file, leaves the table as the
+// constructor and the replayed tags left it ("Error opening ... file."), except the dB table,
+// which is cleared before every load. The gain file takes whole 4-byte entries up to its
+// length: a short file leaves the entries it does not reach unchanged, a longer one is read
+// to 1,048,560 bytes and the rest is ignored (each with a console line).
 #pragma once
 
 #include <string>
+
+class CTagManager;
+
+// Loads the tag file ("/vr480/vr480.tag") into `tags` at start-up. A missing file leaves the
+// list empty (the built-in defaults; "Error opening input Tag File ..."). A tag file that
+// exists but cannot be used (a directory, no permission, a read error, larger than 64 MiB) is
+// named on the console,
+//   "Cannot read settings file PATH: REASON. Using the baseline settings.\n",
+// and the baseline tags that a new instrument's tag file carries are loaded instead, so that
+// the laser still sweeps where it should.
+void LoadTagFile(CTagManager& tags);
 
 // Writes the instrument identification file "/vr480/instid" inside the remount bracket: the
 // text as the shell's "echo" would print it unquoted (words separated by single spaces, then

@@ -24,12 +24,18 @@ constexpr const char* kBaselineTags =
     "#SET_ZOR_FS_ENABLE = \"1\"\n"
     "#SET_ZOR_LOC_MEAS_ENABLE = \"1\"\n";
 
-void ExpectInOrder(const std::string& output, const std::vector<std::string>& texts) {
+// Waits for each line on its own (other threads print between them, and the console reaches
+// the test some time after the reply), then checks that they came in this order, as the one
+// thread that prints them wrote them.
+void ExpectLinesInOrder(CServerProcess& server, const std::vector<std::string>& lines) {
+  for (const auto& line : lines)
+    ASSERT_TRUE(server.WaitForOutput(line, std::chrono::seconds(30))) << "missing: [" << line << "]";
+  const std::string output = server.Output();
   size_t at = 0;
-  for (const auto& t : texts) {
-    const size_t found = output.find(t, at);
-    ASSERT_NE(found, std::string::npos) << "missing or out of order: [" << t << "]";
-    at = found + t.size();
+  for (const auto& line : lines) {
+    const size_t found = output.find(line, at);
+    ASSERT_NE(found, std::string::npos) << "out of order: [" << line << "]";
+    at = found + line.size();
   }
 }
 
@@ -90,13 +96,15 @@ void ExpectBracketAfter(const CTempDir& root, size_t* from) {
   *from = i;
 }
 
-constexpr const char* kLoaded =
-    "Locations data loaded.\n"
-    "References data loaded.\n"
-    "Averages data loaded.\n"
-    "Wvl gain offsets data loaded.\n"
-    "DB2COUNTS_FILE contains 401 entries.\n"
-    "Db2Counts data loaded.\n";
+const std::vector<std::string> kLoaded = {
+    "Locations data loaded.\n",        "References data loaded.\n",
+    "Averages data loaded.\n",         "Wvl gain offsets data loaded.\n",
+    "DB2COUNTS_FILE contains 401 entries.\n", "Db2Counts data loaded.\n"};
+
+std::vector<std::string> Then(std::vector<std::string> first, const std::vector<std::string>& more) {
+  first.insert(first.end(), more.begin(), more.end());
+  return first;
+}
 
 }  // namespace
 
@@ -118,7 +126,7 @@ TEST(SettingsFilesServer, SaveWritesTheFilesInsideTheBracketAndARestartLoadsThem
     ASSERT_TRUE(server.WaitForOutput("Db2Counts data loaded.\n", std::chrono::seconds(40)))
         << server.Output().substr(0, 4000);
     EXPECT_EQ(server.Output().find("Error opening cfc_build file."), std::string::npos);
-    ExpectInOrder(server.Output(), {"CMD: #SET_USER_VAR = \"2 6\"\n", "CMD: #SET_IDN_TXT = \"Lab unit 7\"\n", kLoaded});
+    ExpectLinesInOrder(server, Then({"CMD: #SET_USER_VAR = \"2 6\"\n", "CMD: #SET_IDN_TXT = \"Lab unit 7\"\n"}, kLoaded));
 
     CTestClient client(server.Port());
     ASSERT_TRUE(client.Connected());
@@ -139,7 +147,7 @@ TEST(SettingsFilesServer, SaveWritesTheFilesInsideTheBracketAndARestartLoadsThem
                                                "//#SET_USER_VAR = \"2 6\"\n"
                                                "#SET_IDN_TXT = \"Lab unit 7\"\n");
 
-    ExpectInOrder(server.Output(), {"Removing Tag [#SET_USER_VAR = \"1 5\"]\n",
+    ExpectLinesInOrder(server, {"Removing Tag [#SET_USER_VAR = \"1 5\"]\n",
                                     "Removing Tag [#SET_USER_VAR = \"2 6\"]\n",
                                     "Could not remove Tag #SET_USER_VAR.  Tag not found.\n",
                                     "Could not remove Tag #SET_NO_SUCH_SETTING.  Tag not found.\n",
@@ -163,7 +171,7 @@ TEST(SettingsFilesServer, SaveWritesTheFilesInsideTheBracketAndARestartLoadsThem
   ASSERT_TRUE(server.WaitForOutput("Db2Counts data loaded.\n", std::chrono::seconds(40)))
       << server.Output().substr(0, 4000);
   EXPECT_EQ(server.Output().find("CMD: //"), std::string::npos);
-  ExpectInOrder(server.Output(), {"CMD: #SET_IDN_TXT = \"Lab unit 7\"\n", kLoaded});
+  ExpectLinesInOrder(server, Then({"CMD: #SET_IDN_TXT = \"Lab unit 7\"\n"}, kLoaded));
   CTestClient client(server.Port());
   ASSERT_TRUE(client.Connected());
   EXPECT_EQ(client.Command("#GET_TAGS"), kept);
@@ -191,13 +199,10 @@ TEST(SettingsFilesServer, GetTagsAtTheReplyLimitAndMissingDataFiles) {
   CServerProcess server(root.Path(), FreePort());
   ASSERT_TRUE(server.WaitForOutput("Error opening db2counts file.\n", std::chrono::seconds(40)))
       << server.Output().substr(0, 4000);
-  ExpectInOrder(server.Output(), {"Error opening cfc_build file.\n",
-                                  "Error opening locations file.\n"
-                                  "Error opening reference file.\n"
-                                  "Error opening averages file.\n"
-                                  "Error opening wvl gain offsets file.\n"
-                                  "DB2COUNTS_FILE contains 201 entries.\n"
-                                  "Error opening db2counts file.\n"});
+  ExpectLinesInOrder(server, {"Error opening cfc_build file.\n", "Error opening locations file.\n",
+                              "Error opening reference file.\n", "Error opening averages file.\n",
+                              "Error opening wvl gain offsets file.\n", "DB2COUNTS_FILE contains 201 entries.\n",
+                              "Error opening db2counts file.\n"});
 
   CTestClient client(server.Port());
   ASSERT_TRUE(client.Connected());
@@ -206,7 +211,30 @@ TEST(SettingsFilesServer, GetTagsAtTheReplyLimitAndMissingDataFiles) {
   EXPECT_EQ(client.Command("#GET_TAGS"), "!The Response to #GET_TAGS exceeds MAX_RESPONSE_LENGTH\n");
   EXPECT_EQ(client.Command("#GET_TAGS"), "!The Response to #GET_TAGS exceeds MAX_RESPONSE_LENGTH\n");
   const std::string stars(57, '*');
-  ExpectInOrder(server.Output(), {"\n" + stars + "\nThe Response to #GET_TAGS exceeds MAX_RESPONSE_LENGTH\n"
-                                  "MAX_RESPONSE_LENGTH =32000\n#GET_TAGS response_length = 32002\n" + stars + "\n"});
+  ExpectLinesInOrder(server, {stars + "\n", "The Response to #GET_TAGS exceeds MAX_RESPONSE_LENGTH\n",
+                              "MAX_RESPONSE_LENGTH =32000\n", "#GET_TAGS response_length = 32002\n", stars + "\n"});
   EXPECT_EQ(client.Command("#REMOVE_TAG #TEST_TAG_001"), "Removing 1 tag(s).\n");
+}
+
+// A tag file that cannot be read (here a directory in its place): start-up names it and runs
+// the baseline tags; saves that cannot write a file answer "!" with the file, and the server
+// answers on.
+TEST(SettingsFilesServer, AnUnreadableTagFileGivesTheBaselineAndFailedSavesAnswerWhichFile) {
+  CTempDir root;
+  std::filesystem::create_directories(root / "vr480/vr480.tag");
+  std::filesystem::create_directories(root / "vr480/gain_wvl_offsets.dat.tmp");
+  CServerProcess server(root.Path(), FreePort());
+  ExpectLinesInOrder(server, {"Cannot read settings file " + (root / "vr480/vr480.tag") +
+                                  ": it is a directory. Using the baseline settings.\n",
+                              "CMD: #SET_SOA_DRIVE = \"30000\"\n", "CMD: #SET_ZOR_LOC_MEAS_ENABLE = \"1\"\n",
+                              "Error opening db2counts file.\n"});
+  CTestClient client(server.Port());
+  ASSERT_TRUE(client.Connected());
+  EXPECT_EQ(client.Command("#GET_TAGS"), kBaselineTags);
+  EXPECT_EQ(client.Command("#SAVE_SETTINGS"), "!Failed to save settings: vr480.tag.\n");
+  EXPECT_EQ(client.Command("#SAVE_WVL_OFFSETS"), "!Failed to save wvl offsets: gain_wvl_offsets.dat.\n");
+  ExpectLinesInOrder(server, {"Error writing output Tag File " + (root / "vr480/vr480.tag") + "\n",
+                              "Error opening gain wvl offsets File.\n"});
+  EXPECT_EQ(ReadFile(root / "vr480/references.dat").size(), 4000u * 2);  // the other files were written
+  EXPECT_EQ(client.Command("#REMOVE_TAG #SET_AUTOBIAS"), "Removing 1 tag(s).\n");
 }

@@ -1,9 +1,10 @@
 // The settings data files in process: a server whose host root is a temporary directory saves
 // its tables, a second server loads them back, and the loader's messages are compared byte for
-// byte for present, missing, short and malformed files.
+// byte for present, missing and short files, and files with bad lines.
 #include "settings/SettingsFiles.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -265,62 +266,96 @@ TEST_F(SettingsFilesTest, ShortFilesFillTheRestAsTheInstrumentDoes) {
   EXPECT_EQ(Server->Db2Counts[3][401], 0);
 }
 
-TEST_F(SettingsFilesTest, MalformedFilesAreRefusedWithTheLineAndKeepTheDefaults) {
-  Server->SensorDistances[0][0] = 7.5;
-  Server->SensorReferences[0][0] = 42;
-  Server->SensorAverages[0][0] = 9;
-  Server->GainWvlOffset[0][0] = 1234;
-  WriteFile(Dat("locations.dat"), "1.5\n2.5\nabc\n");
-  WriteFile(Dat("references.dat"), "1\n2\n3\n99999999999\n");
-  WriteFile(Dat("averages.dat"), "4\n70000\n");
-  WriteFile(Dat("gain_wvl_offsets.dat"), std::string(7, 'x'));
-  WriteFile(Dat("db2counts.dat"), "1\n2\n3.5\n");
+// Each row: one file's content, the console line naming its bad lines ("" when none), and
+// entries of its table with what they read. Line i gives entry i, read as strtoul/strtod read
+// the start of the line; the rest of the table takes the defaults.
+TEST_F(SettingsFilesTest, DataFilesLoadLineByLineAsTheCLibraryReadsThem) {
+  enum ETable { kRef, kDist, kAvg, kDb };
+  struct SProbe {
+    int Entry;  // line order: channel * 250 + sensor, or table * 402 + index for the dB table
+    double Value;
+  };
+  struct SRow {
+    ETable Table;
+    std::string Content;
+    std::string Console;
+    std::vector<SProbe> Probes;
+  };
+  const std::string tooLong(150, '1');
+  const SRow kRows[] = {
+      {kRef, "1\n2\nabc\n99999999999\n-7\n",
+       "references.dat: lines 3, 4 are not numbers; read as the C library reads them.\n",
+       {{0, 1}, {2, 0}, {3, 1215752191}, {4, -7}, {5, 0}, {3999, 0}}},
+      {kRef, "12abc\n 34 \r\n4294967295\n+5\n", "references.dat: line 1 is not a number; read as the C library reads it.\n",
+       {{0, 12}, {1, 34}, {2, -1}, {3, 5}}},
+      {kRef, std::string("12\0\xff\n\xff\xfe\n7\n", 10),
+       "references.dat: lines 1, 2 are not numbers; read as the C library reads them.\n", {{0, 12}, {1, 0}, {2, 7}}},
+      {kRef, Lines(4100, [](int i) { return std::to_string(i); }), "", {{3999, 3999}}},  // extra lines ignored
+      {kDist, "1.5\n\n2.5e1x\ninf\n-0.125\n1e999\n",
+       "locations.dat: lines 2, 3, 4, 6 are not numbers; read as the C library reads them.\n",
+       {{0, 1.5}, {1, 0}, {2, 25}, {3, 0}, {4, -0.125}, {5, 0}, {6, 0}}},
+      {kDist, tooLong + "\n12.5\n", "locations.dat: line 1 is not a number; read as the C library reads it.\n",
+       {{0, std::stod(tooLong.substr(0, 99))}, {1, 12.5}}},
+      {kDist, "1.5\r\n 2.5 \r\n\r\n\n", "", {{0, 1.5}, {1, 2.5}}},  // CR LF and blank lines at the end are fine
+      // MinNumAverages is 2 here: 0, a sensor beyond the file and a count that wraps to 0 take it.
+      {kAvg, "4\n65539\n0\n65536\n-65535\nx\n",
+       "averages.dat: lines 2, 4, 5, 6 are not numbers; read as the C library reads them.\n",
+       {{0, 4}, {1, 3}, {2, 2}, {3, 2}, {4, 1}, {5, 2}, {6, 2}, {3999, 2}}},
+      {kDb, "1\n2\n3.5\nnan\n", "db2counts.dat: lines 3, 4 are not numbers; read as the C library reads them.\n",
+       {{0, 1}, {1, 2}, {2, 3}, {3, 0}, {402, 0}}},
+      {kDb, Lines(1608, [](int) { return std::string("x"); }),
+       "db2counts.dat: lines 1, 2, 3, 4, 5, 6, 7, 8, 9, 10 and 1598 more are not numbers; read as the C library "
+       "reads them.\n",
+       {{401, 0}, {1607, 0}}},
+  };
+  const char* kFiles[] = {"references.dat", "locations.dat", "averages.dat", "db2counts.dat"};
+  Server->MinNumAverages = 2;
+  for (const SRow& row : kRows) {
+    for (const char* name : kFiles) std::filesystem::remove(Dat(name));
+    WriteFile(Dat(kFiles[row.Table]), row.Content);
+    const std::string out = Load();
+    if (row.Console.empty()) EXPECT_EQ(out.find(" not a"), std::string::npos) << out;
+    else EXPECT_NE(out.find(row.Console), std::string::npos) << out;
+    for (const SProbe& p : row.Probes) {
+      const int ch = p.Entry / kSensorsPerChannel, s = p.Entry % kSensorsPerChannel;
+      const double value = row.Table == kRef    ? static_cast<double>(Server->SensorReferences[ch][s])
+                           : row.Table == kDist ? static_cast<double>(Server->SensorDistances[ch][s])
+                           : row.Table == kAvg  ? static_cast<double>(Server->SensorAverages[ch][s])
+                                                : static_cast<double>(Server->Db2Counts[p.Entry / 402][p.Entry % 402]);
+      EXPECT_EQ(value, p.Value) << kFiles[row.Table] << " entry " << p.Entry << "\n" << row.Content.substr(0, 60);
+    }
+  }
 
-  EXPECT_EQ(Load(),
-            "Error in locations.dat, line 3: \"abc\" is not a finite number. The file is ignored.\n"
-            "Error in references.dat, line 4: \"99999999999\" is out of range (-2147483648 to 4294967295). "
-            "The file is ignored.\n"
-            "Error in averages.dat, line 2: \"70000\" is out of range (0 to 65535). The file is ignored.\n"
-            "Error in gain_wvl_offsets.dat: 7 bytes, expected 1048560. The file is ignored.\n"
-            "DB2COUNTS_FILE contains 201 entries.\n"
-            "Error in db2counts.dat, line 3: \"3.5\" is not a whole number. The file is ignored.\n");
-  EXPECT_EQ(Server->SensorDistances[0][0], 7.5);
-  EXPECT_EQ(Server->SensorReferences[0][0], 42);
-  EXPECT_EQ(Server->SensorAverages[0][0], 9);
-  EXPECT_EQ(Server->GainWvlOffset[0][0], 1234u);
-  EXPECT_EQ(Server->Db2Counts[0][0], 0);
+  // Gain offsets take whole entries as far as the file reaches, and no more than the tables.
+  WriteFile(Dat("gain_wvl_offsets.dat"), std::string("\x01\0\0\0\x02\0\0", 7));
+  Server->GainWvlOffset[0][1] = 55;
+  EXPECT_NE(Load().find("gain_wvl_offsets.dat holds 1 of 262140 entries; the others are unchanged.\n"
+                        "Wvl gain offsets data loaded.\n"),
+            std::string::npos);
+  EXPECT_EQ(Server->GainWvlOffset[0][0], 1u);
+  EXPECT_EQ(Server->GainWvlOffset[0][1], 55u);
+  WriteFile(Dat("gain_wvl_offsets.dat"), std::string(1048560, '\0') + std::string("\x09\0\0\0", 4));
+  Server->GainWvlOffset[3][65535] = 77;
+  EXPECT_NE(Load().find("gain_wvl_offsets.dat is longer than 1048560 bytes; the rest is ignored.\n"
+                        "Wvl gain offsets data loaded.\n"),
+            std::string::npos);
+  EXPECT_EQ(Server->GainWvlOffset[0][0], 0u);
+  EXPECT_EQ(Server->GainWvlOffset[3][65535], 77u);
 
-  // Binary junk, over-long lines, empty lines, NaN and an oversized gain file: messages, no crash.
-  WriteFile(Dat("locations.dat"), "1\n\n2\n");
-  WriteFile(Dat("references.dat"), std::string("12\0\xff\n", 5));
-  WriteFile(Dat("averages.dat"), std::string(5000, '1') + "\n");
-  WriteFile(Dat("gain_wvl_offsets.dat"), std::string(1048564, '\0'));
-  WriteFile(Dat("db2counts.dat"), "nan\n");
-  const std::string out = Load();
-  EXPECT_NE(out.find("Error in locations.dat, line 2: \"\" is not a finite number. The file is ignored.\n"),
-            std::string::npos)
-      << out;
-  EXPECT_NE(out.find("Error in references.dat, line 1: \""), std::string::npos) << out;
-  EXPECT_NE(out.find("Error in averages.dat, line 1: \"1111111111111111111111111111111111111111...\" is longer "
-                     "than 99 characters. The file is ignored.\n"),
-            std::string::npos)
-      << out;
-  EXPECT_NE(out.find("Error in gain_wvl_offsets.dat: 1048564 bytes, expected 1048560."), std::string::npos) << out;
-  EXPECT_NE(out.find("Error in db2counts.dat, line 1: \"nan\" is not a whole number."), std::string::npos) << out;
-  EXPECT_EQ(out.find("loaded"), std::string::npos) << out;
-  EXPECT_EQ(Server->SensorDistances[0][0], 7.5);
-  EXPECT_EQ(Server->SensorReferences[0][0], 42);
-
-  WriteFile(Dat("locations.dat"), "inf\n");
-  EXPECT_NE(Load().find("Error in locations.dat, line 1: \"inf\" is not a finite number."), std::string::npos);
-
-  // Blank lines at the very end and CR LF line ends are not malformed.
-  WriteFile(Dat("locations.dat"), "1.5\r\n 2.5 \r\n\r\n\n");
-  EXPECT_NE(Load().find("Locations data loaded.\n"), std::string::npos);
-  EXPECT_EQ(Server->SensorDistances[0][1], 2.5);
+  // Never a hang or a huge read: a FIFO is not a file; a runaway file is read to 4 MiB.
+  std::filesystem::remove(Dat("references.dat"));
+  ASSERT_EQ(::mkfifo(Dat("references.dat").c_str(), 0644), 0);
+  EXPECT_NE(Load().find("Error opening reference file.\n"), std::string::npos);
+  std::filesystem::remove(Dat("references.dat"));
+  WriteFile(Dat("locations.dat"), std::string(8u << 20, '7'));
+  EXPECT_NE(Load().find("locations.dat: line 1 is not a number; read as the C library reads it.\n"
+                        "Locations data loaded.\n"),
+            std::string::npos);
 }
 
-TEST_F(SettingsFilesTest, FailuresAreReportedOnTheConsoleAndTheOtherFilesStillWritten) {
+// What cannot be written or read: the save goes on with the other files, reports on the console
+// and names the files it could not write; an unusable tag file gives the baseline tags.
+TEST_F(SettingsFilesTest, FileFailuresAreReportedAndTheOtherFilesStillWritten) {
   Fill(*Server);
   // A directory where the temporary file would go makes that one file impossible to write.
   std::filesystem::create_directories(Dat("references.dat.tmp"));
@@ -328,27 +363,64 @@ TEST_F(SettingsFilesTest, FailuresAreReportedOnTheConsoleAndTheOtherFilesStillWr
   host.Script("/bin/mount -o,remount /vr480", 32);
   host.Script("/bin/sync", 1);
   host.Script("/bin/mount -o,remount,ro /vr480", 2);
-  EXPECT_EQ(Save(),
+  std::string unwritten;
+  CaptureStdout();
+  EXPECT_EQ(Server->SaveSettings(&unwritten), -1);
+  EXPECT_EQ(GetCapturedStdout(),
             "/bin/mount returned 32.\n"
             "Setting saved.\n"
             "Error opening references File.\n"
             "WARNING: /bin/sync returned 1.\n"
             "WARNING: /bin/mount -o,remout,ro returned 2.\n");
+  EXPECT_EQ(unwritten, "references.dat");
   EXPECT_EQ(CommandLog(), kBracket);
   EXPECT_FALSE(std::filesystem::exists(Dat("references.dat")));
   EXPECT_TRUE(std::filesystem::exists(Dat("locations.dat")));
   EXPECT_TRUE(std::filesystem::exists(Dat("averages.dat")));
   EXPECT_TRUE(std::filesystem::exists(Dat("db2counts.dat")));
 
+  // The tag file's name taken by a directory: the rename over it fails, the directory stays.
+  std::filesystem::remove(Dat("vr480.tag"));
+  std::filesystem::create_directories(Dat("vr480.tag"));
+  CaptureStdout();
+  EXPECT_EQ(Server->SaveSettings(&unwritten), -1);
+  EXPECT_NE(GetCapturedStdout().find("Error writing output Tag File " + Dat("vr480.tag") + "\n"), std::string::npos);
+  EXPECT_EQ(unwritten, "vr480.tag, references.dat");
+  EXPECT_TRUE(std::filesystem::is_directory(Dat("vr480.tag")));
+
   std::filesystem::create_directories(Dat("gain_wvl_offsets.dat.tmp"));
   CaptureStdout();
-  Server->SaveWvlGains();
+  EXPECT_EQ(Server->SaveWvlGains(&unwritten), -1);
   EXPECT_EQ(GetCapturedStdout(),
             "/bin/mount returned 32.\n"
             "Error opening gain wvl offsets File.\n"
             "WARNING: /bin/sync returned 1.\n"
             "WARNING: /bin/mount -o,remout,ro returned 2.\n");
+  EXPECT_EQ(unwritten, "gain_wvl_offsets.dat");
   host.ClearScripts();
+
+  // Start-up: a tag file that is there but cannot be read (a directory, then a FIFO that would
+  // block a reader) is named, and the baseline tags of a new instrument are used; a missing
+  // one leaves the list empty.
+  for (const char* why : {"it is a directory", "it is not a regular file"}) {
+    CTagManager tags;
+    CaptureStdout();
+    LoadTagFile(tags);
+    EXPECT_EQ(GetCapturedStdout(),
+              "Cannot read settings file " + Dat("vr480.tag") + ": " + why + ". Using the baseline settings.\n");
+    EXPECT_EQ(tags.GetTagsText(), "#SET_SOA_DRIVE = \"30000\"\n#SET_SCAN_AMP = \"40000\"\n#SET_INITIAL_BIAS = \"28000\"\n"
+                                  "#SET_AUTOBIAS = \"1\"\n#SET_AUTO_SCAN_AMP = \"1\"\n#SET_ZOR_FS_ENABLE = \"1\"\n"
+                                  "#SET_ZOR_LOC_MEAS_ENABLE = \"1\"\n");
+    std::filesystem::remove(Dat("vr480.tag"));
+    if (std::string(why) == "it is a directory") {
+      ASSERT_EQ(::mkfifo(Dat("vr480.tag").c_str(), 0644), 0);
+    }
+  }
+  CTagManager tags;
+  CaptureStdout();
+  LoadTagFile(tags);
+  EXPECT_EQ(GetCapturedStdout(), "Error opening input Tag File " + Dat("vr480.tag") + "\n");
+  EXPECT_EQ(tags.GetNumTags(), 0);
 }
 
 // Two clients saving at once: each bracket runs whole, never interleaved with another.
