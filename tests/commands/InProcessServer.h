@@ -49,7 +49,9 @@ inline std::vector<std::string> ReadyLaserTags() {
 
 class CInProcessServer {
  public:
-  explicit CInProcessServer(const std::vector<std::string>& extraTags = ReadyLaserTags()) {
+  // `card` sets the simulated card up (scene file, time scale); its root is this server's.
+  explicit CInProcessServer(const std::vector<std::string>& extraTags = ReadyLaserTags(),
+                            sim::CSimOptions card = {}) {
     std::string error;
     EXPECT_TRUE(PrepareWorkstationRoot(Root.Path(), error)) << error;
     {
@@ -57,9 +59,8 @@ class CInProcessServer {
       for (const std::string& line : extraTags) tags << line << "\n";
     }
     InstallHost(Root.Path());
-    sim::CSimOptions options;
-    options.Root = Root.Path();
-    Provider = std::make_shared<sim::CSimCardProvider>(options);
+    card.Root = Root.Path();
+    Provider = std::make_shared<sim::CSimCardProvider>(card);
     InstallCard(Provider);
     ServerOptions.Port = FreePort();
     ServerOptions.ListenAddress = "127.0.0.1";
