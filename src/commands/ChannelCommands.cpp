@@ -313,8 +313,10 @@ void WaitForSpectrumOfNewChannel(CCommandContext& c) {
   std::unique_lock<std::mutex> lock(s.SpectrumMutex);
   uint16_t before = s.SpectrumWriteIndex;
   while (bRun && !s.bClientDisconnect[c.Row]) {
-    if (s.FsSkipCount > 0) before = s.SpectrumWriteIndex;
-    else if (s.SpectrumWriteIndex != before) return;
+    if (s.FsSkipCount > 0) {
+      before = s.SpectrumWriteIndex;
+      s.SpectrumReadIndex[c.Row] = before;
+    } else if (s.SpectrumWriteIndex != before) return;
     const auto now = std::chrono::steady_clock::now();
     if (now >= deadline) return;
     s.SpectrumCond.wait_for(lock, std::min<std::chrono::steady_clock::duration>(1s, deadline - now));
