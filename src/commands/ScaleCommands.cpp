@@ -20,8 +20,8 @@
 
 namespace {
 
-constexpr double kLowestWvlLimitNm = 500.0;      // nothing the sweep reaches lies below it
-constexpr long kHighestFbgChannel = 5;           // peak lists 1 (comb) to 5 (DUT channel 3)
+constexpr double kLowestWvlLimitNm = 500.0;  // nothing the sweep reaches lies below it
+constexpr long kHighestFbgChannel = 5;       // peak lists 1 (comb) to 5 (DUT channel 3)
 constexpr long kMaxDutChannels = 4;
 
 // The thermistor reading of the record the scale was last placed on (0 before the first).
@@ -30,47 +30,43 @@ int16_t CurrentThermistorReading(const CVr480Server& s) {
   return s.Scale.Vth;
 }
 
+// A real setting: refused when it is not finite, else stored and confirmed with its value.
+int SetReal(CCommandContext& c, Relaxed<double>& field, const char* confirmation) {
+  double v;
+  if (!c.FiniteDbl(1, v)) return kReplyText;
+  field = v;
+  return c.Reply(confirmation, v);
+}
+int GetReal(CCommandContext& c, const Relaxed<double>& field, const char* format) {
+  return c.Reply(format, static_cast<double>(field));
+}
+
 // ---- Wavelength scale and reference grating ---------------------------------------------------
 
 int SetFfpiFsrGhz(CCommandContext& c) {
-  double v;
-  if (!c.FiniteDbl(1, v)) return kReplyText;
-  c.Server.FfpiFsrGhz = v;
-  return c.Reply("Setting FFPI FSR to peak to %f Ghz.\n", v);
+  return SetReal(c, c.Server.FfpiFsrGhz, "Setting FFPI FSR to peak to %f Ghz.\n");
 }
-int GetFfpiFsrGhz(CCommandContext& c) { return c.Reply("%10.5f", static_cast<double>(c.Server.FfpiFsrGhz)); }
+int GetFfpiFsrGhz(CCommandContext& c) { return GetReal(c, c.Server.FfpiFsrGhz, "%10.5f"); }
 
 int SetFfpiRefPeakThz(CCommandContext& c) {
-  double v;
-  if (!c.FiniteDbl(1, v)) return kReplyText;
-  c.Server.FfpiRefPeakThz = v;
-  return c.Reply("Setting FFPI ref peak to %f Thz.\n", v);
+  return SetReal(c, c.Server.FfpiRefPeakThz, "Setting FFPI ref peak to %f Thz.\n");
 }
-int GetFfpiRefPeakThz(CCommandContext& c) { return c.Reply("%10.5f", static_cast<double>(c.Server.FfpiRefPeakThz)); }
+int GetFfpiRefPeakThz(CCommandContext& c) { return GetReal(c, c.Server.FfpiRefPeakThz, "%10.5f"); }
 
 int SetSteinhartB0(CCommandContext& c) {
-  double v;
-  if (!c.FiniteDbl(1, v)) return kReplyText;
-  c.Server.SteinhartB0 = v;
-  return c.Reply("Steinhart-Hart B0 set to %0.14e.\n", v);
+  return SetReal(c, c.Server.SteinhartB0, "Steinhart-Hart B0 set to %0.14e.\n");
 }
-int GetSteinhartB0(CCommandContext& c) { return c.Reply("%0.14e", static_cast<double>(c.Server.SteinhartB0)); }
+int GetSteinhartB0(CCommandContext& c) { return GetReal(c, c.Server.SteinhartB0, "%0.14e"); }
 
 int SetSteinhartB1(CCommandContext& c) {
-  double v;
-  if (!c.FiniteDbl(1, v)) return kReplyText;
-  c.Server.SteinhartB1 = v;
-  return c.Reply("Steinhart-Hart B1 set to %0.14e.\n", v);
+  return SetReal(c, c.Server.SteinhartB1, "Steinhart-Hart B1 set to %0.14e.\n");
 }
-int GetSteinhartB1(CCommandContext& c) { return c.Reply("%0.14e", static_cast<double>(c.Server.SteinhartB1)); }
+int GetSteinhartB1(CCommandContext& c) { return GetReal(c, c.Server.SteinhartB1, "%0.14e"); }
 
 int SetSteinhartB3(CCommandContext& c) {
-  double v;
-  if (!c.FiniteDbl(1, v)) return kReplyText;
-  c.Server.SteinhartB3 = v;
-  return c.Reply("Steinhart-Hart B3 set to %0.14e.\n", v);
+  return SetReal(c, c.Server.SteinhartB3, "Steinhart-Hart B3 set to %0.14e.\n");
 }
-int GetSteinhartB3(CCommandContext& c) { return c.Reply("%0.14e", static_cast<double>(c.Server.SteinhartB3)); }
+int GetSteinhartB3(CCommandContext& c) { return GetReal(c, c.Server.SteinhartB3, "%0.14e"); }
 
 // The reading is a signed 16-bit converter value; clients know it in either form.
 int SetFbgRefVth(CCommandContext& c) {
@@ -81,29 +77,19 @@ int SetFbgRefVth(CCommandContext& c) {
 int GetFbgRefVth(CCommandContext& c) { return c.Reply("%d", static_cast<int16_t>(c.Server.FbgRefVth.load())); }
 
 int SetFbgRefWvlNm(CCommandContext& c) {
-  double v;
-  if (!c.FiniteDbl(1, v)) return kReplyText;
-  c.Server.FbgRefWvlNm = v;
-  return c.Reply("fbg reference Wvl set to %10.4f nm.\n", v);
+  return SetReal(c, c.Server.FbgRefWvlNm, "fbg reference Wvl set to %10.4f nm.\n");
 }
-int GetFbgRefWvlNm(CCommandContext& c) { return c.Reply("%0.4f", static_cast<double>(c.Server.FbgRefWvlNm)); }
+int GetFbgRefWvlNm(CCommandContext& c) { return GetReal(c, c.Server.FbgRefWvlNm, "%0.4f"); }
 
-int SetFbgNmPerDegC(CCommandContext& c) {
-  double v;
-  if (!c.FiniteDbl(1, v)) return kReplyText;
-  c.Server.FbgNmPerDegC = v;
-  return c.Reply("fbg nm/degC set to %10.4f nm.\n", v);
-}
-int GetFbgNmPerDegC(CCommandContext& c) { return c.Reply("%0.4f", static_cast<double>(c.Server.FbgNmPerDegC)); }
+int SetFbgNmPerDegC(CCommandContext& c) { return SetReal(c, c.Server.FbgNmPerDegC, "fbg nm/degC set to %10.4f nm.\n"); }
+int GetFbgNmPerDegC(CCommandContext& c) { return GetReal(c, c.Server.FbgNmPerDegC, "%0.4f"); }
 
 int RebuildFbgVthLut(CCommandContext& c) {
   if (c.Server.Vth2Thz) c.Server.build_FBG_Vth2Thz_LUT();
   return c.Reply("Rebuilding FBG Vth LUT\n");
 }
 
-int GetFbgVth(CCommandContext& c) {
-  return c.Reply("%d", static_cast<uint16_t>(CurrentThermistorReading(c.Server)));
-}
+int GetFbgVth(CCommandContext& c) { return c.Reply("%d", static_cast<uint16_t>(CurrentThermistorReading(c.Server))); }
 int GetFbgDegC(CCommandContext& c) {
   return c.Reply("%0.2f", c.Server.thermistor_Vth2degC(CurrentThermistorReading(c.Server)));
 }
@@ -137,19 +123,14 @@ int SetMonitoredFbg(CCommandContext& c) {
 }
 int GetMonitoredFbg(CCommandContext& c) { return c.Reply("%d", c.Server.bMonitoredFbg ? 1 : 0); }
 
-int GetWvlCorrCoef(CCommandContext& c) { return c.Reply("%f", static_cast<double>(c.Server.WvlCorrCoef)); }
+int GetWvlCorrCoef(CCommandContext& c) { return GetReal(c, c.Server.WvlCorrCoef, "%f"); }
 
 int SetMaxWvlCorrCoefError(CCommandContext& c) {
-  double v;
-  if (!c.FiniteDbl(1, v)) return kReplyText;
-  c.Server.MaxWvlCorrCoefError = v;
-  return c.Reply("Corr Coef errof window set to +/- %f.\n", v);
+  return SetReal(c, c.Server.MaxWvlCorrCoefError, "Corr Coef errof window set to +/- %f.\n");
 }
-int GetMaxWvlCorrCoefError(CCommandContext& c) {
-  return c.Reply("%f", static_cast<double>(c.Server.MaxWvlCorrCoefError));
-}
+int GetMaxWvlCorrCoefError(CCommandContext& c) { return GetReal(c, c.Server.MaxWvlCorrCoefError, "%f"); }
 
-int GetCalculatedFbg(CCommandContext& c) { return c.Reply("%f", static_cast<double>(c.Server.CalculatedFbg)); }
+int GetCalculatedFbg(CCommandContext& c) { return GetReal(c, c.Server.CalculatedFbg, "%f"); }
 
 // Both conversions use the comb of the last published record.
 int Wvl2Counts(CCommandContext& c) {
@@ -181,23 +162,23 @@ int GetFbgChannel(CCommandContext& c) { return c.Reply("%d", static_cast<int>(c.
 
 // ---- Sensor selection -------------------------------------------------------------------------
 
-int SetLowerWvlLimit(CCommandContext& c) {
+// A limit of the window of accepted sensor wavelengths; nothing lies below 500 nm.
+int SetWvlLimit(CCommandContext& c, Relaxed<double>& limit, const char* confirmation) {
   double v;
   if (!c.FiniteDbl(1, v)) return kReplyText;
   if (v < kLowestWvlLimitNm) v = kLowestWvlLimitNm;
-  c.Server.LowerWvlLimit = v;
-  return c.Reply("LowerWvlLimit set to %f.\n", v);
+  limit = v;
+  return c.Reply(confirmation, v);
 }
-int GetLowerWvlLimit(CCommandContext& c) { return c.Reply("%f", static_cast<double>(c.Server.LowerWvlLimit)); }
+int SetLowerWvlLimit(CCommandContext& c) {
+  return SetWvlLimit(c, c.Server.LowerWvlLimit, "LowerWvlLimit set to %f.\n");
+}
+int GetLowerWvlLimit(CCommandContext& c) { return GetReal(c, c.Server.LowerWvlLimit, "%f"); }
 
 int SetUpperWvlLimit(CCommandContext& c) {
-  double v;
-  if (!c.FiniteDbl(1, v)) return kReplyText;
-  if (v < kLowestWvlLimitNm) v = kLowestWvlLimitNm;
-  c.Server.UpperWvlLimit = v;
-  return c.Reply("UpperWvlLimit set to %f.\n", v);
+  return SetWvlLimit(c, c.Server.UpperWvlLimit, "UpperWvlLimit set to %f.\n");
 }
-int GetUpperWvlLimit(CCommandContext& c) { return c.Reply("%f", static_cast<double>(c.Server.UpperWvlLimit)); }
+int GetUpperWvlLimit(CCommandContext& c) { return GetReal(c, c.Server.UpperWvlLimit, "%f"); }
 
 int BadChannel(CCommandContext& c, bool legacy) {
   const SChannelRange range = ChannelRange(c.Server, legacy);

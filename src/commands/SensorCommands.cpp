@@ -8,6 +8,7 @@
 // numbers in a reply as in its data.
 //
 // The pipeline reads the tables record by record without a lock; each entry is written whole.
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 
@@ -21,8 +22,8 @@
 namespace {
 
 constexpr size_t kRecLayerOffset = kRecHeaderOffset + 6;  // bits 0-1: multiplexer layer of the sweep
-constexpr int kMaxAveragingValues = 10000;                // values the averaging store holds per sensor, all layers together
-constexpr int kDb2CountsLastIndex = 400;                  // gains 0.0 to 40.0 dB in steps of 0.1 dB
+constexpr int kMaxAveragingValues = 10000;  // values the averaging store holds per sensor, all layers together
+constexpr int kDb2CountsLastIndex = 400;    // gains 0.0 to 40.0 dB in steps of 0.1 dB
 
 const uint8_t* Slot(const CVr480Server& s, int index) {
   return s.ProcessedData + static_cast<size_t>(index) * kProcessedRecordBytes;
@@ -71,9 +72,7 @@ class CCurrentRecord {
     const uint32_t sensorBytes = GetRecU32(Record, kRecSensorBytesOffset);
     const uint32_t header = kRecSensorsOffset - kRecHeaderOffset;
     const uint32_t held = sensorBytes >= header ? (sensorBytes - header) / 4 : 0;
-    if (First >= held) Count = 0;
-    else if (First + Count > held) Count = held - First;
-    if (Count > kSensorsPerChannel) Count = kSensorsPerChannel;
+    Count = std::min({Count, First < held ? held - First : 0u, static_cast<uint32_t>(kSensorsPerChannel)});
   }
   // Sensors of the channel present in the record.
   uint32_t Sensors() const { return Count; }
@@ -197,9 +196,7 @@ int MinAverages(const CVr480Server& s) {
   const int m = s.MinNumAverages;
   return m > 0 ? m : 1;
 }
-int MaxClientAverages(const CVr480Server& s) {
-  return (kMaxAveragingValues / s.GetMuxLevel()) / MinAverages(s);
-}
+int MaxClientAverages(const CVr480Server& s) { return (kMaxAveragingValues / s.GetMuxLevel()) / MinAverages(s); }
 // The count in force for a sensor, in the client's units.
 int ClientAverages(CVr480Server& s, int logical, int sensor) {
   return s.GetNumAverages(static_cast<uint8_t>(logical), static_cast<uint16_t>(sensor)) / MinAverages(s);
@@ -211,8 +208,9 @@ void SetAverages(CVr480Server& s, int logical, int sensor, long count) {
 
 int BadAverages(CCommandContext& c, bool legacy) {
   const SChannelRange range = ChannelRange(c.Server, legacy);
-  return c.Reply("!Illegal parameters.  Acceptable ranges are: Ch# %s to %s, sensor# 1 to %d and NumAvg from 1 to %d.\n",
-                 range.Low.c_str(), range.High.c_str(), kSensorsPerChannel, MaxClientAverages(c.Server));
+  return c.Reply(
+      "!Illegal parameters.  Acceptable ranges are: Ch# %s to %s, sensor# 1 to %d and NumAvg from 1 to %d.\n",
+      range.Low.c_str(), range.High.c_str(), kSensorsPerChannel, MaxClientAverages(c.Server));
 }
 bool CountInRange(const CVr480Server& s, long count) { return count >= 1 && count <= MaxClientAverages(s); }
 
@@ -372,7 +370,8 @@ int GetLastBinFaultCnt(CCommandContext& c) {
   const SChannelArg ch = ReadChannelArg(c, 1, kLogicalChannels);
   if (ch.Index < 0) {
     const SChannelRange range = ChannelRange(c.Server, ch.bLegacy);
-    return c.Reply("!Illegal parameters.  Acceptable ranges are: Ch# %s to %s.\n", range.Low.c_str(), range.High.c_str());
+    return c.Reply("!Illegal parameters.  Acceptable ranges are: Ch# %s to %s.\n", range.Low.c_str(),
+                   range.High.c_str());
   }
   return c.Reply("%d", std::atomic_ref<int32_t>(c.Server.LastBinFaultCnt[ch.Index]).load(std::memory_order_relaxed));
 }

@@ -93,8 +93,8 @@ TEST_F(SensorBinningEndToEnd, BinsKeepEverySensorInItsColumnWhileOneDropsOut) {
     ASSERT_TRUE(WaitFor([&] { return Cmd("#GET_ENABLE_SENSOR_BINS") == "1"; }, std::chrono::seconds(30)));
     // The first record sorted into the bins (the learning record itself is not).
     SRecord r;
-    ASSERT_TRUE(WaitFor([&] { return ((r = Newest()).Size() != 0 && (Marks(r) & kRebuiltMark)); },
-                        std::chrono::seconds(30)));
+    ASSERT_TRUE(
+        WaitFor([&] { return ((r = Newest()).Size() != 0 && (Marks(r) & kRebuiltMark)); }, std::chrono::seconds(30)));
     learnedAll = r.Count(0) == 3 && r.Count(1) == 3;
   }
   ASSERT_TRUE(learnedAll);
