@@ -112,18 +112,19 @@ TEST(FullSpectrumCard, CalibratedSpectraShowTheScenesLinesUnderConcurrentReaders
       std::this_thread::sleep_for(1ms);
     }
   });
-  const uint16_t firstSlot = s.SpectrumWriteIndex;
   // The acquisition loop runs until the readers have had their spectra: on a loaded machine the
   // calibration thread and the readers may get little time, so the loop goes on (new spectra
   // keep coming) rather than counting what arrived within a fixed time.
   const auto ceiling = std::chrono::steady_clock::now() + 60s;
   for (int i = 0; (i < 128 * 40 || received < 20) && std::chrono::steady_clock::now() < ceiling; ++i) bench.Pass();
-  stop = true;  // a reader's wait for a spectrum ends within a second
+  // The readers leave as clients do: a wait for a spectrum notices that within a second.
+  stop = true;
+  s.bClientDisconnect[kSpectrumClient] = true;
+  s.bClientDisconnect[kSpectrumClient + 1] = true;
   a.join();
   b.join();
   window.join();
   EXPECT_GE(received, 20);
-  EXPECT_NE(s.SpectrumWriteIndex, firstSlot);
 
   // The newest spectrum, as a client that connects now reads it first: the lines of DUT channel 1
   // (the amplitude channel) at their uncompensated wavelengths, the scene's for the sensors at
@@ -157,7 +158,9 @@ TEST(FullSpectrumCard, CalibratedSpectraShowTheScenesLinesUnderConcurrentReaders
   EXPECT_TRUE(bench.StopThread());
 }
 
-TEST(FullSpectrumCard, ChannelChangeDropsThreeSpectraButWakesWaitersAfterEach) {
+// How many times a waiter wakes is not counted: broadcasts that come close together reach a
+// waiter that has not yet taken the lock back as one.
+TEST(FullSpectrumCard, ChannelChangeDropsThreeSpectraThenAPublishedOneWakesWaiters) {
   CSpectrumBench bench(Scene());
   CVr480Server& s = bench.S();
   ASSERT_TRUE(bench.Settle());
@@ -177,20 +180,20 @@ TEST(FullSpectrumCard, ChannelChangeDropsThreeSpectraButWakesWaitersAfterEach) {
   });
   std::this_thread::sleep_for(100ms);  // a spectrum the thread was still working on is out
   const uint16_t slot = s.SpectrumWriteIndex;
-  int passes = 0;
-  while (s.FsSkipCount > 0 && passes < 128 * 20) {
+  // The calibration thread drops the spectra at its own pace: the loop runs until it has.
+  const auto ceiling = std::chrono::steady_clock::now() + 30s;
+  while (s.FsSkipCount > 0 && std::chrono::steady_clock::now() < ceiling) {
     bench.Pass();
-    ++passes;
     ASSERT_EQ(s.SpectrumWriteIndex, slot) << "nothing is published while spectra are dropped";
   }
   EXPECT_EQ(s.FsSkipCount, 0);
-  for (int i = 0; i < 128 * 3; ++i) bench.Pass();
-  const auto until = std::chrono::steady_clock::now() + 30s;  // the calibration thread may be slow to run
-  while (s.SpectrumWriteIndex == slot && std::chrono::steady_clock::now() < until) std::this_thread::sleep_for(5ms);
+  // Then the next spectrum is published, however long the thread takes to come to it.
+  for (int i = 0; (i < 128 * 3 || s.SpectrumWriteIndex == slot) && std::chrono::steady_clock::now() < ceiling + 30s; ++i)
+    bench.Pass();
   stop = true;
   waiter.join();
   EXPECT_NE(s.SpectrumWriteIndex, slot);
-  EXPECT_GE(wakes, 3);
+  EXPECT_GE(wakes, 1);
 
   // The published spectrum is the comb's: its Airy teeth fill the grid.
   const uint8_t* rec = s.SpectrumBuffer + static_cast<size_t>(s.SpectrumWriteIndex == 0 ? 15 : s.SpectrumWriteIndex - 1) * 65640;
