@@ -33,6 +33,7 @@
 #include "processing/ProcessedRecord.h"
 #include "protocol/CommandTable.h"
 #include "protocol/DataCommands.h"
+#include "server/Globals.h"
 #include "server/Vr480Server.h"
 
 namespace data_commands {
@@ -67,16 +68,33 @@ bool SizesValid(const uint8_t* rec) {
   return data >= kHeaderBytes && data <= all && all <= kMaxBody && (data - kHeaderBytes) % 4 == 0;
 }
 
-// Waits once for the producer to publish past slot r; true when slot r can now be read. The
-// wait ends at the next broadcast (a record, or a trigger mode change) or after a second, so
-// that a service thread notices its client leaving or the server stopping. It holds only
-// DataMutex, and the wait releases it.
-bool WaitForRecord(CVr480Server& s, int row, uint16_t r) {
-  if (s.bClientDisconnect[row]) return r != s.ProcessedWriteIndex;
+// Waits for the producer to publish past slot r. A record ends the wait (kPublished); so does
+// a trigger mode change (kModeChange: the header-only "no new data" reply tells the client its
+// stream changed), and the client leaving or the server stopping. The wait wakes every second
+// to notice those, and goes back to waiting when nothing happened: an idle card's clients get
+// nothing until it records again. A streaming client also stops waiting when it sends a line
+// (kInput), so that its service thread can take the command; it wakes ten times a second for
+// that. Holds only DataMutex, and the wait releases it.
+enum class EWait { kPublished, kModeChange, kInput };
+
+EWait WaitForRecord(CVr480Server& s, int row, uint16_t r) {
+  const bool client = row < kClientSlots;
+  const auto slice = client && s.bStreaming[row] ? 100ms : 1000ms;
+  const uint32_t changes = s.DataModeChanges;
   std::unique_lock<std::mutex> lock(s.DataMutex);
-  if (r != s.ProcessedWriteIndex) return true;  // published between the caller's look and the lock
-  s.DataCond.wait_for(lock, 1s);
-  return r != s.ProcessedWriteIndex;
+  for (;;) {
+    if (r != s.ProcessedWriteIndex) return EWait::kPublished;
+    if (s.DataModeChanges != changes) return EWait::kModeChange;
+    if (s.bClientDisconnect[row] || s.bClosingSessions || bStopSignalled) return EWait::kModeChange;
+    if (client && s.bStreaming[row]) {
+      lock.unlock();
+      const bool input = s.Socket.WaitReadable(static_cast<uint16_t>(row), 0) != 0;
+      lock.lock();
+      if (input && r == s.ProcessedWriteIndex) return EWait::kInput;
+      if (r != s.ProcessedWriteIndex) continue;
+    }
+    s.DataCond.wait_for(lock, slice);
+  }
 }
 
 // The header-only reply: an all-zero header whose status byte says "no new data", length 88.
@@ -179,9 +197,12 @@ int ServeRecord(CCommandContext& c, bool levels) {
 
   bool waited = false;
   uint16_t r = s.ProcessedReadIndex[row];
+  // Anything but a record: the header-only reply, or nothing at all for a streaming client
+  // whose command waits.
+  auto notServed = [&](EWait why) { return why == EWait::kInput ? kReplyNone : ReplyNoData(c); };
   if (r == s.ProcessedWriteIndex) {
     waited = true;
-    if (!WaitForRecord(s, row, r)) return ReplyNoData(c);
+    if (const EWait why = WaitForRecord(s, row, r); why != EWait::kPublished) return notServed(why);
   }
   for (;;) {
     // Interleave: serve only sweeps whose number (per multiplexer cycle) is a multiple of n.
@@ -190,7 +211,8 @@ int ServeRecord(CCommandContext& c, bool levels) {
     while ((SweepOf(SlotBytes(s, r)) / level) % interleave != 0) {
       r = Next(r);
       s.ProcessedReadIndex[row] = r;
-      if (r == s.ProcessedWriteIndex && !WaitForRecord(s, row, r)) return ReplyNoData(c);
+      if (r == s.ProcessedWriteIndex)
+        if (const EWait why = WaitForRecord(s, row, r); why != EWait::kPublished) return notServed(why);
     }
     const uint16_t w = s.ProcessedWriteIndex;
     if (r != w) {
@@ -205,7 +227,8 @@ int ServeRecord(CCommandContext& c, bool levels) {
       r = Next(r);
       s.ProcessedReadIndex[row] = r;
     }
-    if (r == s.ProcessedWriteIndex && !WaitForRecord(s, row, r)) return ReplyNoData(c);
+    if (r == s.ProcessedWriteIndex)
+      if (const EWait why = WaitForRecord(s, row, r); why != EWait::kPublished) return notServed(why);
   }
 }
 

@@ -18,6 +18,7 @@
 #include "processing/ProcessedRecord.h"
 #include "protocol/CommandTable.h"
 #include "protocol/DataCommands.h"
+#include "server/Globals.h"
 #include "server/Vr480Server.h"
 
 namespace data_commands {
@@ -48,14 +49,24 @@ const struct_dma_peaks_data* CardRecord(CVr480Server& s) {
   return std::atomic_ref<struct_dma_peaks_data*>(s.pPeaks).load();  // before the loop's first record
 }
 
-// Waits once for the spectrum thread to publish (or a second, so that a client that leaves or
-// a server that stops is noticed). Holds only SpectrumMutex, released by the wait. True when
-// slot `readIndex` can now be read.
-bool WaitForSpectrum(CVr480Server& s, uint16_t readIndex) {
+// Spectra exist only with full-spectrum acquisition on, and only a card that sweeps its own
+// laser (master or stand-alone) has a sweep to calibrate them against.
+bool SpectraAvailable(CVr480Server& s) {
+  const uint16_t mode = s.Driver.GetOperatingMode();
+  return s.bFsEnable && s.SpectrumBuffer && (mode == 0 || mode == 1);
+}
+
+// Waits until the spectrum thread publishes past slot `readIndex`. The wait wakes every second
+// to notice the client leaving, the server stopping or spectra being switched off, and goes
+// back to waiting otherwise. Holds only SpectrumMutex, released by the wait. True when slot
+// `readIndex` can now be read.
+bool WaitForSpectrum(CVr480Server& s, int row, uint16_t readIndex) {
   std::unique_lock<std::mutex> lock(s.SpectrumMutex);
-  if (readIndex != s.SpectrumWriteIndex) return true;
-  s.SpectrumCond.wait_for(lock, 1s);
-  return readIndex != s.SpectrumWriteIndex;
+  for (;;) {
+    if (readIndex != s.SpectrumWriteIndex) return true;
+    if (s.bClientDisconnect[row] || s.bClosingSessions || bStopSignalled || !SpectraAvailable(s)) return false;
+    s.SpectrumCond.wait_for(lock, 1s);
+  }
 }
 
 int EmptyReply(CCommandContext& c, const uint8_t* buffer, int code) {
@@ -101,10 +112,8 @@ int GetSpectrum(CCommandContext& c) {
     s.SpectrumReadIndex[row] = readIndex >= kSpectrumRingSlots - 1 ? 0 : static_cast<uint16_t>(readIndex + 1);
     if (row < kClientSlots) s.bNewSpectrum[row] = false;
   };
-  // Spectra exist only with full-spectrum acquisition on, and only a card that sweeps its own
-  // laser (master or stand-alone) has a sweep to calibrate them against.
   const uint16_t mode = s.Driver.GetOperatingMode();
-  if (!s.bFsEnable || !s.SpectrumBuffer || (mode != 0 && mode != 1)) {
+  if (!SpectraAvailable(s)) {
     if (s.bFsEnable && mode != 0 && mode != 1) std::printf("********** Not Master or Stand-Alone\n");
     advance();
     return EmptyReply(c, copy + kRecHeaderOffset, kReplyText);
@@ -113,8 +122,8 @@ int GetSpectrum(CCommandContext& c) {
   bool waited = false;
   if (readIndex == s.SpectrumWriteIndex) {
     waited = true;
-    // Nothing published within the wait: nothing to send, and the position stays.
-    if (!WaitForSpectrum(s, readIndex)) return EmptyReply(c, copy + kRecHeaderOffset, kReplyText);
+    // Spectra stopped, or the client or the server is going: nothing to send, the position stays.
+    if (!WaitForSpectrum(s, row, readIndex)) return EmptyReply(c, copy + kRecHeaderOffset, kReplyText);
   }
   const int write = s.SpectrumWriteIndex;
   const uint8_t* slot = s.SpectrumBuffer + static_cast<size_t>(readIndex) * kSpectrumRecordBytes;
@@ -140,12 +149,9 @@ int GetSpectrum(CCommandContext& c) {
 int GetRawSpectrum(CCommandContext& c) {
   CVr480Server& s = c.Server;
   uint8_t* copy = s.ClientSpectrumCopy[c.Row];
-  if (!s.RawSpectrumBuffer) return EmptyReply(c, copy + kRecHeaderOffset, kReplyText);
+  if (!s.RawSpectrumBuffer || !SpectraAvailable(s)) return EmptyReply(c, copy + kRecHeaderOffset, kReplyText);
   // Always a spectrum newer than the request: wait for the next one to be published.
-  {
-    std::unique_lock<std::mutex> lock(s.SpectrumMutex);
-    s.SpectrumCond.wait_for(lock, 1s);
-  }
+  if (!WaitForSpectrum(s, c.Row, s.SpectrumWriteIndex)) return EmptyReply(c, copy + kRecHeaderOffset, kReplyText);
   {
     // The acquisition thread replaces the raw spectrum under this lock when a cycle completes.
     std::lock_guard<std::mutex> g(s.FsCalMutex);

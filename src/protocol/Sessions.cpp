@@ -54,6 +54,12 @@ struct SServiceArgs {
   uint32_t Generation;  // the session this thread serves; a newer one on the slot ends it
 };
 
+void WriteFramedEndToken(CVr480Server& s, uint16_t client) {
+  char frame[10 + kTokenBytes + 1];
+  std::snprintf(frame, sizeof frame, "%10.10lu%s", static_cast<unsigned long>(kTokenBytes), kEndToken);
+  s.Socket.WriteData(client, frame, 10 + kTokenBytes);
+}
+
 void* ClientServiceThread(void* raw) {
   SServiceArgs args = *static_cast<SServiceArgs*>(raw);
   delete static_cast<SServiceArgs*>(raw);
@@ -72,15 +78,20 @@ void* ClientServiceThread(void* raw) {
     }
     // Streaming: one record per pass, paced by the instrument; a pending command is served
     // after each record; then the token that tells the client what follows.
-    s.ServiceSocket(client, "#GET_DATA");
+    const bool sentRecord = s.ServiceSocket(client, "#GET_DATA") == kReplyRecord;
+    if (!sentRecord && line[0] == '\0') continue;  // no record, but a command arrived: read it
     if (line[0] != '\0') s.ServiceSocket(client, line);
     const bool still = s.bStreaming[client];
+    if (!sentRecord) {
+      // The card is idle, so no record frame is open for a token to complete: a stream that
+      // ends here ends with the framed token, whether or not the client uses tokens.
+      if (!still) WriteFramedEndToken(s, client);
+      continue;
+    }
     if (s.bUseStreamTokens[client]) {
       s.Socket.WriteData(client, still ? kMoreToken : kEndToken, kTokenBytes);
     } else if (!still) {
-      char frame[10 + kTokenBytes + 1];
-      std::snprintf(frame, sizeof frame, "%10.10lu%s", static_cast<unsigned long>(kTokenBytes), kEndToken);
-      s.Socket.WriteData(client, frame, 10 + kTokenBytes);
+      WriteFramedEndToken(s, client);
     }
   }
   // At the server's stop the session itself is closed, so that the client sees its
@@ -158,7 +169,7 @@ int CVr480Server::ServiceSocket(uint16_t client, const char* command) {
       SendFramedInPlace(*this, client, body, length, length);
     }
   }
-  return 0;
+  return code;
 }
 
 // The callbacks are in place before the accept thread starts, so that no early client goes

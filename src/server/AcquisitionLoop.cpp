@@ -58,6 +58,7 @@ void CVr480Server::AcquisitionPass() {
   bTriggeredModeEntered = last->TriggeredAcquisition() && !last->InTriggerWindow();
   if (bTriggeredModeEntered) {
     std::lock_guard<std::mutex> g(DataMutex);
+    ++DataModeChanges;
     DataCond.notify_all();
   }
   for (int i = 0; i < kClientSlots; ++i) bNewRecord[i] = true;
@@ -141,6 +142,7 @@ int CVr480Server::SetTriggeringMode(uint8_t mode) {
   }
   {
     std::lock_guard<std::mutex> g(DataMutex);
+    ++DataModeChanges;
     DataCond.notify_all();
   }
   bUpdateGui = true;

@@ -92,7 +92,8 @@ class CVr480Server {
   void ExecuteInternal(const std::string& line);
   // 0 when the argument text has min to max columns, -1 when not, -2 when min > max.
   int CheckNumArgs(const std::string& args, uint16_t min, uint16_t max);
-  // Runs one command for a client and sends its reply in the frame its code asks for.
+  // Runs one command for a client and sends its reply in the frame its code asks for; returns
+  // the reply-mode code.
   int ServiceSocket(uint16_t client, const char* command);
   // Client service threads still running (the stop path and Shutdown wait for them).
   int RunningServiceThreads() const;
@@ -266,6 +267,7 @@ class CVr480Server {
   // ---- Synchronisation ----------------------------------------------------------------------------
   std::mutex DataMutex;                   // processed-data ring and trigger changes
   std::condition_variable DataCond;       // broadcast when a record is published or the trigger mode changes
+  std::atomic<uint32_t> DataModeChanges{0};  // DataCond broadcasts for a trigger mode change (not a record); acquisition
   std::mutex SpectrumMutex;               // spectrum hand-over to #GET_SPECTRUM
   std::condition_variable SpectrumCond;
   std::mutex FsCalMutex;                  // raw spectrum hand-over to the calibration thread

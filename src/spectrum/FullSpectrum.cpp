@@ -110,8 +110,8 @@ class CSpectrumCalibrator {
   }
 
   // Resamples the spectrum and publishes it unless it is one to drop. Waiters on SpectrumCond
-  // are woken after every spectrum, published or not: a client that changed the amplitude
-  // channel waits for the change to have gone through one.
+  // are woken when a spectrum is published: a client that changed the amplitude channel thus
+  // waits until the change has gone through the dropped spectra into a published one.
   void Process() {
     const fs::CCombScale comb{Count, Points, Thz, RefIndex};
     bool publish = false;
@@ -141,12 +141,11 @@ class CSpectrumCalibrator {
       }
     }
 
+    if (!publish) return;
     std::lock_guard<std::mutex> g(S.SpectrumMutex);
-    if (publish) {
-      const uint16_t slot = S.SpectrumWriteIndex;
-      S.SpectrumWriteIndex = slot >= kSpectrumRingSlots - 1 ? 0 : static_cast<uint16_t>(slot + 1);
-      for (int c = 0; c < kClientSlots; ++c) S.bNewSpectrum[c] = true;
-    }
+    const uint16_t slot = S.SpectrumWriteIndex;
+    S.SpectrumWriteIndex = slot >= kSpectrumRingSlots - 1 ? 0 : static_cast<uint16_t>(slot + 1);
+    for (int c = 0; c < kClientSlots; ++c) S.bNewSpectrum[c] = true;
     S.SpectrumCond.notify_all();
   }
 
