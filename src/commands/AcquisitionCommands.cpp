@@ -233,6 +233,7 @@ int GetSoaDrive(CCommandContext& c) { return c.Reply("%d", c.Server.Driver.GetSO
 
 int SetSoaOnCount(CCommandContext& c) {
   auto& d = c.Server.Driver;
+  c.Server.bSoaOnWvlPending = false;  // a later setting of the same edge wins, as in the replay order
   d.SetSoaOnCount(U32(c.Int(1)));
   return c.Reply("SOA on count set to %d.\n", static_cast<int>(d.GetSoaOnCount()));
 }
@@ -240,33 +241,47 @@ int GetSoaOnCount(CCommandContext& c) { return c.Reply("%d", static_cast<int>(c.
 
 int SetSoaOffCount(CCommandContext& c) {
   auto& d = c.Server.Driver;
+  c.Server.bSoaOffWvlPending = false;
   d.SetSoaOffCount(U32(c.Int(1)));
   return c.Reply("SOA off count set to %d.\n", static_cast<int>(d.GetSoaOffCount()));
 }
 int GetSoaOffCount(CCommandContext& c) { return c.Reply("%d", static_cast<int>(c.Server.Driver.GetSoaOffCount())); }
 
-// The SOA window given in wavelengths: the count is read off the current record's comb, so a
-// wavelength the sweep does not reach (count 0 or below, or no comb yet) is refused.
-int SetSoaOnWvl(CCommandContext& c) {
-  CVr480Server& s = c.Server;
-  const double w = c.Dbl(1);
-  const int counts = static_cast<int>(s.Wvl2Counts(w));
-  if (counts <= 0) return c.Reply("!Wavelength out of range.");
-  s.SoaOnWvl = w;
-  s.Driver.SetSoaOnCount(static_cast<uint32_t>(counts));
-  return c.Reply("SOA on wvl set to %f [count value %d].\n", w, counts);
+// The SOA window given in wavelengths: the count is read off the current record's comb. Only a
+// count inside the measured half of the sweep (1-65535) is sent: the card keeps 17 bits, so a
+// wavelength far off the comb (a negative one, say) would otherwise land anywhere in the
+// laser period and could move the sweep off the reference grating, after which no wavelength
+// could be converted to undo it. Until the first record has a scale (while the settings are
+// replayed at start-up) the wavelength is kept, and the acquisition loop applies it once the
+// scale is valid, so a saved window survives a restart.
+int SoaWindowCount(CVr480Server& s, double w) {
+  if (!(w > 0.0)) return -1;  // NaN too
+  const double counts = s.Wvl2Counts(w);
+  return counts >= 1.0 && counts <= 65535.0 ? static_cast<int>(counts) : -1;
 }
-int GetSoaOnWvl(CCommandContext& c) { return c.Reply("%f", static_cast<double>(c.Server.SoaOnWvl)); }
 
-int SetSoaOffWvl(CCommandContext& c) {
+int SetSoaWvl(CCommandContext& c, bool on) {
   CVr480Server& s = c.Server;
-  const double w = c.Dbl(1);
-  const int counts = static_cast<int>(s.Wvl2Counts(w));
+  double w;
+  if (!c.FiniteDbl(1, w)) return kReplyText;
+  const char* edge = on ? "on" : "off";
+  if (!s.ScaleKnown()) {
+    (on ? s.SoaOnWvl : s.SoaOffWvl) = w;
+    (on ? s.bSoaOnWvlPending : s.bSoaOffWvlPending) = true;
+    return c.Reply("SOA %s wvl set to %f [count value pending].\n", edge, w);
+  }
+  const int counts = SoaWindowCount(s, w);
   if (counts <= 0) return c.Reply("!Wavelength out of range.");
-  s.SoaOffWvl = w;
-  s.Driver.SetSoaOffCount(static_cast<uint32_t>(counts));
-  return c.Reply("SOA off wvl set to %f [count value %d].\n", w, counts);
+  (on ? s.SoaOnWvl : s.SoaOffWvl) = w;
+  (on ? s.bSoaOnWvlPending : s.bSoaOffWvlPending) = false;
+  if (on) s.Driver.SetSoaOnCount(static_cast<uint32_t>(counts));
+  else s.Driver.SetSoaOffCount(static_cast<uint32_t>(counts));
+  return c.Reply("SOA %s wvl set to %f [count value %d].\n", edge, w, counts);
 }
+
+int SetSoaOnWvl(CCommandContext& c) { return SetSoaWvl(c, true); }
+int GetSoaOnWvl(CCommandContext& c) { return c.Reply("%f", static_cast<double>(c.Server.SoaOnWvl)); }
+int SetSoaOffWvl(CCommandContext& c) { return SetSoaWvl(c, false); }
 int GetSoaOffWvl(CCommandContext& c) { return c.Reply("%f", static_cast<double>(c.Server.SoaOffWvl)); }
 
 // Kept for old clients: the analog outputs are driven by the pipeline through the bridge's
@@ -320,7 +335,8 @@ int GetSyncLoCount(CCommandContext& c) { return c.Reply("%d", static_cast<int>(c
 
 int SetSyncHiWvl(CCommandContext& c) {
   CVr480Server& s = c.Server;
-  const double w = c.Dbl(1);
+  double w;
+  if (!c.FiniteDbl(1, w)) return kReplyText;
   s.SyncHiWvl = w;
   return c.Reply("Sync hi wvl set to %f [%d counts].\n", w, static_cast<int>(s.Wvl2Counts(w)));
 }
@@ -328,7 +344,8 @@ int GetSyncHiWvl(CCommandContext& c) { return c.Reply("%f", static_cast<double>(
 
 int SetSyncLoWvl(CCommandContext& c) {
   CVr480Server& s = c.Server;
-  const double w = c.Dbl(1);
+  double w;
+  if (!c.FiniteDbl(1, w)) return kReplyText;
   s.SyncLoWvl = w;
   return c.Reply("Sync lo wvl set to %f [%d counts].\n", w, static_cast<int>(s.Wvl2Counts(w)));
 }
@@ -484,5 +501,23 @@ const SCommandRow kRows[] = {
 };
 
 }  // namespace
+
+// A window edge kept while there was no scale is applied with the first scale; one outside the
+// sweep is reported on the console and left unapplied (its tag stays for the next start).
+void CVr480Server::ApplyPendingSoaWindow() {
+  for (const bool on : {true, false}) {
+    if (!(on ? bSoaOnWvlPending : bSoaOffWvlPending).exchange(false)) continue;
+    const double w = on ? SoaOnWvl : SoaOffWvl;
+    const int counts = SoaWindowCount(*this, w);
+    const char* edge = on ? "on" : "off";
+    if (counts <= 0) {
+      std::printf("Saved SOA %s wvl %f is outside the sweep; not applied.\n", edge, w);
+      continue;
+    }
+    if (on) Driver.SetSoaOnCount(static_cast<uint32_t>(counts));
+    else Driver.SetSoaOffCount(static_cast<uint32_t>(counts));
+    std::printf("SOA %s wvl set to %f [count value %d].\n", edge, w, counts);
+  }
+}
 
 void RegisterAcquisitionCommands(CCommandTable& table) { table.Add(kRows); }

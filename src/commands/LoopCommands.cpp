@@ -6,6 +6,7 @@
 // are taken as given except where a range is stated (a NaN never passes a range check).
 #include <cstdint>
 #include <cstdlib>
+#include <mutex>
 #include <string>
 
 #include "commands/Families.h"
@@ -249,7 +250,8 @@ int GetAvoSensor(CCommandContext& c) {
 int SetAvoScalingFactor(CCommandContext& c) {
   const int k = Output(c);
   if (k < 0) return BadOutput(c);
-  const double f = c.Dbl(2);
+  double f;
+  if (!c.FiniteDbl(2, f)) return kReplyText;
   c.Server.AvoScalingFactor[k] = f;
   return c.Reply("Setting AVO Ch %d scaling factor to %f.\n", k + 1, f);
 }
@@ -267,8 +269,12 @@ int SetAvoReference(CCommandContext& c) {
   if (k < 0) return BadOutput(c);
   const uint8_t channel = s.AvoChannel[k];
   const uint16_t sensor = s.AvoSensor[k];
-  const int32_t average =
-      s.WvlAvg.GetTargetNumAvg(channel, sensor) != 0 ? s.WvlAvg.GetAverage(channel, sensor) : kWvlAvgNoValue;
+  int32_t average;
+  {
+    // A multiplexer change rebuilds (frees and reallocates) the store under this lock.
+    std::lock_guard<std::mutex> g(s.AveragingLock);
+    average = s.WvlAvg.GetTargetNumAvg(channel, sensor) != 0 ? s.WvlAvg.GetAverage(channel, sensor) : kWvlAvgNoValue;
+  }
   s.AvoReference[k] = average;
   const double granularity = static_cast<int32_t>(s.Granularity);
   return c.Reply("Setting AVO Ch %d reference loc to %f.\n", k + 1, average / granularity);
@@ -343,16 +349,17 @@ const SCommandRow kRows[] = {
     {"#GET_SWITCHDOWN_ENABLE", 0, 0, kNone, GetSwitchdownEnable},
     {"#SET_AUTO_SWITCHDOWN", 2, 2, kTagPerArg1, SetAutoSwitchdown},
     {"#GET_AUTO_SWITCHDOWN", 1, 1, kNone, GetAutoSwitchdown},
-    // Analog voltage outputs
-    {"#SET_AVO_CHANNEL", 2, 2, kTag, SetAvoChannel},
+    // Analog voltage outputs: one tag per output, so that every output's setting survives a
+    // restart (the first argument is the output).
+    {"#SET_AVO_CHANNEL", 2, 2, kTagPerArg1, SetAvoChannel},
     {"#GET_AVO_CHANNEL", 1, 1, kNone, GetAvoChannel},
-    {"#SET_AVO_SENSOR", 2, 2, kTag, SetAvoSensor},
+    {"#SET_AVO_SENSOR", 2, 2, kTagPerArg1, SetAvoSensor},
     {"#GET_AVO_SENSOR", 1, 1, kNone, GetAvoSensor},
-    {"#SET_AVO_SCALING_FACTOR", 2, 2, kTag, SetAvoScalingFactor},
+    {"#SET_AVO_SCALING_FACTOR", 2, 2, kTagPerArg1, SetAvoScalingFactor},
     {"#GET_AVO_SCALING_FACTOR", 1, 1, kNone, GetAvoScalingFactor},
     {"#SET_AVO_REFERENCE", 1, 1, kNone, SetAvoReference},
     {"#GET_AVO_REFERENCE", 1, 1, kNone, GetAvoReference},
-    {"#SET_AVO_REFERENCE_VOUT", 2, 2, kTag, SetAvoReferenceVout},
+    {"#SET_AVO_REFERENCE_VOUT", 2, 2, kTagPerArg1, SetAvoReferenceVout},
     {"#GET_AVO_REFERENCE_VOUT", 1, 1, kNone, GetAvoReferenceVout},
 };
 

@@ -65,6 +65,7 @@ void CVr480Server::AcquisitionPass() {
 
   BuildRawFSBuffer();
   ProcessPeaksData();
+  if ((bSoaOnWvlPending || bSoaOffWvlPending) && ScaleKnown()) ApplyPendingSoaWindow();
 
   const int period = SweepRate() / 10;
   if (period > 0 && pLastPeaks.load()->status.RecordCounter % period == 0) {

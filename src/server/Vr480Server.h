@@ -329,6 +329,15 @@ class CVr480Server {
   // The wavelength scale's table and conversions, also used by command handlers.
   int build_FBG_Vth2Thz_LUT();
   double Wvl2Counts(double wvlNm);
+  // A record with a comb has been published, so wavelengths convert to counts. Any thread.
+  bool ScaleKnown() const {
+    std::lock_guard<std::mutex> g(ScaleLock);
+    return Scale.Count >= 2;
+  }
+  // SOA window edges given in wavelengths before the first scale (the settings replay); the
+  // acquisition loop applies them with ApplyPendingSoaWindow once the scale is known.
+  std::atomic<bool> bSoaOnWvlPending{false}, bSoaOffWvlPending{false};
+  void ApplyPendingSoaWindow();
 
   // ---- Settings files ----
   // SaveSettings writes the tag file and the reference, location, averages and dB tables;

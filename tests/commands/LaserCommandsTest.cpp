@@ -269,6 +269,13 @@ TEST_F(LaserCommands, SoaWindowInWavelengths) {
   EXPECT_EQ(Server->Sent(kSoaOnCountCode, from), Words{uint32_t(counts)});
   EXPECT_EQ(Cmd("#GET_SOA_ON_WVL"), "1545.500000");
   EXPECT_EQ(Cmd("#GET_SOA_ON_COUNT"), std::to_string(counts));
+  // A wavelength the count cannot represent is refused and leaves the window as it was, so the
+  // window can always be set back.
+  from = Server->LogSize();
+  EXPECT_EQ(Cmd("#SET_SOA_ON_WVL -1"), "!Wavelength out of range.");
+  EXPECT_EQ(Cmd("#SET_SOA_ON_WVL nan"), "!Illegal parameters.  Not a finite number: nan.\n");
+  EXPECT_TRUE(Server->Sent(kSoaOnCountCode, from).empty());
+  EXPECT_EQ(Cmd("#GET_SOA_ON_WVL"), "1545.500000");
   EXPECT_EQ(Cmd("#SET_SOA_ON_COUNT 131073"), "SOA on count set to 1.\n");  // 17 bits
   EXPECT_EQ(Cmd("#SET_SOA_ON_COUNT 0"), "SOA on count set to 0.\n");
   EXPECT_TRUE(WaitReady(Client));
@@ -284,8 +291,8 @@ TEST_F(LaserCommands, AnalogOutputs) {
   EXPECT_EQ(Cmd("#SET_AVO_CHANNEL 1 1.5"),
             "!Illegal parameters.  Acceptable ranges are: AVO Ch# 1 to 6 and optical Ch# 1.1 to 4.1.\n");
   EXPECT_EQ(Cmd("#GET_AVO_CHANNEL 0"), "!Illegal parameters.  Acceptable ranges are: AVO Ch# 1 to 6.\n");
-  EXPECT_TRUE(HasTag("#SET_AVO_CHANNEL = \"2 3.1\""));  // one tag for all outputs
-  EXPECT_FALSE(HasTag("#SET_AVO_CHANNEL = \"1 6\""));
+  EXPECT_TRUE(HasTag("#SET_AVO_CHANNEL = \"2 3.1\""));  // one tag per output
+  EXPECT_TRUE(HasTag("#SET_AVO_CHANNEL = \"1 6\""));
 
   EXPECT_EQ(Cmd("#SET_AVO_SENSOR 3 250"), "Referencing AVO Ch 3 to optical sensor 250.\n");
   EXPECT_EQ(Cmd("#GET_AVO_SENSOR 3"), "250");
