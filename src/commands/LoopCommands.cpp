@@ -2,8 +2,9 @@
 // analog voltage outputs.
 //
 // The loop parameters are read by the acquisition thread ten times a second without a lock;
-// a handler only stores them. Integers are cut to the width of the field they land in, reals
-// are taken as given except where a range is stated (a NaN never passes a range check).
+// a handler only stores them. Integers are cut to the width of the field they land in; a real
+// must be finite, and where a range is stated it is refused outside it (a NaN never passes a
+// range check): a NaN gain would leave its loop standing still until the next start.
 #include <cstdint>
 #include <cstdlib>
 #include <mutex>
@@ -58,7 +59,8 @@ int GetGratingTargetLocation(CCommandContext& c) {
 }
 
 int SetBiasFeedbackGain(CCommandContext& c) {
-  const double g = c.Dbl(1);
+  double g;
+  if (!c.FiniteDbl(1, g)) return kReplyText;
   c.Server.BiasFeedbackGain = g;
   return c.Reply("Autobias feedback gain set to %f.\n", g);
 }
@@ -125,7 +127,8 @@ int SetAutoScanMaxError(CCommandContext& c) {
 int GetAutoScanMaxError(CCommandContext& c) { return c.Reply("%d", static_cast<int>(c.Server.AutoScanMaxError)); }
 
 int SetAutoScanFeedbackGain(CCommandContext& c) {
-  const double g = c.Dbl(1);
+  double g;
+  if (!c.FiniteDbl(1, g)) return kReplyText;
   c.Server.AutoScanFeedbackGain = g;
   return c.Reply("ScanAmp feedback gain set to %f.\n", g);
 }
@@ -144,7 +147,8 @@ int GetFsEnable(CCommandContext& c) { return c.Reply("%d", c.Server.bFsEnable ? 
 
 // Kept and saved for clients that set it; no processing step reads it.
 int SetFsWvlOffsetNm(CCommandContext& c) {
-  const double nm = c.Dbl(1);
+  double nm;
+  if (!c.FiniteDbl(1, nm)) return kReplyText;
   c.Server.FsWvlOffsetNm = nm;
   return c.Reply("Setting FS Wvl Offset to %7.5f nm.\n", nm);
 }

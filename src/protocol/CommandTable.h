@@ -114,6 +114,8 @@ class CCommandTable {
   // The rows registered under a name, in registration order (nullptr when none).
   const std::vector<const SCommandRow*>* Find(const std::string& name) const;
   size_t Size() const { return Rows.size(); }
+  // Every row, in registration order.
+  const std::vector<SCommandRow>& All() const { return Rows; }
 
  private:
   std::vector<SCommandRow> Rows;
