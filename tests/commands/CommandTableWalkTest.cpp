@@ -77,6 +77,8 @@ class CommandTableWalk : public ::testing::Test {
   void SetUp() override {
     ASSERT_TRUE(Server->Started());
     ASSERT_TRUE(Client.Connect(Server->Port()));
+    // The walk starts on a running instrument (start-up calibration over, laser ready).
+    ASSERT_TRUE(WaitReady(Client, std::chrono::seconds(30))) << "the laser did not come up ready";
   }
 
   // One command and its whole reply frame; a torn or missing frame fails the test and starts
