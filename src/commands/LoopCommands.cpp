@@ -7,7 +7,9 @@
 // range check): a NaN gain would leave its loop standing still until the next start.
 #include <cstdint>
 #include <cstdlib>
+#include <chrono>
 #include <mutex>
+#include <thread>
 #include <string>
 
 #include "commands/Families.h"
@@ -265,6 +267,20 @@ int GetAvoScalingFactor(CCommandContext& c) {
   return c.Reply("%f", static_cast<double>(c.Server.AvoScalingFactor[k]));
 }
 
+// The average output k showed with the last record, once that record was for this sensor: the
+// store itself belongs to the acquisition thread. Just after the output was pointed at another
+// sensor that takes one record; without records (the card idle) the store's empty mark.
+int32_t ShownAverage(CVr480Server& s, int k, uint8_t channel, uint16_t sensor) {
+  const uint64_t key = (static_cast<uint64_t>(channel) << 16 | sensor) + 1;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+  do {
+    const uint64_t shown = s.AvoShownAverage[k];
+    if (shown >> 32 == key) return static_cast<int32_t>(static_cast<uint32_t>(shown));
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  } while (std::chrono::steady_clock::now() < deadline);
+  return kWvlAvgNoValue;
+}
+
 // Takes the sensor's present average as the wavelength at which the output shows its
 // reference voltage. A sensor without values yet gives the averaging store's empty mark.
 int SetAvoReference(CCommandContext& c) {
@@ -273,12 +289,7 @@ int SetAvoReference(CCommandContext& c) {
   if (k < 0) return BadOutput(c);
   const uint8_t channel = s.AvoChannel[k];
   const uint16_t sensor = s.AvoSensor[k];
-  int32_t average;
-  {
-    // A multiplexer change rebuilds (frees and reallocates) the store under this lock.
-    std::lock_guard<std::mutex> g(s.AveragingLock);
-    average = s.WvlAvg.GetTargetNumAvg(channel, sensor) != 0 ? s.WvlAvg.GetAverage(channel, sensor) : kWvlAvgNoValue;
-  }
+  const int32_t average = ShownAverage(s, k, channel, sensor);
   s.AvoReference[k] = average;
   const double granularity = static_cast<int32_t>(s.Granularity);
   return c.Reply("Setting AVO Ch %d reference loc to %f.\n", k + 1, average / granularity);

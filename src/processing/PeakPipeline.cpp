@@ -47,6 +47,8 @@ int CVr480Server::ProcessPeaksData() {
   const struct_dma_peaks_data* last = pLastPeaks.load();
   const struct_dma_peaks_status& hdr = last ? last->status : rec.status;
   const bool learning = bSensorBinLearning;
+  if (bAveragingDepthsChanged.load(std::memory_order_relaxed) && bAveragingDepthsChanged.exchange(false))
+    ApplyAveragingDepths();
   SnapshotScale(rec);
 
   uint8_t status = CheckScaleReferences(rec, hdr);
@@ -222,6 +224,8 @@ void CVr480Server::WriteAnalogOutputs() {
     const uint16_t sensor = AvoSensor[k];
     const int32_t average =
         WvlAvg.GetTargetNumAvg(channel, sensor) != 0 ? WvlAvg.GetAverage(channel, sensor) : kWvlAvgNoValue;
+    const uint64_t key = (static_cast<uint64_t>(channel) << 16 | sensor) + 1;
+    AvoShownAverage[k] = key << 32 | static_cast<uint32_t>(average);
     double v = (average - AvoReference[k]) * AvoScalingFactor[k] / granularity + AvoReferenceVout[k] * kFullScaleOutput;
     if (!(v > 0.0)) v = 0.0;  // also catches NaN
     if (v > kFullScaleOutput) v = kFullScaleOutput;

@@ -72,6 +72,8 @@ class CVr480WvlAvg {
   static uint64_t GetMemoryRequired(uint8_t channels, uint16_t sensors, uint16_t capacity);
   // Logical channels the store is built for (0 while closed).
   uint8_t GetNumChannels() const { return NumChannels; }
+  // Values every ring can hold (0 while closed).
+  uint16_t GetCapacity() const { return MaxNumAvg; }
 
  private:
   template <typename T>

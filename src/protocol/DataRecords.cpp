@@ -73,8 +73,8 @@ bool SizesValid(const uint8_t* rec) {
 // stream changed), and the client leaving or the server stopping. The wait wakes every second
 // to notice those, and goes back to waiting when nothing happened: an idle card's clients get
 // nothing until it records again. A streaming client also stops waiting when it sends a line
-// (kInput), so that its service thread can take the command; it wakes ten times a second for
-// that. Holds only DataMutex, and the wait releases it.
+// or has a command waiting (kInput), so that its service thread can take the command; it wakes
+// ten times a second for that. Holds only DataMutex, and the wait releases it.
 enum class EWait { kPublished, kModeChange, kInput };
 
 EWait WaitForRecord(CVr480Server& s, int row, uint16_t r) {
@@ -82,11 +82,18 @@ EWait WaitForRecord(CVr480Server& s, int row, uint16_t r) {
   const auto slice = client && s.bStreaming[row] ? 100ms : 1000ms;
   const uint32_t changes = s.DataModeChanges;
   std::unique_lock<std::mutex> lock(s.DataMutex);
-  for (;;) {
+  for (bool waited = false;; waited = true) {
     if (r != s.ProcessedWriteIndex) return EWait::kPublished;
     if (s.DataModeChanges != changes) return EWait::kModeChange;
     if (s.bClientDisconnect[row] || s.bClosingSessions || bStopSignalled) return EWait::kModeChange;
     if (client && s.bStreaming[row]) {
+      // A command read with the stream waits one slice for its record (a recording card
+      // delivers one within milliseconds), then goes first.
+      if (s.bStreamCommandPending[row]) {
+        if (waited) return EWait::kInput;
+        s.DataCond.wait_for(lock, slice);
+        continue;
+      }
       lock.unlock();
       const bool input = s.Socket.WaitReadable(static_cast<uint16_t>(row), 0) != 0;
       lock.lock();

@@ -78,7 +78,10 @@ void* ClientServiceThread(void* raw) {
     }
     // Streaming: one record per pass, paced by the instrument; a pending command is served
     // after each record; then the token that tells the client what follows.
+    // A command already read does not wait for the next record of an idle card.
+    s.bStreamCommandPending[client] = line[0] != '\0';
     const bool sentRecord = s.ServiceSocket(client, "#GET_DATA") == kReplyRecord;
+    s.bStreamCommandPending[client] = false;
     if (!sentRecord && line[0] == '\0') continue;  // no record, but a command arrived: read it
     if (line[0] != '\0') s.ServiceSocket(client, line);
     const bool still = s.bStreaming[client];

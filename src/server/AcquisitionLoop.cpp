@@ -112,6 +112,8 @@ void CVr480Server::RebuildAveragingForMuxLevel() {
     for (int s = 0; s < kSensorsPerChannel; ++s)
       SetNumAverages(static_cast<uint8_t>(ch), static_cast<uint16_t>(s),
                      GetNumAverages(static_cast<uint8_t>(ch), static_cast<uint16_t>(s)));
+  bAveragingDepthsChanged = false;
+  ApplyAveragingDepths();
   WvlAvg.Reset();
   while (bRun && pPeaks->AppliedLevelBits() != level - 1)
     if (!GetData()) return;

@@ -1,5 +1,6 @@
 #include "server/Vr480Server.h"
 
+#include <algorithm>
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -150,21 +151,34 @@ int CVr480Server::SweepRate() {
   return Driver.GetHwClkDivider_() ? rate / 2 : rate;
 }
 
-// Handlers change depths while the acquisition thread may be rebuilding the store for a new
-// multiplexer level; the lock keeps the two apart, and the store's own channel count (not the
-// level just requested) decides whether the sensor is in use.
+// Handlers record depths; the acquisition thread alone changes the store's rings, so the
+// per-record averaging needs no lock. The lock keeps a depth change apart from a rebuild of
+// the store for a new multiplexer level, and the store's own channel count (not the level just
+// requested) decides whether the sensor is in use.
 int CVr480Server::SetNumAverages(uint8_t channel, uint16_t sensor, uint16_t n) {
+  if (channel >= kLogicalChannels || sensor >= kSensorsPerChannel) return -1;
   std::lock_guard<std::mutex> g(AveragingLock);
-  if (channel < WvlAvg.GetNumChannels() && channel < MuxLevel * kOpticalChannels && sensor < kSensorsPerChannel) {
-    WvlAvg.SetTargetNumAvg(channel, sensor, n);
-    SensorAverages[channel][sensor] = WvlAvg.GetTargetNumAvg(channel, sensor);
+  if (channel < WvlAvg.GetNumChannels() && channel < MuxLevel * kOpticalChannels) {
+    if (n == 0) n = 1;                         // the store keeps at least one value
+    if (n > WvlAvg.GetCapacity()) return 0;    // beyond the rings: the depth stays
+    SensorAverages[channel][sensor] = n;
+    bAveragingDepthsChanged = true;
     return 0;
   }
-  if (channel < kLogicalChannels && sensor < kSensorsPerChannel) {
-    SensorAverages[channel][sensor] = n;  // a layer not in use yet: kept for when it is
-    return 0;
-  }
-  return -1;
+  SensorAverages[channel][sensor] = n;  // a layer not in use yet: kept for when it is
+  return 0;
+}
+
+void CVr480Server::ApplyAveragingDepths() {
+  std::lock_guard<std::mutex> g(AveragingLock);
+  const int channels = std::min<int>(WvlAvg.GetNumChannels(), MuxLevel * kOpticalChannels);
+  for (int ch = 0; ch < channels; ++ch)
+    for (int s = 0; s < kSensorsPerChannel; ++s) {
+      const auto c8 = static_cast<uint8_t>(ch);
+      const auto s16 = static_cast<uint16_t>(s);
+      const uint16_t want = SensorAverages[ch][s];
+      if (WvlAvg.GetTargetNumAvg(c8, s16) != want) WvlAvg.SetTargetNumAvg(c8, s16, want);
+    }
 }
 
 uint16_t CVr480Server::GetNumAverages(uint8_t channel, uint16_t sensor) {

@@ -80,8 +80,12 @@ class CVr480Server {
   bool AllocateRings();
 
   // ---- Averaging depth per sensor ---------------------------------------------------------
+  // Any thread. The depth is recorded at once (GetNumAverages answers it) and reaches the
+  // averaging store with the next processed record. A depth above the store's capacity leaves
+  // the sensor's depth as it was. 0, or -1 for a channel or sensor out of range.
   int SetNumAverages(uint8_t channel, uint16_t sensor, uint16_t n);
   uint16_t GetNumAverages(uint8_t channel, uint16_t sensor);
+  void ApplyAveragingDepths();  // acquisition: carries changed depths into the store
 
   // ---- Commands -----------------------------------------------------------------------
   // Runs one command line for a caller (0-9 a client, 10 the server itself) and returns the
@@ -135,6 +139,7 @@ class CVr480Server {
   std::atomic<uint16_t> SpectrumReadIndex[kClientEntries] = {};   // next spectrum slot each client reads
   std::atomic<uint16_t> SpectrumWriteIndex{0};                 // spectrum ring write index; calibration thread
   std::atomic<bool> bStreaming[kClientEntries] = {};           // #SET_STREAMING_DATA per client; handlers
+  std::atomic<bool> bStreamCommandPending[kClientEntries] = {}; // a streaming client's command waits behind its record; service thread
   std::atomic<bool> bUseStreamTokens[kClientEntries];          // #SET_USE_STREAM_TOKENS per client (default on); handlers
 
   // ---- Optical control loops ----------------------------------------------------------------
@@ -207,7 +212,11 @@ class CVr480Server {
   // takes no lock (a relaxed load is a plain load on this processor).
   Relaxed<int32_t>* SensorReferences[kLogicalChannels] = {};  // reference per sensor, 1/Granularity nm; handlers, files
   Relaxed<bool> bUseReferences = false;              // #SET_USE_REFERENCES; handlers
-  uint16_t* SensorAverages[kLogicalChannels] = {};   // averaging depth per sensor (default MinNumAverages); handlers
+  // Averaging depth per sensor (default MinNumAverages), values; handlers write it, and the
+  // acquisition thread carries it into the averaging store (ApplyAveragingDepths), which only
+  // that thread touches while it runs.
+  Relaxed<uint16_t>* SensorAverages[kLogicalChannels] = {};
+  std::atomic<bool> bAveragingDepthsChanged{false};  // SensorAverages holds depths the store has not taken; handlers set
   Relaxed<uint16_t> MinNumAverages = 1;              // #SET_MIN_NUM_AVERAGES; handlers
   Relaxed<uint32_t>* GainWvlOffset[kOpticalChannels] = {};  // wavelength offset per optical channel and gain code; files, handlers
   Relaxed<bool> bEnableWvlOffsets = true;            // #SET_ENABLE_WVL_OFFSETS; handlers
@@ -215,7 +224,7 @@ class CVr480Server {
   Relaxed<uint16_t> MinChPwrLevel[kOpticalChannels];  // #SET_MIN_CH_PWR_LEVEL; handlers
   Relaxed<uint16_t> MaxChPwrLevel[kOpticalChannels];  // #SET_MAX_CH_PWR_LEVEL; handlers
   CVr480WvlAvg WvlAvg;                                // running averages per sensor
-  std::mutex AveragingLock;                           // the store's geometry against depth changes from handlers
+  std::mutex AveragingLock;                           // the store's geometry (rebuilt at a multiplexer change) against depth changes
   Relaxed<double> LowerWvlLimit = 1520.0;             // reporting window, nm; handlers
   Relaxed<double> UpperWvlLimit = 1570.0;             // nm; handlers
   Relaxed<uint16_t> MaxDutChGain[kOpticalChannels];   // #SET_MAX_DUT_CH_GAIN (65535); handlers
@@ -308,6 +317,11 @@ class CVr480Server {
   Relaxed<double> AvoReference[kAnalogOutputs];       // wavelength at the reference voltage, nm; handlers
   Relaxed<double> AvoReferenceVout[kAnalogOutputs];   // V; handlers
   Relaxed<double> AvoScalingFactor[kAnalogOutputs];   // V/nm; handlers
+  // The average each output showed with the last record, and whose: bits 63-32 hold
+  // (channel << 16 | sensor) + 1 (0 before the first record), bits 31-0 the average in
+  // 1/Granularity nm. One word, so that a reader never pairs one sensor's key with another's
+  // value; acquisition writes, #SET_AVO_REFERENCE reads.
+  Relaxed<uint64_t> AvoShownAverage[kAnalogOutputs];
 
   // ---- Shut-down and front panel -------------------------------------------------------------------
   std::atomic<bool> bShutdownRequested{false};        // #SHUTDOWN

@@ -247,7 +247,7 @@ int CVr480Server::SaveSettings(std::string* unwritten) {
              return NineDigits(first, last, SensorDistances[ch][s]);
            }), &failed);
   SaveFile("averages.dat", "averages", SensorTableText([this](char* first, char* last, int ch, int s) {
-             return std::to_chars(first, last, SensorAverages[ch][s]);
+             return std::to_chars(first, last, SensorAverages[ch][s].load());
            }), &failed);
 
   std::string db;

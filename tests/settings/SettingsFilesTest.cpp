@@ -169,7 +169,8 @@ TEST_F(SettingsFilesTest, SaveWritesEveryFileInsideTheBracketAndLoadRestoresTheT
       ASSERT_EQ(loaded->SensorDistances[ch][s], DistValue(ch, s)) << ch << " " << s;
       ASSERT_EQ(loaded->SensorAverages[ch][s], AvgValue(ch, s)) << ch << " " << s;
     }
-  // Averages of the layer in use also size the running averages.
+  // Averages of the layer in use also size the running averages, with the next record.
+  loaded->ApplyAveragingDepths();
   EXPECT_EQ(loaded->WvlAvg.GetTargetNumAvg(2, 9), AvgValue(2, 9));
   for (int t = 0; t < kOpticalChannels; ++t) {
     for (int i = 0; i < kDbTableEntries; ++i) ASSERT_EQ(loaded->Db2Counts[t][i], DbValue(t, i));
