@@ -20,6 +20,7 @@
 #include "processing/WavelengthScale.h"
 #include "server/Globals.h"
 #include "server/Vr480Server.h"
+#include "server/RepeatingMessage.h"
 
 namespace {
 
@@ -63,7 +64,8 @@ int CVr480Server::ProcessPeaksData() {
   const int combCount = ListCount(hdr.NumPeaks[1]);
   CombPlacement placement;
   if (status == kPeaksOk && !PlaceComb(rec, combCount, placement)) {
-    std::printf("Error: reference FFPI peak outside the comb\r");
+    static CRepeatingMessage message;
+    message.Print("Error: reference FFPI peak outside the comb\r");
     status = kPeaksRefToothOutside;
     if (publish) SetStatusCode(slot, status);
   }

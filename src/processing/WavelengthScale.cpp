@@ -17,6 +17,7 @@
 
 #include "processing/ProcessedRecord.h"
 #include "server/Vr480Server.h"
+#include "server/RepeatingMessage.h"
 
 namespace {
 
@@ -84,26 +85,31 @@ double CVr480Server::GetFBG_Thz() const {
 // Status of the two references a record needs before its comb can be placed: exactly one
 // grating peak, at least 11 teeth, and the grating at least five teeth in from either end, so
 // that the segment around it and its neighbours are real teeth. Prints the reason for a
-// failure (at the record rate while the fault lasts, as operators know it).
+// failure: the first at once, then at most once a second with the number held back, since a
+// lost grating or comb would otherwise print at the record rate for as long as it lasts.
 uint8_t CVr480Server::CheckScaleReferences(const struct_dma_peaks_data& rec, const struct_dma_peaks_status& hdr) {
   const unsigned gratings = hdr.NumPeaks[0];
   if (gratings != 1) {
-    std::printf("Error: %u grating peaks\r", gratings);
+    static CRepeatingMessage message;
+    message.Print("Error: %u grating peaks\r", gratings);
     return gratings == 0 ? kPeaksNoGrating : kPeaksManyGratings;
   }
   const unsigned n = hdr.NumPeaks[1];
   if (n < 11) {
-    std::printf("Error: only %u FFPI peaks found\r", n);
+    static CRepeatingMessage message;
+    message.Print("Error: only %u FFPI peaks found\r", n);
     return kPeaksFewCombTeeth;
   }
   const int last = static_cast<int>(n < kPeakListSize ? n : kPeakListSize) - 1;
   const uint32_t grating = rec.FbgPeaks[0];
   if (grating < rec.FfpiPeaks[5]) {
-    std::printf("Error: FBG too far to the left\r");
+    static CRepeatingMessage message;
+    message.Print("Error: FBG too far to the left\r");
     return kPeaksGratingLeft;
   }
   if (grating > rec.FfpiPeaks[last - 4]) {
-    std::printf("Error: FBG too far to the right\r");
+    static CRepeatingMessage message;
+    message.Print("Error: FBG too far to the right\r");
     return kPeaksGratingRight;
   }
   return kPeaksOk;

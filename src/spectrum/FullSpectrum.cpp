@@ -33,6 +33,7 @@
 
 #include "server/Vr480Server.h"
 #include "spectrum/SpectrumCalibration.h"
+#include "server/RepeatingMessage.h"
 
 namespace {
 
@@ -291,7 +292,8 @@ int CVr480Server::CalibrateFsOffset() {
   for (int n = 0; n < kExtraSettleRecords; ++n)
     if (!fetch()) return fail(-1);
   if (pPeaks->AmplitudeChannel() != 0) {
-    std::printf("CalibrateFsOffset() failed: Failed to set selected amp channel to grating channel\n");
+    static CRepeatingMessage noChannel;
+    noChannel.Print("CalibrateFsOffset() failed: Failed to set selected amp channel to grating channel\n");
     std::fflush(stdout);
     return fail(-1);
   }
@@ -302,7 +304,8 @@ int CVr480Server::CalibrateFsOffset() {
     pPeaks->status.NumPeaks[1] = 0;  // no comb: this cycle's spectrum is not one to calibrate
     const int gratings = pPeaks->status.NumPeaks[0];
     if (gratings != 1) {
-      std::printf("CalibrateFsOffset() failed: %d grating peaks were found.\n", gratings);
+      static CRepeatingMessage noGrating;
+      noGrating.Print("CalibrateFsOffset() failed: %d grating peaks were found.\n", gratings);
       std::fflush(stdout);
       return fail(-2);
     }

@@ -1,0 +1,25 @@
+// A failure that repeats every sweep prints once, then at most once per interval with the
+// number of occurrences held back.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <thread>
+
+#include "server/RepeatingMessage.h"
+
+TEST(RepeatingMessage, PrintsOnceThenOncePerIntervalWithTheCountHeldBack) {
+  CRepeatingMessage message(std::chrono::milliseconds(200));
+  testing::internal::CaptureStdout();
+  for (int i = 0; i < 1000; ++i) message.Print("Error: %d grating peaks\r", 0);
+  std::fflush(stdout);
+  EXPECT_EQ(message.HeldBack(), 999u);
+  std::this_thread::sleep_for(std::chrono::milliseconds(250));
+  message.Print("Error: %d grating peaks\r", 2);
+  message.Print("Error: %d grating peaks\r", 2);
+  std::fflush(stdout);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "Error: 0 grating peaks\rError: 2 grating peaks (999 more since)\r");
+  EXPECT_EQ(message.HeldBack(), 1u);
+}
