@@ -39,19 +39,8 @@ struct Row {
   Words Sent = {};
 };
 
-class ChannelDeviceCommands : public ::testing::Test {
+class ChannelDeviceCommands : public CSharedServerSuite<ChannelDeviceCommands> {
  protected:
-  static void SetUpTestSuite() { Server = new CInProcessServer(); }
-  static void TearDownTestSuite() {
-    delete Server;
-    Server = nullptr;
-  }
-  void SetUp() override {
-    ASSERT_TRUE(Server->Started());
-    ASSERT_TRUE(Client.Connect(Server->Port()));
-    ASSERT_TRUE(WaitReady(Client)) << "the laser did not come up ready";
-  }
-  void TearDown() override { EXPECT_EQ(Client.Command("#IDN?").substr(0, 7), "Zorvane"); }
 
   std::string Cmd(const std::string& line) { return Client.Command(line, 30s); }
   void Run(const std::vector<Row>& rows) {
@@ -70,11 +59,7 @@ class ChannelDeviceCommands : public ::testing::Test {
     return Server->S().TagManager.GetTagsText().find(command + " = ") != std::string::npos;
   }
 
-  static CInProcessServer* Server;
-  CTestClient Client;
 };
-
-CInProcessServer* ChannelDeviceCommands::Server = nullptr;
 
 uint32_t ChWord(int detector, uint32_t v) { return (static_cast<uint32_t>(0x30 + detector) << 16) + v; }
 uint32_t PlainWord(int detector, uint32_t v) { return (static_cast<uint32_t>(detector) << 16) + v; }

@@ -67,19 +67,8 @@ std::string Join(const std::vector<std::string>& args) {
   return text;
 }
 
-class CommandTableWalk : public ::testing::Test {
+class CommandTableWalk : public CSharedServerSuite<CommandTableWalk> {
  protected:
-  static void SetUpTestSuite() { Server = new CInProcessServer(); }
-  static void TearDownTestSuite() {
-    delete Server;
-    Server = nullptr;
-  }
-  void SetUp() override {
-    ASSERT_TRUE(Server->Started());
-    ASSERT_TRUE(Client.Connect(Server->Port()));
-    // The walk starts on a running instrument (start-up calibration over, laser ready).
-    ASSERT_TRUE(WaitReady(Client, std::chrono::seconds(30))) << "the laser did not come up ready";
-  }
 
   // One command and its whole reply frame; a torn or missing frame fails the test and starts
   // a fresh connection, so that one fault does not hide behind the next.
@@ -98,11 +87,7 @@ class CommandTableWalk : public ::testing::Test {
     EXPECT_EQ(Cmd("#IDN?").substr(0, 7), "Zorvane") << "after \"" << after << "\"";
   }
 
-  static CInProcessServer* Server;
-  CTestClient Client;
 };
-
-CInProcessServer* CommandTableWalk::Server = nullptr;
 
 TEST_F(CommandTableWalk, ArgumentCountsNoRowTakesGetTheInvalidCommandReply) {
   struct SBounds {

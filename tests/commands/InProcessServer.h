@@ -125,4 +125,29 @@ inline bool WaitReady(CTestClient& client, std::chrono::milliseconds timeout = s
   return WaitFor([&] { return client.Command("#READY?") == "1"; }, timeout);
 }
 
+// A suite whose tests share one in-process server (started once, stopped after the last test);
+// each test starts with its own client on a ready laser and ends by proving the server still
+// answers.
+template <class Suite>
+class CSharedServerSuite : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { Server = new CInProcessServer(); }
+  static void TearDownTestSuite() {
+    delete Server;
+    Server = nullptr;
+  }
+  void SetUp() override {
+    ASSERT_TRUE(Server->Started());
+    ASSERT_TRUE(Client.Connect(Server->Port()));
+    ASSERT_TRUE(WaitReady(Client, std::chrono::seconds(30))) << "the laser did not come up ready";
+  }
+  void TearDown() override { EXPECT_EQ(Client.Command("#IDN?").substr(0, 7), "Zorvane"); }
+
+  CVr480Server& S() { return Server->S(); }
+  sim::CSimCard& Card() { return Server->Card(); }
+
+  static inline CInProcessServer* Server = nullptr;
+  CTestClient Client;
+};
+
 }  // namespace laser_test

@@ -15,22 +15,8 @@ namespace {
 using namespace laser_test;
 using Words = std::vector<uint32_t>;
 
-class LaserCommands : public ::testing::Test {
+class LaserCommands : public CSharedServerSuite<LaserCommands> {
  protected:
-  static void SetUpTestSuite() { Server = new CInProcessServer(); }
-  static void TearDownTestSuite() {
-    delete Server;
-    Server = nullptr;
-  }
-  void SetUp() override {
-    ASSERT_TRUE(Server->Started());
-    ASSERT_TRUE(Client.Connect(Server->Port()));
-    ASSERT_TRUE(WaitReady(Client)) << "the laser did not come up ready";
-  }
-  void TearDown() override {
-    // Every abuse ends by proving the server still answers.
-    EXPECT_EQ(Client.Command("#IDN?").substr(0, 7), "Zorvane");
-  }
 
   std::string Cmd(const std::string& line) { return Client.Command(line); }
   bool HasTag(const std::string& tag) {
@@ -39,19 +25,13 @@ class LaserCommands : public ::testing::Test {
   bool HasTagOf(const std::string& command) {
     return S().TagManager.GetTagsText().find(command + " = ") != std::string::npos;
   }
-  CVr480Server& S() { return Server->S(); }
-  sim::CSimCard& Card() { return Server->Card(); }
   // Waits until the card has applied what was sent (settings apply at a sweep boundary).
   template <class Condition>
   bool CardShows(Condition condition) {
     return WaitFor(condition, std::chrono::seconds(2));
   }
 
-  static CInProcessServer* Server;
-  CTestClient Client;
 };
-
-CInProcessServer* LaserCommands::Server = nullptr;
 
 TEST_F(LaserCommands, ReadyLightsTheReadyLedAndTheLoopRelightsIt) {
   EXPECT_EQ(Cmd("#READY?"), "1");

@@ -20,19 +20,8 @@ struct SRow {
   const char* Reply;
 };
 
-class ProcessingCommands : public ::testing::Test {
+class ProcessingCommands : public CSharedServerSuite<ProcessingCommands> {
  protected:
-  static void SetUpTestSuite() { Server = new CInProcessServer(); }
-  static void TearDownTestSuite() {
-    delete Server;
-    Server = nullptr;
-  }
-  void SetUp() override {
-    ASSERT_TRUE(Server->Started());
-    ASSERT_TRUE(Client.Connect(Server->Port()));
-    ASSERT_TRUE(WaitReady(Client, std::chrono::seconds(30))) << "the laser did not come up ready";
-  }
-  void TearDown() override { EXPECT_EQ(Client.Command("#IDN?").substr(0, 7), "Zorvane"); }
 
   void Run(const std::vector<SRow>& rows) {
     for (const SRow& r : rows) EXPECT_EQ(Client.Command(r.Line), r.Reply) << r.Line;
@@ -47,13 +36,8 @@ class ProcessingCommands : public ::testing::Test {
     return Next();
   }
   double Number(const std::string& line) { return std::strtod(Client.Command(line).c_str(), nullptr); }
-  CVr480Server& S() { return Server->S(); }
 
-  static CInProcessServer* Server;
-  CTestClient Client;
 };
-
-CInProcessServer* ProcessingCommands::Server = nullptr;
 
 TEST_F(ProcessingCommands, ScaleGratingAndSensorSelection) {
   Run({
