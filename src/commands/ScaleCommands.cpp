@@ -101,7 +101,7 @@ int GetFbgThz(CCommandContext& c) {
 // The table is indexed by reading + 32768: entry n is the frequency for reading n - 32768.
 int Vth2Thz(CCommandContext& c) {
   const uint16_t entry = static_cast<uint16_t>(c.Int(1));
-  return c.Reply("%0.4f", c.Server.Vth2Thz ? c.Server.Vth2Thz[entry] : 0.0);
+  return c.Reply("%0.4f", c.Server.Vth2Thz ? c.Server.Vth2Thz[entry].load() : 0.0);
 }
 int Vth2DegC(CCommandContext& c) {
   return c.Reply("%0.2f", c.Server.thermistor_Vth2degC(static_cast<int16_t>(c.Int(1))));

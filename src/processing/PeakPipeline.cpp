@@ -147,7 +147,7 @@ uint32_t CVr480Server::ConvertSensors(const struct_dma_peaks_data& rec, const st
         PutRecI32(slot, kRecSensorsOffset + 4 * kept++, value);
         if (learning) {
           SensorBinPositions[logical][sensor] = raw;
-          ++SensorBinCount[logical];
+          SensorBinCount[logical] = SensorBinCount[logical] + 1;
         }
         ++sensor;
       } else if (nm < lower && ch + 2 == amplitudeChannel) {

@@ -8,13 +8,15 @@
 //   noGrating.Print("CalibrateFsOffset() failed: %d grating peaks were found.\n", n);
 //
 // prints "CalibrateFsOffset() failed: 0 grating peaks were found.\n", then a second later
-// "CalibrateFsOffset() failed: 0 grating peaks were found. (1999 more since)\n".
+// "CalibrateFsOffset() failed: 0 grating peaks were found. (1999 more since)\n". A text other
+// than the last one printed (another count, another failure) is news and prints at once.
 // Any thread; the text keeps its own line end ("\n", or "\r" for a line that rewrites itself).
 #pragma once
 
 #include <chrono>
 #include <cstdint>
 #include <mutex>
+#include <string>
 
 class CRepeatingMessage {
  public:
@@ -28,4 +30,5 @@ class CRepeatingMessage {
   std::chrono::steady_clock::time_point LastPrinted{};
   bool bPrinted = false;
   uint64_t Suppressed = 0;
+  std::string LastText;  // as last printed
 };

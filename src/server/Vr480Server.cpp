@@ -87,7 +87,7 @@ void CVr480Server::AllocateTables() {
                                                 "] in CVr480Server constructor.\n");
     ResponseText[i] = ResponseBuffer[i] + 10;
   }
-  Vth2Thz = AllocateArray<double>(65536, "failed to allocate 65536 doubles for Vth2Thz in CVr480Server constructor.\n");
+  Vth2Thz = AllocateArray<Relaxed<double>>(65536, "failed to allocate 65536 doubles for Vth2Thz in CVr480Server constructor.\n");
   auto perChannel = [](auto** table, int channels, size_t count, const char* name) {
     using T = std::remove_pointer_t<std::remove_reference_t<decltype(*table)>>;
     for (int ch = 0; ch < channels; ++ch)

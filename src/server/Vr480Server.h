@@ -167,7 +167,8 @@ class CVr480Server {
   Relaxed<uint16_t> FbgRefVth = 32767;          // thermistor reading at which the grating is at FbgRefWvlNm; handlers
   Relaxed<double> FbgRefWvlNm = 1550.0;         // nm; handlers
   Relaxed<double> FbgNmPerDegC = 0.01;          // grating temperature coefficient, nm/degC; handlers
-  double* Vth2Thz = nullptr;                    // 65536 entries: thermistor reading + 32768 -> grating THz; Init
+  Relaxed<double>* Vth2Thz = nullptr;           // 65536 entries: thermistor reading + 32768 -> grating THz; Init,
+                                                // rebuilt in place by #REBUILD_FBG_VTH_LUT while acquisition reads it
 
   // ---- Acquisition rate and modes -------------------------------------------------------------
   Relaxed<uint16_t> SwitchdownLimit[kSwitchdownEntries];  // sensor count that switches the rate down at divider i; handlers
@@ -306,7 +307,7 @@ class CVr480Server {
   Relaxed<bool> bEnableSensorBins = false;            // sensor binning in force; handlers
   Relaxed<bool> bSensorBinLearning = false;           // learning in progress; handlers, acquisition
   Relaxed<int32_t> SensorBinWidth = 200;              // largest move of a sensor between records, counts; handlers
-  int32_t SensorBinCount[kLogicalChannels] = {};      // learned bins per logical channel; acquisition
+  Relaxed<int32_t> SensorBinCount[kLogicalChannels];   // learned bins per logical channel; acquisition counts, handlers clear
   uint32_t SensorBinPositions[kLogicalChannels][kSensorsPerChannel] = {};  // bin positions, counts; acquisition
   int32_t LastBinFaultCnt[kLogicalChannels] = {};     // peak count at the last bin fault; acquisition
   Relaxed<bool> bEmbeddedMode = false;                // #SET_EMBEDDED_MODE; handlers

@@ -16,10 +16,12 @@ TEST(RepeatingMessage, PrintsOnceThenOncePerIntervalWithTheCountHeldBack) {
   std::fflush(stdout);
   EXPECT_EQ(message.HeldBack(), 999u);
   std::this_thread::sleep_for(std::chrono::milliseconds(250));
-  message.Print("Error: %d grating peaks\r", 2);
-  message.Print("Error: %d grating peaks\r", 2);
+  message.Print("Error: %d grating peaks\r", 0);
+  message.Print("Error: %d grating peaks\r", 0);
+  message.Print("Error: %d grating peaks\r", 2);  // another text is news
   std::fflush(stdout);
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "Error: 0 grating peaks\rError: 2 grating peaks (999 more since)\r");
-  EXPECT_EQ(message.HeldBack(), 1u);
+            "Error: 0 grating peaks\rError: 0 grating peaks (999 more since)\r"
+            "Error: 0 grating peaks (1 more since)\rError: 2 grating peaks\r");
+  EXPECT_EQ(message.HeldBack(), 0u);
 }

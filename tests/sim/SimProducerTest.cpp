@@ -51,7 +51,7 @@ TEST(SimProducer, FreeRunningKeepsUpWithTheReader) {
   d.Start();
   d.LaserOn();
   const int n = TakeFor(d, std::chrono::milliseconds(300));
-  EXPECT_GT(n, 1000) << "far faster than real time";
+  EXPECT_GT(n, 300) << "not paced: more than real time at 1000 records/s would give";
   EXPECT_EQ(d.Card().Overruns(), 0u) << "never laps a reader that keeps reading";
   EXPECT_LE(d.Card().Ring().Undelivered(), 8u);
 
