@@ -89,6 +89,10 @@ bool InColumns(const SRecord& r, bool* middleMissing) {
 
 TEST_F(SensorBinningEndToEnd, BinsKeepEverySensorInItsColumnWhileOneDropsOut) {
   EXPECT_EQ(Cmd("#GET_ENABLE_SENSOR_BINS"), "0");
+  // Bins wider than a sensor's whole swing (0.6 nm, about 340 counts) and far narrower than the
+  // gratings' spacing (15 nm): a loaded machine that lets the card skip ahead of the pipeline
+  // then costs no track, as on an instrument whose operator sized the bins for the drift.
+  EXPECT_EQ(Cmd("#SET_SENSOR_BIN_WIDTH 1000"), "Roving Bin Width set to 1000.\n");
   // Learning takes the next record: start it while the middle grating is there, and start
   // over if it went just then (the channel would have learned two bins).
   bool learnedAll = false;
