@@ -11,4 +11,6 @@ void RegisterAllCommandFamilies(CCommandTable& table) {
   RegisterSensorCommands(table);
   RegisterChannelCommands(table);
   RegisterDeviceCommands(table);
+  RegisterFileCommands(table);
+  RegisterDistanceCommands(table);
 }

@@ -14,6 +14,8 @@ void RegisterScaleCommands(CCommandTable& table);         // src/commands/ScaleC
 void RegisterSensorCommands(CCommandTable& table);        // src/commands/SensorCommands.cpp
 void RegisterChannelCommands(CCommandTable& table);       // src/commands/ChannelCommands.cpp
 void RegisterDeviceCommands(CCommandTable& table);        // src/commands/DeviceCommands.cpp
+void RegisterFileCommands(CCommandTable& table);          // src/commands/FileCommands.cpp
+void RegisterDistanceCommands(CCommandTable& table);      // src/commands/DistanceCommands.cpp
 
 // Calls every family's registration, in order.
 void RegisterAllCommandFamilies(CCommandTable& table);

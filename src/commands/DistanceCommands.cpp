@@ -1,0 +1,5 @@
+// Sensor locations and their measurement.
+#include "commands/Families.h"
+#include "protocol/CommandTable.h"
+
+void RegisterDistanceCommands(CCommandTable&) {}
