@@ -50,6 +50,7 @@ int CVr480Server::ProcessPeaksData() {
   const bool learning = bSensorBinLearning;
   if (bAveragingDepthsChanged.load(std::memory_order_relaxed) && bAveragingDepthsChanged.exchange(false))
     ApplyAveragingDepths();
+  if (bAvgResetsPending.load(std::memory_order_relaxed) && bAvgResetsPending.exchange(false)) ApplyAveragesResets();
   SnapshotScale(rec);
 
   uint8_t status = CheckScaleReferences(rec, hdr);

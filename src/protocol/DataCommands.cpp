@@ -15,7 +15,6 @@
 namespace data_commands {
 namespace {
 
-constexpr double kCountsPerLaserPeriod = 131072.0;  // one laser period, forward and back half
 
 int GetData(CCommandContext& c) { return ServeRecord(c, c.Command == "#GET_DATA_AND_LEVELS"); }
 
@@ -34,10 +33,9 @@ int FlushBuffer(CCommandContext& c) {
 // the current comb, plus the time its light spent travelling to the grating and back (the card
 // sees a far sensor late in the sweep), less the full-spectrum offset in half counts.
 int32_t SensorCount(CVr480Server& s, uint32_t value, int logical, int sensor, double sweepRate) {
-  const double flightSeconds =
-      2.0 * s.SensorDistances[logical][sensor] / (s.SpeedOfLight / s.IndexOfRefraction[logical]);
+  const double flight = s.TimeOfFlightCounts(logical, s.SensorDistances[logical][sensor], sweepRate);
   const double onComb = s.Wvl2Counts(static_cast<double>(value) / static_cast<double>(s.Granularity.load()));
-  return TruncateToInt32(sweepRate * kCountsPerLaserPeriod * flightSeconds + onComb) - 2 * s.FsCountOffset;
+  return TruncateToInt32(flight + onComb) - 2 * s.FsCountOffset;
 }
 
 // The newest record with levels, followed by one signed 32-bit sweep count per sensor: what a

@@ -80,7 +80,8 @@ void CVr480Server::AcquisitionPass() {
   BuildSpectrum();
 
   if (bLocMeasGeneratePlot) {
-    LocMeasResult = DistMeas_GeneratePlot();
+    const auto& a = LocMeasPlotArgs;
+    LocMeasResult = DistMeas_GeneratePlot(a.bFlag, a.Values[0], a.Values[1], a.Values[2], a.Ints[0], a.Ints[1]);
     bLocMeasGeneratePlot = false;
   }
   if (bMeasureLocations) {
@@ -129,17 +130,19 @@ int CVr480Server::SetOperatingMode(uint8_t mode) {
   return 0;
 }
 
-int CVr480Server::SetTriggeringMode(uint8_t mode) {
+int CVr480Server::SetTriggeringMode(uint8_t mode, bool waitForCard) {
   const uint8_t m = mode & 3;
   if (m != 0) SetOperatingMode(0);
   Driver.SetTrigEnable(m & 1);
   Driver.SetTrigSource(m >> 1);
   if (Driver.GetTrigEnable()) {
     // Only the acquisition loop sets the flag, so this wait must never run on its thread.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
-    while (!bTriggeredModeEntered && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-    if (!bTriggeredModeEntered)
-      std::printf("Failed to enter triggered mode after %d micro-seconds.\n", 1000000);
+    if (waitForCard) {
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+      while (!bTriggeredModeEntered && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+      if (!bTriggeredModeEntered)
+        std::printf("Failed to enter triggered mode after %d micro-seconds.\n", 1000000);
+    }
     const uint16_t write = ProcessedWriteIndex;
     for (int i = 0; i < kClientSlots; ++i) ProcessedReadIndex[i] = write;
   }

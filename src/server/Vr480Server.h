@@ -19,11 +19,15 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "device/DriverInterface.h"
 #include "device/PeaksData.h"
+#include "distance/DistanceMeasurement.h"
 #include "processing/WvlAvg.h"
 #include "protocol/Socket.h"
 #include "server/Limits.h"
@@ -65,7 +69,9 @@ class CVr480Server {
   // delivered none.
   bool GetData();
   int SetOperatingMode(uint8_t mode);
-  int SetTriggeringMode(uint8_t mode);
+  // Waits up to 1 s for the card to report triggered acquisition when one is enabled; the
+  // acquisition thread itself passes waitForCard false (it is the one that would see it).
+  int SetTriggeringMode(uint8_t mode, bool waitForCard = true);
   uint16_t GetTriggeringMode();
   int SetMuxLevel(int level);
   int GetMuxLevel() const { return MuxLevel; }
@@ -197,14 +203,26 @@ class CVr480Server {
   Relaxed<int32_t> LocMeasResult = 0;                   // result of the last measurement or plot; acquisition
   Relaxed<double> LocMeasChOffsetMeters[kLogicalChannels];     // m; handlers
   Relaxed<double> ZorLocMeasChOffsetMeters[kLogicalChannels];  // m; handlers
-  double MeasuredLocation[kLogicalChannels][kSensorsPerChannel] = {};  // last measured locations, m; acquisition
+  Relaxed<double> MeasuredLocation[kLogicalChannels][kSensorsPerChannel];  // last measured locations, m; acquisition
   std::atomic<bool> bLocMeasGeneratePlot{false};        // plot requested; handlers set, acquisition clears
   struct {
     bool bFlag = false;
     double Values[3] = {};
     int32_t Ints[2] = {};
-  } LocMeasPlotArgs;                                    // arguments of the plot request; handlers
+  } LocMeasPlotArgs;                                    // new data, start/stop/step m, channel/sensor 0-based; the
+                                                        // plot handler, under LocMeasPlotLock, before posting
+  std::mutex LocMeasPlotLock;                           // one plot request at a time
   Relaxed<bool> bLocMeasEnable = false;                 // #SET_ZOR_LOC_MEAS_ENABLE; handlers
+
+  // Time of flight, in sweep counts, of a sensor `metres` down channel `logical`'s fibre at
+  // `sweepRate` sweeps per second (one sweep spans 131072 counts).
+  double TimeOfFlightCounts(int logical, double metres, double sweepRate) const;
+  // Recomputes the time of flight of one sensor, one channel (sensor -1) or every channel
+  // (logical -1) from the locations, at the current sweep rate.
+  void UpdateTimeOfFlight(int logical, int sensor);
+  // Empties the running averages of one sensor, one channel (sensor -1) or all (logical -1)
+  // with the next record; any thread (the acquisition thread owns the averaging store).
+  void RequestAveragesReset(int logical, int sensor);
 
   // ---- References, averages, gains -------------------------------------------------------------
   // The per-sensor tables (references, locations, flight times, gain offsets) are written by
@@ -451,8 +469,32 @@ class CVr480Server {
   int AutoScanAmp();
   void BuildSpectrum();
   int CalibrateFsOffset();
-  int DistMeas_GeneratePlot();
   int MeasureSensorDistances();
+
+  // The distance measurement's steps (src/distance); acquisition thread only.
+ public:
+  int DistMeas_GeneratePlot(bool newData, double startM, double stopM, double stepM, int index, int sensor);
+  // One sensor's wavelength, nm, or raw count in the stored sweeps of a rate (0 fast, 1 slow);
+  // 0 outside the stored data.
+  double DistMeas_GetWvl(int divider, int index, int sensor);
+  int DistMeas_GetCountVal(int divider, int index, int sensor);
+
+ private:
+  SDistMeasState& DistMeasState();
+  int DistMeas_SaveOperatingParams();
+  int DistMeas_RestoreOperatingParams();
+  int DistMeas_GetData();
+  int DistMeas_ProcessData();
+  int DistMeas_SetHwClkDiv(bool on);
+  int DistMeas_CalcTimeOfFlight(int divider);
+  int DistMeas_DumpData();
+  void DistMeasPrint(const char* format, ...) __attribute__((format(printf, 2, 3)));
+  void DistMeasChannelLines(int divider, const double (*values)[kSensorsPerChannel]);
+  void ApplyAveragesResets();  // acquisition: carries the requested resets into the store
+  std::unique_ptr<SDistMeasState> DistMeas;  // acquisition thread; allocated on first use
+  std::mutex AvgResetLock;                    // guards AvgResets
+  std::vector<std::pair<int, int>> AvgResets; // requested resets (channel, sensor; -1 for all)
+  std::atomic<bool> bAvgResetsPending{false}; // AvgResets is not empty
 
   void AllocateTables();
   friend struct ServerAccess;  // the acquisition tests drive start-up stages one by one

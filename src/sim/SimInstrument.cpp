@@ -155,7 +155,10 @@ void CSimInstrument::Apply(uint32_t word) {
 void CSimInstrument::ApplyDelayed(uint32_t word) {
   const uint32_t arg = word & 0xFFFFFF;
   switch (word >> 24) {
-    case 0x0C: Settings.bClockDivider = (arg & 1) != 0; break;
+    case 0x0C:
+      if (Settings.bClockDivider != ((arg & 1) != 0)) ClockSettleLeft = kClockSettleSweeps;
+      Settings.bClockDivider = (arg & 1) != 0;
+      break;
     case 0x12: Settings.AmpChannel = static_cast<uint8_t>((arg >> 10) & 7); break;
     case 0x21:
       Settings.bTrigEnable = (arg & 1) != 0;
@@ -260,6 +263,7 @@ void CSimInstrument::FillHeader(CRecordJob& job) const {
   job.DividerField = EffectiveDivider();
   job.ClkDividerField = s.bClockDivider ? 1 : 0;
   job.SweepRate = SweepRate();
+  job.SettleCounts = kClockSettleCounts * ClockSettleLeft / kClockSettleSweeps;
   job.CardSeconds = Seconds;
   job.GratingThz = TrueGratingThz(OpticsParams, GratingTemp);
   job.InternalDegC = Env.InternalDegC;
@@ -276,6 +280,7 @@ ESweepResult CSimInstrument::AdvanceSweep(CRecordJob& job) {
 
   const double dt = 1.0 / SweepRate();
   Seconds += dt;
+  if (ClockSettleLeft > 0) --ClockSettleLeft;
   UpdateTemperatures(dt);
 
   ESweepResult result = ESweepResult::Dropped;

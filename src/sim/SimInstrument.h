@@ -42,6 +42,10 @@ constexpr uint8_t kDefaultFwVersion = 101;
 constexpr int kAmpChannelDelayRecords = 3;
 constexpr int kTriggerEnableDelayRecords = 2;
 constexpr int kClockDividerDelayRecords = 5;
+// After the sweep clock changes the laser takes a few sweeps to settle: the sensors' echoes
+// arrive up to kClockSettleCounts late, decaying to nothing over kClockSettleSweeps sweeps.
+constexpr int kClockSettleSweeps = 15;
+constexpr double kClockSettleCounts = 40.0;
 
 // The FPGA's settings as applied (not as sent: a lost or delayed word is not here yet).
 struct CAppliedSettings {
@@ -114,6 +118,7 @@ struct CRecordJob {
   // Physics.
   int Layer = 0;            // multiplexer layer of this sweep (the server's numbering)
   double SweepRate = 1000;  // sweeps per second
+  double SettleCounts = 0;  // extra delay of the sensors' echoes while the sweep clock settles
   double CardSeconds = 0;
   double GratingThz = 0;    // true grating frequency
   double InternalDegC = 35;
@@ -217,6 +222,7 @@ class CSimInstrument {
   uint16_t Records = 0;            // record counter of the next record
   uint8_t Phase = 0;               // sampling phase of the next record
   uint32_t SweepsSinceRecord = 0;
+  int ClockSettleLeft = 0;         // sweeps until the laser has settled after a clock change
   double Seconds = 0.0;            // card time
 };
 

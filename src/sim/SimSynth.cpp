@@ -132,7 +132,7 @@ void CSimSynthesizer::CollectSensors(const CRecordJob& job, int dutChannel, bool
     const double x = Sweep->PositionOf(thz);
     if (x < 0.0) continue;
     // Light reaches the grating and comes back later; meanwhile the sweep has moved on.
-    const double tof = TimeOfFlightCounts(o, s.DistanceM + internalLength, job.SweepRate);
+    const double tof = TimeOfFlightCounts(o, s.DistanceM + internalLength, job.SweepRate) + job.SettleCounts;
     const double amp = s.Amplitude * gain;
     if (forSamples) {
       const double width = thz * s.FwhmNm / ThzToNm(o, thz) * Sweep->CountsPerThz(thz);
