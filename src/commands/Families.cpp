@@ -13,4 +13,8 @@ void RegisterAllCommandFamilies(CCommandTable& table) {
   RegisterDeviceCommands(table);
   RegisterFileCommands(table);
   RegisterDistanceCommands(table);
+  RegisterNetworkCommands(table);
+  RegisterLogCommands(table);
+  RegisterSystemCommands(table);
+  RegisterBundleCommands(table);
 }

@@ -16,6 +16,10 @@ void RegisterChannelCommands(CCommandTable& table);       // src/commands/Channe
 void RegisterDeviceCommands(CCommandTable& table);        // src/commands/DeviceCommands.cpp
 void RegisterFileCommands(CCommandTable& table);          // src/commands/FileCommands.cpp
 void RegisterDistanceCommands(CCommandTable& table);      // src/commands/DistanceCommands.cpp
+void RegisterNetworkCommands(CCommandTable& table);       // src/commands/NetworkCommands.cpp
+void RegisterLogCommands(CCommandTable& table);           // src/commands/LogCommands.cpp
+void RegisterSystemCommands(CCommandTable& table);        // src/commands/SystemCommands.cpp
+void RegisterBundleCommands(CCommandTable& table);        // src/commands/BundleCommands.cpp
 
 // Calls every family's registration, in order.
 void RegisterAllCommandFamilies(CCommandTable& table);

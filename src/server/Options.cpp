@@ -31,6 +31,7 @@ const char* UsageText() {
          "  --sim            use the simulated card even if /dev/vr480 exists\n"
          "  --scene FILE     scene of the simulated card (default <root>/vr480/sim_scene.txt)\n"
          "  --front-panel    show the front panel although arguments were given\n"
+         "  --no-shell-commands  refuse #SYSTEM and #NTPQ (no remote shell on this network)\n"
          "  --help           print this text\n"
          "\n"
          "SIGINT and SIGTERM stop the server as \"#QUIT!\" does.\n";
@@ -66,6 +67,8 @@ bool ParseOptions(int argc, char** argv, CServerOptions& options, std::string& e
     } else if (arg == "--scene") {
       if (!NeedsValue(i, argc, arg, error)) return false;
       options.SceneFile = argv[++i];
+    } else if (arg == "--no-shell-commands") {
+      options.bNoShellCommands = true;
     } else if (arg == "--front-panel") {
       options.bFrontPanel = true;
     } else if (arg.rfind("--", 0) == 0) {

@@ -1,0 +1,5 @@
+// Event log and command history commands.
+#include "commands/Families.h"
+#include "protocol/CommandTable.h"
+
+void RegisterLogCommands(CCommandTable&) {}
