@@ -120,13 +120,26 @@ int CHost::Record(const std::string& command, std::string* output) {
     (void)ignored;
     ::close(fd);
   }
+  int status = 0;
+  std::string answer;
   for (auto it = Scripts.rbegin(); it != Scripts.rend(); ++it) {
     if (command.compare(0, it->Prefix.size(), it->Prefix) == 0) {
-      if (output) *output = it->Output;
-      return it->Status;
+      answer = it->Output;
+      status = it->Status;
+      break;
     }
   }
-  return 0;
+  if (output) *output = answer;
+  // A command whose output the shell would send to a file ("... &>/tmp/x") leaves the scripted
+  // output in that file under the root, as the shell would have.
+  if (const size_t redirect = command.rfind("&>"); redirect != std::string::npos) {
+    const std::string target = command.substr(redirect + 2);
+    if (!target.empty() && target[0] == '/' && target.find_first_of(" \t;|&<>`$") == std::string::npos) {
+      std::ofstream out(Path(target), std::ios::binary | std::ios::trunc);
+      out << answer;
+    }
+  }
+  return status;
 }
 
 std::vector<std::string> CHost::CommandLog() const {

@@ -13,7 +13,9 @@
 //    On a workstation nothing is run: the text is appended with a time stamp to
 //    Path("/tmp/host-commands.log") and answered with status 0 and empty output, or with the
 //    status and output that a test scripted for it. Tests read the log back to assert the
-//    exact command texts and their order.
+//    exact command texts and their order. A recorded command that ends in a redirection of
+//    its output to an absolute path ("... &>/tmp/sys.cmd") leaves that output in the file
+//    under the root, as the shell would.
 //
 // One process-wide host is installed at start-up (Host()); tests build their own instances.
 #pragma once
