@@ -20,7 +20,7 @@
 
 namespace {
 
-constexpr long kMaxPlotRows = 100000;  // bounds the acquisition thread's time on one plot
+constexpr long kMaxPlotRows = 10000;  // bounds the acquisition thread's time on one plot
 
 // The sensor of column `col`, 0-249, or -1.
 int ReadSensor(const CCommandContext& c, int col) {
