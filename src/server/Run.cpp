@@ -11,6 +11,7 @@
 
 #include "server/Globals.h"
 #include "server/Vr480Server.h"
+#include "server/WatchdogTick.h"
 #include "system/Network.h"
 
 namespace {
@@ -37,8 +38,13 @@ bool PollSeconds(int attempts, Done done) {
 }  // namespace
 
 int CVr480Server::Run() {
+  // No window yet services the acquisition watchdog: its tick runs on a thread of its own.
+  // The stop ends it first, so a reboot pending in the tick's pause is abandoned.
+  CWatchdogTick watchdog(*this);
+  watchdog.Start();
   RunStartupPhase();
   while (bRun) AcquisitionPass();
+  watchdog.Stop();
   return StopAcquisition();
 }
 

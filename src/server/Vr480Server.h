@@ -100,6 +100,12 @@ class CVr480Server {
   int ProcessCmd(short client, const char* line, char** reply, unsigned int* length);
   // Runs a command line as the internal client, discarding the reply.
   void ExecuteInternal(const std::string& line);
+  // The diagnostic bundle of #DUMP_CORE: builds the zip archive `zipFile` (an instrument path,
+  // protected by `password` unless it is empty) from a summary, the tags, raw records and
+  // spectra and the replies of the query commands, all taken through the command interpreter
+  // as the internal client. Runs for seconds (over 30 s on a laser that is not ready). 0, or
+  // -1 when the summary file cannot be created.
+  int DumpCore(const std::string& zipFile, const std::string& password);
   // 0 when the argument text has min to max columns, -1 when not, -2 when min > max.
   int CheckNumArgs(const std::string& args, uint16_t min, uint16_t max);
   // Runs one command for a client and sends its reply in the frame its code asks for; returns
@@ -380,6 +386,12 @@ class CVr480Server {
   int SaveSettings(std::string* unwritten = nullptr);
   int SaveWvlGains(std::string* unwritten = nullptr);
   friend struct SettingsFilesAccess;  // the settings-file tests load the tables as start-up does
+
+  // ---- Event log ----
+  // Appends one time-stamped line to "vr480.log" inside the settings write bracket (remount
+  // read-write, write, "/bin/sync", read-only remount; failures on the console). Returns 0.
+  // Runs inside command execution (#LOG_ENTRY); other threads send "#LOG_ENTRY ..." instead.
+  int LogEntry(const std::string& text);
 
   // ---- Laser commands and control loops ----
   // The scan loop's target width of the comb stretch: AutoScanSpan = fraction of the sweep,
