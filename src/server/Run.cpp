@@ -9,6 +9,7 @@
 #include <iostream>
 #include <thread>
 
+#include "host/Host.h"
 #include "server/Globals.h"
 #include "server/Vr480Server.h"
 #include "server/WatchdogTick.h"
@@ -50,7 +51,7 @@ int CVr480Server::Run() {
 
 void CVr480Server::RunStartupPhase() {
   bRun = true;
-  if (bStopSignalled) bRun = false;  // a stop asked for during Init (signal or #QUIT!) still stops
+  if (bStopSignalled || bShutdownRequested) bRun = false;  // a stop asked for during Init (signal, #QUIT!, #SHUTDOWN) still stops
   for (int i = 0; i < kClientSlots; ++i) {
     bNewRecord[i] = false;
     bNewSpectrum[i] = false;
@@ -219,7 +220,11 @@ int CVr480Server::SimulateShutdown() {
   }
   SetStatusText("*** Shutdown Complete ***");
   bUpdateGui = true;
-  for (;;) SleepMs(1000);
+  // The instrument idles until its power goes. A workstation server is never powered off, so
+  // there a stop signal (or a test ending its in-process server) ends the idle and the
+  // ordinary stop goes on.
+  while (Host().IsInstrument() || !bStopSignalled) SleepMs(100);
+  return 0;
 }
 
 int CVr480Server::Shutdown() {
