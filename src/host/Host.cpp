@@ -153,8 +153,58 @@ std::vector<std::string> CHost::CommandLog() const {
   return out;
 }
 
-// Runs `/bin/bash -c command` in a child that inherits no descriptor beyond 0-2 and no signal
-// disposition of the server (a daemon it starts must not hold the listening socket or the card).
+namespace {
+
+// In a freshly forked child: back to default signal handling with nothing blocked, and no
+// descriptor beyond 0-2 (a daemon it starts must not hold the listening socket or the card).
+void ResetChild() {
+  struct sigaction dfl {};
+  dfl.sa_handler = SIG_DFL;
+  for (int s = 1; s < NSIG; ++s) ::sigaction(s, &dfl, nullptr);
+  sigset_t none;
+  sigemptyset(&none);
+  ::sigprocmask(SIG_SETMASK, &none, nullptr);
+#ifdef SYS_close_range
+  ::syscall(SYS_close_range, 3U, ~0U, 0U);
+#else
+  for (int fd = 3; fd < 1024; ++fd) ::close(fd);
+#endif
+}
+
+int WaitChild(pid_t pid) {
+  int status = 0;
+  while (::waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) return -1;
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace
+
+int CHost::Exec(const std::vector<std::string>& argv) {
+  if (argv.empty()) return -1;
+  // Everything the child needs is built before the fork: a child of a threaded process may
+  // not allocate.
+  std::vector<char*> args;
+  args.reserve(argv.size() + 1);
+  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  pid_t pid = ::fork();
+  if (pid < 0) return -1;
+  if (pid == 0) {
+    const int null = ::open("/dev/null", O_RDWR);
+    if (null >= 0) {
+      ::dup2(null, STDOUT_FILENO);
+      ::dup2(null, STDERR_FILENO);
+    }
+    ResetChild();
+    ::execvp(args[0], args.data());
+    ::_exit(127);
+  }
+  return WaitChild(pid);
+}
+
+// Runs `/bin/bash -c command` in a child prepared by ResetChild.
 int CHost::Execute(const std::string& command, std::string* output) {
   int pipefd[2] = {-1, -1};
   if (output && ::pipe2(pipefd, O_CLOEXEC) != 0) return -1;
@@ -168,17 +218,7 @@ int CHost::Execute(const std::string& command, std::string* output) {
   }
   if (pid == 0) {
     if (output) ::dup2(pipefd[1], STDOUT_FILENO);
-    struct sigaction dfl {};
-    dfl.sa_handler = SIG_DFL;
-    for (int s = 1; s < NSIG; ++s) ::sigaction(s, &dfl, nullptr);
-    sigset_t none;
-    sigemptyset(&none);
-    ::sigprocmask(SIG_SETMASK, &none, nullptr);
-#ifdef SYS_close_range
-    ::syscall(SYS_close_range, 3U, ~0U, 0U);
-#else
-    for (int fd = 3; fd < 1024; ++fd) ::close(fd);
-#endif
+    ResetChild();
     ::execl("/bin/bash", "bash", "-c", command.c_str(), static_cast<char*>(nullptr));
     ::_exit(127);
   }
@@ -193,11 +233,7 @@ int CHost::Execute(const std::string& command, std::string* output) {
     }
     ::close(pipefd[0]);
   }
-  int status = 0;
-  while (::waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) return -1;
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return WaitChild(pid);
 }
 
 CHost& Host() { return *HostSlot(); }

@@ -42,6 +42,14 @@ class CHost {
   // As Run, and collects the command's standard output.
   int Capture(const std::string& command, std::string* output);
 
+  // Runs a program directly, without a shell: argv[0] is looked up on PATH and every other
+  // element reaches the program as one argument, whatever characters it holds, so client text
+  // (an archive password, a file name) can be handed to a tool safely. Runs on a workstation
+  // too, unlike Run: the caller maps every path with Path() first. The tool's standard output
+  // and error are discarded. Returns its exit status; 127 when it could not be found, -1 when
+  // it could not be started or was killed by a signal.
+  static int Exec(const std::vector<std::string>& argv);
+
   // Workstation only: the next commands whose text starts with `prefix` answer with this
   // status and output (the newest matching script wins; scripts stay until cleared).
   void Script(const std::string& prefix, int status, std::string output = "");
