@@ -19,6 +19,7 @@
 #include "server/Options.h"
 #include "server/Vr480Server.h"
 #include "sim/SimCardProvider.h"
+#include "system/Clock.h"
 
 namespace {
 
@@ -99,6 +100,7 @@ int main(int argc, char** argv) {
   std::cout << std::dec;
   if (Vr480Server.bPcm9361Board) PinMainThread();
 
+  GetDate();  // the system clock from the battery-backed hardware clock
   const int16_t code = Vr480Server.Init();
   if (code != kInitOk) {
     std::printf("Initialization of vr480 failed with error code %d.\n", code);
