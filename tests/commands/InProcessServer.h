@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdint>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -50,8 +51,11 @@ inline std::vector<std::string> ReadyLaserTags() {
 class CInProcessServer {
  public:
   // `card` sets the simulated card up (scene file, time scale); its root is this server's.
+  // `beforeInit` runs once the host is installed and before Init: it may prepare files under
+  // the root or script the host's answers (a DHCP server that does not answer).
   explicit CInProcessServer(const std::vector<std::string>& extraTags = ReadyLaserTags(),
-                            sim::CSimOptions card = {}) {
+                            sim::CSimOptions card = {},
+                            const std::function<void(const std::string& root)>& beforeInit = {}) {
     std::string error;
     EXPECT_TRUE(PrepareWorkstationRoot(Root.Path(), error)) << error;
     {
@@ -64,6 +68,8 @@ class CInProcessServer {
     InstallCard(Provider);
     ServerOptions.Port = FreePort();
     ServerOptions.ListenAddress = "127.0.0.1";
+
+    if (beforeInit) beforeInit(Root.Path());
 
     bStopSignalled = false;
     Server = std::make_unique<CVr480Server>();
