@@ -122,9 +122,19 @@ class CSocket {
   // Lowest free slot, or -1 when all are taken.
   short find_free_client_connection_point();
 
-  // Streams a file to the client as the body of a download reply. Arrives with file transfer;
-  // until then it sends nothing and returns -1.
+  // Streams a file to the client as the body of a download reply (the caller has sent the ten
+  // frame digits). `path` is a client's path, confined to the root off the instrument (see
+  // host/ConfinedPath.h). Chunks of 16384 bytes, each in a buffer of this transfer's own, with
+  // a retry budget of 10 x the slot's WriteRecoveryAttempts waits of 1 ms for room in the
+  // socket. 0 when the whole file was sent; -1 when the slot is free or the file is missing;
+  // -2 when no buffer could be had or the file cannot be opened; the errno of a hard socket
+  // error, after closing the slot; or the bytes sent when a chunk's budget ran out.
   int64_t TransferFile(uint16_t client, const char* path);
+  // The same for a file the caller has open (read from its current offset; the descriptor
+  // stays open), so that the file checked is the file sent. Exactly `size` bytes are sent:
+  // a file that shrank meanwhile is made up with zeros, one that grew is cut, so that the
+  // client's frame stays whole. `name` is for the console.
+  int64_t TransferFile(uint16_t client, int fd, int64_t size, const char* name);
 
  private:
   // One accepted connection, shared by the slot table and every call using it; the descriptor
@@ -147,7 +157,9 @@ class CSocket {
   static void PrintSystemError(const char* prefix, int err);
   static std::string FormatAddress(const sockaddr_in& addr);
 
-  std::unique_ptr<uint8_t[]> FileXferBuffer;   // file-transfer chunk buffer, 16384 bytes; constructor
+  // Kept as the start-up check that a chunk buffer can be had; every transfer allocates its own,
+  // so that two clients downloading at once never mix their chunks.
+  std::unique_ptr<uint8_t[]> FileXferBuffer;   // 16384 bytes; constructor
   bool bFileXferBufferAllocated = false;       // the allocation succeeded; constructor
   int Port = 0;                                // TCP port given to init; init
   int ServerSocket = -1;                       // listening descriptor; init, closed by Stop
