@@ -3,11 +3,15 @@
 // temperature monitor and the multiplexer change.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 
 #include <thread>
 
 #include "ServerAccess.h"
+#include "host/Host.h"
+#include "server/Options.h"
+#include "support/TempDir.h"
 
 
 namespace {
@@ -160,6 +164,10 @@ TEST_F(AcquisitionTest, FetchedRecordsArePatchedBeforeAnyoneReadsThem) {
 }
 
 TEST_F(AcquisitionTest, TemperatureMonitorLogsEachNewExtreme) {
+  CTempDir root;  // the entries go to the event log on the settings file system
+  std::string error;
+  ASSERT_TRUE(PrepareWorkstationRoot(root.Path(), error)) << error;
+  InstallHost(root.Path());
   Open(sim::EProducerMode::FreeRunning);
   ServerAccess::KnownState(*Server);
   auto monitorAt = [&](double degC) {
@@ -169,14 +177,17 @@ TEST_F(AcquisitionTest, TemperatureMonitorLogsEachNewExtreme) {
     Server->TemperatureMonitor();
     return testing::internal::GetCapturedStdout();
   };
-  EXPECT_EQ(monitorAt(35.0).find("#LOG_ENTRY"), std::string::npos);
-  EXPECT_NE(monitorAt(50.5).find("#LOG_ENTRY Warning: Internal operating temperature is 50.500000 C."),
+  EXPECT_EQ(monitorAt(35.0).find("Log Entry"), std::string::npos);
+  EXPECT_NE(monitorAt(50.5).find("Log Entry: >>Warning: Internal operating temperature is 50.500000 C.<<"),
             std::string::npos);
-  EXPECT_EQ(monitorAt(50.2).find("#LOG_ENTRY"), std::string::npos) << "not a new extreme";
+  EXPECT_EQ(monitorAt(50.2).find("Log Entry"), std::string::npos) << "not a new extreme";
   EXPECT_NE(monitorAt(51.0).find("is 51.000000 C."), std::string::npos);
   EXPECT_NE(monitorAt(-1.0).find("is -1.000000 C."), std::string::npos);
   EXPECT_FLOAT_EQ(Server->MaxInternalTempC, 51.0f);
   EXPECT_FLOAT_EQ(Server->MinInternalTempC, -1.0f);
+  const std::string log = ReadFile(root / "vr480/vr480.log");
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 3) << log;
+  InstallHost("/");
 }
 
 TEST_F(AcquisitionTest, MultiplexerChangeRebuildsTheAveragingStore) {
