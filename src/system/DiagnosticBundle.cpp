@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
@@ -26,6 +25,7 @@
 #include "protocol/CommandTable.h"
 #include "server/Globals.h"
 #include "server/Vr480Server.h"
+#include "system/Clock.h"
 #include "system/Network.h"
 #include "system/NetworkGlobals.h"
 
@@ -203,11 +203,7 @@ int CVr480Server::DumpCore(const std::string& zipFile, const std::string& passwo
     std::lock_guard<std::mutex> g(IdentityLock);
     std::fprintf(index, "SN:%s\n", SerialNumber);
   }
-  const std::time_t now = std::time(nullptr);
-  std::tm local{};
-  localtime_r(&now, &local);
-  char when[64];
-  std::fprintf(index, "System Time:%s", asctime_r(&local, when));
+  std::fprintf(index, "System Time:%s", LocalTimeText().c_str());
   std::fprintf(index, "NumDutChannels:%d\n", NumDutChannels.load());
   std::fprintf(index, "MuxLevel:%d\n", MuxLevel.load());
   {
@@ -218,17 +214,13 @@ int CVr480Server::DumpCore(const std::string& zipFile, const std::string& passwo
   }
   const struct_dma_peaks_data* last = pLastPeaks.load();
   std::fprintf(index, "Internal Temparture (C):%f\n", last ? last->status.InternalTemp / 128.0 : 0.0);
+  std::fprintf(index, "Time Source:%s\n", bNtpRunning ? "NTP" : "System Clock");
   {
-    std::lock_guard<std::mutex> g(PanelTextsLock);
-    std::fprintf(index, "Time Source:%s\n", PanelTexts.TimeSource == "NTP" ? "NTP" : "System Clock");
-  }
-  {
-    std::string ip, netmask, gateway;
-    GetIfConfig(ip, netmask, gateway);
-    const int config = CurrentNetworkConfig.load() == 1 ? 1 : 0;
+    std::string ip, netmask, gateway, dns;
+    GetIfConfig(ip, netmask, gateway, dns);
     std::fprintf(index, "IP Address:%s\nNetmask:%s\nGateway:%s\nDNS:%s\n", ip.c_str(), netmask.c_str(),
-                 gateway.c_str(), DNS[config]);
-    std::fprintf(index, "DHCP:%s\n", bUseDhcp[config] ? "Enabled" : "Disabled");
+                 gateway.c_str(), dns.c_str());
+    std::fprintf(index, "DHCP:%s\n", bUseDhcp[CurrentNetworkConfig.load() == 1 ? 1 : 0] ? "Enabled" : "Disabled");
   }
   std::fprintf(index, "Firmware Version:%s\n", Internal(*this, "#GET_FIRMWARE_VER").c_str());
   std::fprintf(index, "Driver Version:%s\n", Internal(*this, "#GET_DRIVER_VER").c_str());
