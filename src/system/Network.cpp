@@ -56,8 +56,10 @@ int WriteResolverFile(const char* dns) {
 }
 
 int StartStatic(const char* ip, const char* netmask, const char* gateway, const char* dns) {
+  // "0.0.0.0" is what a refused #SET_IP_ADDRESS leaves behind: an interface cannot be given
+  // the unspecified address, so the start stops here until a real address is set.
   in_addr_t address = 0;
-  const bool ipValid = Parse(ip, address);
+  const bool ipValid = Parse(ip, address) && address != INADDR_ANY;
   StaticIpAddress = address;
   if (!ipValid) {
     std::printf("Error: IP address is invalid.\n");

@@ -1,0 +1,250 @@
+// Network, clock and NTP end to end: the exact host commands of a network start (at start-up
+// and on #RESTART_NETWORK), of setting the date and of starting NTP, in order, the files the
+// server generates for the resolver and the NTP daemon, and the commands' replies.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "commands/InProcessServer.h"
+#include "server/Options.h"
+#include "system/Clock.h"
+#include "system/Network.h"
+#include "system/NetworkGlobals.h"
+
+namespace {
+
+using laser_test::CInProcessServer;
+using laser_test::CSharedServerSuite;
+using laser_test::ReadyLaserTags;
+using Commands = std::vector<std::string>;
+
+Commands CommandsSince(size_t from) {
+  const auto log = Host().CommandLog();
+  return {log.begin() + static_cast<long>(std::min(from, log.size())), log.end()};
+}
+
+Commands operator+(Commands a, const Commands& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+const Commands kDown = {"kill `pgrep ntpd`", "/sbin/dhclient -r ", "/sbin/ifconfig eth0 down"};
+const Commands kUp = {"/sbin/ifconfig lo 127.0.0.1 up", "sysctl -w net.ipv4.tcp_keepalive_probes=2",
+                      "sysctl -w net.ipv4.tcp_keepalive_time=15", "sysctl -w net.ipv4.tcp_keepalive_intvl=5"};
+
+Commands StaticStart(const std::string& ip, const std::string& mask, const std::string& gw) {
+  return kDown + Commands{"/sbin/ifconfig eth0 inet " + ip + " netmask " + mask + " txqueuelen 10000",
+                          "/sbin/route add default gw " + gw} +
+         kUp;
+}
+
+const std::string kAscTime = R"([A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]\d \d\d:\d\d:\d\d \d{4}\n)";
+
+// Start-up: the tags replayed, then the set in force started before any client can connect.
+TEST(NetworkStartupTest, StaticStartAndDhcpWithoutServer) {
+  struct Row {
+    std::vector<std::string> tags;
+    int dhclientStatus;
+    Commands expected;  // from the first command of the start on
+  };
+  const Row rows[] = {
+      {{}, 0, StaticStart("10.0.0.126", "255.255.255.0", "10.0.0.1")},
+      // No fall-back to the static address, no keep-alive tuning, no NTP.
+      {{"#SET_DHCP = \"1\"", "#SET_ENABLE_NTP = \"1\""}, 1, kDown + Commands{"/sbin/dhclient"}},
+  };
+  for (const Row& r : rows) {
+    RestoreNetworkDefaults();
+    CInProcessServer server(ReadyLaserTags() + r.tags, {}, [&](const std::string&) {
+      Host().Script("/sbin/dhclient", r.dhclientStatus);
+    });
+    ASSERT_TRUE(server.Started());
+    const Commands log = Host().CommandLog();
+    const auto start = std::find(log.begin(), log.end(), kDown[0]);
+    ASSERT_NE(start, log.end());
+    const Commands started(start, start + std::min<long>(log.end() - start, static_cast<long>(r.expected.size())));
+    EXPECT_EQ(started, r.expected);
+    if (r.dhclientStatus == 0) {
+      EXPECT_EQ(ReadFile(server.RootPath() + "/mnt/ram7/dhcp/resolv.conf"),
+                std::string("nameserver 10.0.0.254\nnameserver ") + kFallbackNameServer + "\n");
+    } else {
+      EXPECT_EQ(std::count_if(start, log.end(), [](const std::string& c) { return c.rfind("sysctl", 0) == 0; }), 0);
+      EXPECT_EQ(std::count(start, log.end(), "kill `pgrep ntpd`"), 1);
+    }
+  }
+  RestoreNetworkDefaults();
+}
+
+class NetworkClockTest : public CSharedServerSuite<NetworkClockTest> {
+ protected:
+  static void SetUpTestSuite() {
+    RestoreNetworkDefaults();
+    CSharedServerSuite::SetUpTestSuite();
+  }
+  static void TearDownTestSuite() {
+    CSharedServerSuite::TearDownTestSuite();
+    RestoreNetworkDefaults();
+  }
+  void SetUp() override {
+    CSharedServerSuite::SetUp();
+    RestoreNetworkDefaults();
+    S().bEmbeddedMode = false;
+    Host().ClearScripts();
+  }
+  void TearDown() override {
+    CSharedServerSuite::TearDown();
+    ServerOptions.bNoShellCommands = false;
+    Host().ClearScripts();
+  }
+  std::string RootFile(const std::string& path) { return ReadFile(Server->RootPath() + path); }
+
+  struct Row {
+    std::string line, reply;
+    Commands host;  // what the command ran, in order
+  };
+  void RunRows(const std::vector<Row>& rows) {
+    for (const Row& r : rows) {
+      const size_t before = Host().CommandLog().size();
+      EXPECT_EQ(Client.Command(r.line), r.reply) << r.line;
+      EXPECT_EQ(CommandsSince(before), r.host) << r.line;
+    }
+  }
+};
+
+// The setters store text and persist it; nothing reaches the interface until a restart.
+TEST_F(NetworkClockTest, SettersAndRefusals) {
+  RunRows({
+      {"#SET_IP_ADDRESS 10.1.2.3", "IP address set to 10.1.2.3.\n", {}},
+      {"#SET_IP_ADDRESS 10.0.0.300", "!Invalid IP address: 10.0.0.300\n", {}},
+      {"#SET_IP_ADDRESS 123456789012345678901234", "!Invalid IP address: 1234567890123456789\n", {}},
+      {"#SET_IP_NETMASK 255.255.0.0", "Netmask set to 255.255.0.0.\n", {}},
+      {"#SET_IP_NETMASK 255.255.0.x", "!Invalid Netmask: 255.255.0.x.\n", {}},
+      {"#SET_DEFAULT_GATEWAY 10.1.0.1", "Default gateway set to 10.1.0.1.\n", {}},
+      {"#SET_DEFAULT_GATEWAY gw", "!Invalid default gateway: gw.\n", {}},
+      {"#SET_DNS_SERVER 1.2.3.4.5", "!Invalid DNS Server: 1.2.3.4.5.\n", {}},
+      {"#SET_EMBEDDED_IP_ADDRESS 172.16.1.9", "Embedded IP address set to 172.16.1.9.\n", {}},
+      {"#GET_EMBEDDED_IP_ADDRESS", "172.16.1.9", {}},
+      {"#SET_EMBEDDED_IP_NETMASK bad", "!Invalid Netmask: bad.\n", {}},
+      {"#GET_EMBEDDED_IP_NETMASK", "0.0.0.0", {}},
+      {"#SET_DHCP 1", "DHCP client enabled.\n", {}},
+      {"#GET_DHCP", "1", {}},
+      {"#SET_EMBEDDED_MODE 256", "Embedded Mode disabled (network restart or reboot required).\n", {}},
+      {"#SET_EMBEDDED_MODE 1", "Embedded Mode enabled (network restart or reboot required).\n", {}},
+      {"#GET_EMBEDDED_MODE", "1", {}},
+      {"#SET_ENABLE_NTP 1", "NTP Services turned ON.\n", {}},
+      {"#GET_ENABLE_NTP", "1", {}},
+      {"#SET_AUTO_START_NTP 0", "Auto-start NTP Services OFF.\n", {}},
+      {"#GET_AUTO_START_NTP", "0", {}},
+      {"#SET_USE_CUSTOM_NTP_CONF 1", "Custom NTP configuration ON.\n", {}},
+      {"#GET_USE_CUSTOM_NTP_CONF", "1", {}},
+      {"#SET_NTP_SERVER3 ntp.example.org iburst", "NTP Server 3 set to ntp.example.org iburst.\n", {}},
+      {"#GET_NTP_SERVER3", "ntp.example.org iburst", {}},
+      {"#GET_NTP_SERVER4", "", {}},
+  });
+  EXPECT_STREQ(IpAddress[0], "0.0.0.0");
+  EXPECT_STREQ(Gateway[0], "0.0.0.0");
+}
+
+// #RESTART_NETWORK starts the set chosen by embedded mode, and answers whatever happens.
+TEST_F(NetworkClockTest, RestartNetwork) {
+  RunRows({
+      {"#RESTART_NETWORK", "Restarting network...\n", StaticStart("10.0.0.126", "255.255.255.0", "10.0.0.1")},
+      {"#GET_IP_ADDRESS", "10.0.0.126", {}},
+      {"#GET_IP_NETMASK", "255.255.255.0", {}},
+      {"#GET_DEFAULT_GATEWAY", "10.0.0.1", {}},
+      {"#GET_DNS_SERVER", "10.0.0.254", {}},
+      {"#SET_DHCP 1", "DHCP client enabled.\n", {}},
+      {"#RESTART_NETWORK", "Restarting network...\n", kDown + Commands{"/sbin/dhclient"} + kUp},
+      {"#SET_EMBEDDED_MODE 1", "Embedded Mode enabled (network restart or reboot required).\n", {}},
+      {"#RESTART_NETWORK", "Restarting network...\n", StaticStart("172.16.1.3", "255.0.0.0", "0.0.0.0")},
+      {"#GET_IP_ADDRESS", "0.0.0.0", {}},
+      {"#GET_EMBEDDED_IP_ADDRESS", "172.16.1.3", {}},
+      {"#SET_DHCP 1", "DHCP client disabled.\n", {}},  // the state of the set in force
+      {"#SET_EMBEDDED_MODE 0", "Embedded Mode disabled (network restart or reboot required).\n", {}},
+      {"#SET_DHCP 0", "DHCP client disabled.\n", {}},
+      {"#SET_IP_ADDRESS 10.0.0.300", "!Invalid IP address: 10.0.0.300\n", {}},
+      {"#RESTART_NETWORK", "Restarting network...\n", kDown},  // the interface stays down
+      {"#SET_IP_ADDRESS 10.0.0.127", "IP address set to 10.0.0.127.\n", {}},
+      {"#SET_ENABLE_NTP 1", "NTP Services turned ON.\n", {}},
+      {"#SET_USE_CUSTOM_NTP_CONF 1", "Custom NTP configuration ON.\n", {}},
+      {"#RESTART_NETWORK", "Restarting network...\n",
+       StaticStart("10.0.0.127", "255.255.255.0", "10.0.0.1") +
+           Commands{"kill `pgrep ntpd`", "ntpd -g -c /etc/custom_ntp.conf"}},
+  });
+  EXPECT_TRUE(bNtpRunning);
+  EXPECT_EQ(RootFile("/mnt/ram7/dhcp/resolv.conf"), std::string("nameserver 10.0.0.254\nnameserver ") + kFallbackNameServer + "\n");
+}
+
+TEST_F(NetworkClockTest, Date) {
+  const size_t before = Host().CommandLog().size();
+  EXPECT_TRUE(std::regex_match(Client.Command("#SET_DATE 11.18.14.35.26"), std::regex("System clock reads " + kAscTime + "\\.")));
+  EXPECT_EQ(CommandsSince(before), (Commands{"/bin/date 1118143526", "/sbin/hwclock --systohc"}));
+  EXPECT_TRUE(std::regex_match(Client.Command("#GET_DATE"), std::regex(kAscTime)));
+
+  Host().Script("/sbin/hwclock", 1);
+  RunRows({
+      {"#SET_DATE 11.18.14.35.26", "!Failed to set system clock.\n", {"/bin/date 1118143526", "/sbin/hwclock --systohc"}},
+      {"#SET_DATE 11.18.14.35", "!Invalid date format (11.18.14.35).  Correct format: MM.DD.hh.mm.yy\n", {}},
+      {"#SET_DATE 1;reboot;1234", "!Invalid date format (1;reboot;1234).  Correct format: MM.DD.hh.mm.yy\n", {}},
+  });
+}
+
+TEST_F(NetworkClockTest, Ntp) {
+  const Commands ntpdate(3, "ntpdate -u 10.0.0.5 iburst");
+  RunRows({
+      {"#START_NTP", "NTP Services Started", {}},  // NTP not in use
+      {"#SET_ENABLE_NTP 1", "NTP Services turned ON.\n", {}},
+      {"#SET_NTP_SERVER0 10.0.0.5 iburst", "NTP Server 0 set to 10.0.0.5 iburst.\n", {}},
+      {"#SET_NTP_SERVER2 ntp.example.org", "NTP Server 2 set to ntp.example.org.\n", {}},
+      {"#START_NTP", "NTP Services Started", Commands{"kill `pgrep ntpd`"} + ntpdate + Commands{"ntpd -g -c /etc/ntp/ntp.conf"}},
+  });
+  EXPECT_EQ(RootFile("/mnt/ram7/ntp/ntp.conf"),
+            "restrict default ignore\n"
+            "restrict 127.0.0.1\n"
+            "restrict 10.0.0.5 mask 255.255.255.255 nomodify notrap noquery\n"
+            "server 10.0.0.5 iburst\n"
+            "restrict ntp.example.org mask 255.255.255.255 nomodify notrap noquery\n"
+            "server ntp.example.org\n"
+            "fudge\t127.127.1.0 stratum 10\n"
+            "driftfile /etc/ntp/drift\n"
+            "keyfile /etc/ntp/keys\n"
+            "broadcastdelay\t0.008\n");
+  EXPECT_TRUE(bNtpRunning);
+
+  Host().Script("ntpdate", 1);  // the daemon starts, but the clock was never stepped
+  RunRows({
+      {"#START_NTP", "!Failed to start NTP Services.", Commands{"kill `pgrep ntpd`"} + ntpdate + Commands{"ntpd -g -c /etc/ntp/ntp.conf"}},
+      {"#SET_USE_CUSTOM_NTP_CONF 1", "Custom NTP configuration ON.\n", {}},
+      {"#START_NTP", "NTP Services Started", {"kill `pgrep ntpd`", "ntpd -g -c /etc/custom_ntp.conf"}},
+      {"#STOP_NTP", "NTP Services Halted.", {"kill `pgrep ntpd`"}},
+      {"#SET_EMBEDDED_MODE 1", "Embedded Mode enabled (network restart or reboot required).\n", {}},
+      {"#RESTART_NETWORK", "Restarting network...\n", StaticStart("172.16.1.3", "255.0.0.0", "0.0.0.0")},
+      {"#START_NTP", "NTP Services Started", {}},  // the embedded set never uses NTP
+  });
+  EXPECT_FALSE(bNtpRunning);
+}
+
+// The query's output and the custom configuration reach the client as downloads.
+TEST_F(NetworkClockTest, NtpqAndCustomConfiguration) {
+  Host().Script("ntpq -c peers", 0, "     remote           refid\n");
+  Host().Script("ntpq -c help", 0, "ntpq commands:\n");
+  RunRows({
+      {"#NTPQ peers", "     remote           refid\n", {"ntpq -c peers &>/tmp/ntpq.dat"}},
+      {"#NTPQ", "ntpq commands:\n", {"ntpq -c help &>/tmp/ntpq.dat"}},
+  });
+  ServerOptions.bNoShellCommands = true;
+  RunRows({{"#NTPQ peers", "!Shell commands are disabled on this instrument.\n", {}}});
+
+  const std::string conf = "server 10.0.0.5 iburst\n";
+  const size_t before = Host().CommandLog().size();
+  ASSERT_TRUE(Client.Send("#UPLOAD_CUSTOM_NTP_CONF " + std::to_string(conf.size())));
+  ASSERT_TRUE(Client.SendRaw(conf));
+  EXPECT_EQ(Client.ReadFrame(), std::to_string(conf.size()) + " bytes received.\n");
+  EXPECT_EQ(CommandsSince(before), (Commands{"mount -o,remount /", "mount -o,remount,ro /"}));
+  EXPECT_EQ(RootFile("/etc/custom_ntp.conf"), conf);
+  EXPECT_EQ(Client.Command("#DOWNLOAD_CUSTOM_NTP_CONF"), conf);
+}
+
+}  // namespace
