@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -52,10 +53,11 @@ int Download(CCommandContext& c) {
 
 // A byte count is a plain decimal number: no sign, no trailing text, no overflow.
 bool ParseByteCount(const std::string& text, int64_t* count) {
-  if (text.empty() || text.size() > 18) return false;  // 18 digits always fit
+  if (text.empty()) return false;
   int64_t v = 0;
   for (char ch : text) {
     if (ch < '0' || ch > '9') return false;
+    if (v > (INT64_MAX - (ch - '0')) / 10) return false;
     v = v * 10 + (ch - '0');
   }
   *count = v;
@@ -81,7 +83,7 @@ int Upload(CCommandContext& c) {
   int64_t size = 0;
   if (client < 0 || client >= kClientSlots) return RefuseUpload(c, path, "there is no connection to receive from");
   if (!ParseByteCount(sizeText, &size))
-    return RefuseUpload(c, path, "the byte count \"" + sizeText + "\" is not a whole number of bytes");
+    return RefuseUpload(c, path, "the byte count \"" + sizeText + "\" is not a whole number of bytes within range");
   CUploadTarget target;
   std::string why;
   if (!target.Open(path, size, &why)) return RefuseUpload(c, path, why);
