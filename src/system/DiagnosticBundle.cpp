@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -51,6 +52,9 @@ constexpr auto kSettleTime = 15s;
 // The card delivers the layers in turn; a layer's record that does not come within this time
 // (a card stopped by triggering, a layer the card skips) is taken as it last was.
 constexpr auto kLayerRecordWait = 5s;
+// A raw spectrum takes 128 sweeps and the channel change drops the first three; a card that
+// delivers no sweeps at all (stopped, or waiting for triggers) would keep the query waiting.
+constexpr auto kSpectrumWait = 20s;
 
 // Queries that would wait for data, stream or take their reply from the data ring: their
 // replies say nothing a service engineer needs and some of them block the caller.
@@ -76,6 +80,28 @@ std::string Internal(CVr480Server& s, const std::string& line) {
   std::string bytes = reply && length ? std::string(reply, length) : std::string();
   if (code == kReplyRecord) s.ReleaseClientRecord(kInternalClient);
   return bytes;
+}
+
+// As Internal, for a query that waits for the card: it is given up after `limit`, through the
+// internal caller's disconnect flag that the data waits watch as they watch a client's.
+std::string InternalWithin(CVr480Server& s, const std::string& line, std::chrono::seconds limit) {
+  std::mutex m;
+  std::condition_variable cv;
+  bool done = false;
+  std::thread guard([&] {
+    std::unique_lock<std::mutex> lock(m);
+    if (!cv.wait_for(lock, limit, [&] { return done; })) s.bClientDisconnect[kInternalClient] = true;
+  });
+  std::string reply = Internal(s, line);
+  {
+    std::lock_guard<std::mutex> g(m);
+    done = true;
+  }
+  cv.notify_one();
+  guard.join();
+  if (s.bClientDisconnect[kInternalClient].exchange(false))
+    std::printf("%s gave up after %lld s.\n", line.c_str(), static_cast<long long>(limit.count()));
+  return reply;
 }
 
 void WriteFile(const std::string& instrumentPath, const std::string& bytes) {
@@ -258,14 +284,14 @@ int CVr480Server::DumpCore(const std::string& zipFile, const std::string& passwo
 
   for (int dut = 1; dut <= kOpticalChannels; ++dut) {
     Internal(*this, "#SET_AMP_CH " + std::to_string(dut));
-    WriteFile(Numbered(std::string("/tmp/") + kRawSpectrumPrefix, dut), Internal(*this, "#GET_RAW_SPECTRUM"));
+    WriteFile(Numbered(std::string("/tmp/") + kRawSpectrumPrefix, dut), InternalWithin(*this, "#GET_RAW_SPECTRUM", kSpectrumWait));
     std::fprintf(index, "DUT %d Raw Spectrum:%s\n", dut, Numbered(kRawSpectrumPrefix, dut).c_str());
   }
   Internal(*this, "#SET_ZOR_AMP_CH 0");
-  WriteFile(kFbgSpectrumFile, Internal(*this, "#GET_RAW_SPECTRUM"));
+  WriteFile(kFbgSpectrumFile, InternalWithin(*this, "#GET_RAW_SPECTRUM", kSpectrumWait));
   std::fprintf(index, "FBG Spectrum:raw_fbg_spectrum.dat\n");
   Internal(*this, "#SET_ZOR_AMP_CH 1");
-  WriteFile(kFfpiSpectrumFile, Internal(*this, "#GET_RAW_SPECTRUM"));
+  WriteFile(kFfpiSpectrumFile, InternalWithin(*this, "#GET_RAW_SPECTRUM", kSpectrumWait));
   std::fprintf(index, "FFPI Spectrum:raw_ffpi_spectrum.dat\n");
 
   std::fprintf(index, "CMD File:cmd.dat\n");
