@@ -124,14 +124,7 @@ int GetEmbeddedMode(CCommandContext& c) { return c.Reply("%d", c.Server.bEmbedde
 int RestartNetwork(CCommandContext& c) {
   CurrentNetworkConfig = c.Server.bEmbeddedMode ? 1 : 0;
   StartNetwork();
-  std::string ip, netmask, gateway, dns;
-  GetIfConfig(ip, netmask, gateway, dns);
-  std::printf("========================================================\n");
-  std::printf("eth0:\tIP Address: %s\n", ip.c_str());
-  std::printf("\tNetmaks: %s\n", netmask.c_str());
-  std::printf("\tgw: %s\n", gateway.c_str());
-  std::printf("========================================================\n");
-  std::fflush(stdout);
+  PrintIfConfig();
   bUpdateGui = true;
   return c.Reply("Restarting network...\n");
 }
@@ -161,23 +154,22 @@ int GetDateCmd(CCommandContext& c) { return c.Reply("%s", LocalTimeText().c_str(
 
 // ---- NTP ---------------------------------------------------------------------------------------
 
-int SetEnableNtp(CCommandContext& c) {
-  bUseNTP[0] = LowByte(c);
-  return c.Reply("NTP Services turned %s.\n", OnOff(bUseNTP[0]));
+// The NTP flags of set 0; the embedded set keeps its defaults.
+template <bool (&Flags)[kNetworkConfigs]>
+int SetNtpFlag(CCommandContext& c, const char* format) {
+  Flags[0] = LowByte(c);
+  return c.Reply(format, OnOff(Flags[0]));
 }
-int GetEnableNtp(CCommandContext& c) { return c.Reply("%d", bUseNTP[0] ? 1 : 0); }
-
-int SetAutoStartNtp(CCommandContext& c) {
-  bAutoStartNTP[0] = LowByte(c);
-  return c.Reply("Auto-start NTP Services %s.\n", OnOff(bAutoStartNTP[0]));
+template <bool (&Flags)[kNetworkConfigs]>
+int GetNtpFlag(CCommandContext& c) {
+  return c.Reply("%d", Flags[0] ? 1 : 0);
 }
-int GetAutoStartNtp(CCommandContext& c) { return c.Reply("%d", bAutoStartNTP[0] ? 1 : 0); }
 
+int SetEnableNtp(CCommandContext& c) { return SetNtpFlag<bUseNTP>(c, "NTP Services turned %s.\n"); }
+int SetAutoStartNtp(CCommandContext& c) { return SetNtpFlag<bAutoStartNTP>(c, "Auto-start NTP Services %s.\n"); }
 int SetUseCustomNtpConf(CCommandContext& c) {
-  bUseCustomNtpConfig[0] = LowByte(c);
-  return c.Reply("Custom NTP configuration %s.\n", OnOff(bUseCustomNtpConfig[0]));
+  return SetNtpFlag<bUseCustomNtpConfig>(c, "Custom NTP configuration %s.\n");
 }
-int GetUseCustomNtpConf(CCommandContext& c) { return c.Reply("%d", bUseCustomNtpConfig[0] ? 1 : 0); }
 
 int StartNtpCmd(CCommandContext& c) {
   return c.Reply(StartNTP() == 0 ? "NTP Services Started" : "!Failed to start NTP Services.");
@@ -249,11 +241,11 @@ const SCommandRow kRows[] = {
     {"#SET_DATE", 1, 1, kNone, SetDateCmd},
     {"#GET_DATE", 0, 0, kNone, GetDateCmd},
     {"#SET_ENABLE_NTP", 1, 1, kTag, SetEnableNtp},
-    {"#GET_ENABLE_NTP", 0, 0, kNone, GetEnableNtp},
+    {"#GET_ENABLE_NTP", 0, 0, kNone, GetNtpFlag<bUseNTP>},
     {"#SET_AUTO_START_NTP", 1, 1, kTag, SetAutoStartNtp},
-    {"#GET_AUTO_START_NTP", 0, 0, kNone, GetAutoStartNtp},
+    {"#GET_AUTO_START_NTP", 0, 0, kNone, GetNtpFlag<bAutoStartNTP>},
     {"#SET_USE_CUSTOM_NTP_CONF", 1, 1, kTag, SetUseCustomNtpConf},
-    {"#GET_USE_CUSTOM_NTP_CONF", 0, 0, kNone, GetUseCustomNtpConf},
+    {"#GET_USE_CUSTOM_NTP_CONF", 0, 0, kNone, GetNtpFlag<bUseCustomNtpConfig>},
     {"#START_NTP", 0, 0, kNone, StartNtpCmd},
     {"#STOP_NTP", 0, 0, kNone, StopNtpCmd},
     {"#SET_NTP_SERVER0", kAnyArgs, kAnyArgs, kTag, SetNtpServer<0>},

@@ -131,16 +131,7 @@ void CVr480Server::PrintBanner() {
   std::printf("--------------------------------------------------------\n\n");
 }
 
-void CVr480Server::PrintNetworkInterface() {
-  std::string ip, mask, gw;
-  GetIfConfig(ip, mask, gw);
-  std::printf("========================================================\n");
-  std::printf("eth0:\tIP Address: %s\n", ip.c_str());
-  std::printf("\tNetmaks: %s\n", mask.c_str());
-  std::printf("\tgw: %s\n", gw.c_str());
-  std::printf("========================================================\n");
-  std::fflush(stdout);
-}
+void CVr480Server::PrintNetworkInterface() { PrintIfConfig(); }
 
 void CVr480Server::CalibrateStartupFsOffset() {
   msg.Set("[FS] Calibrating ...");

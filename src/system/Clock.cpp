@@ -3,11 +3,11 @@
 #include <chrono>
 #include <cstdio>
 #include <ctime>
-#include <filesystem>
 #include <thread>
 
 #include "host/Host.h"
 #include "settings/TkString.h"
+#include "system/Network.h"
 #include "system/NetworkGlobals.h"
 
 std::atomic<bool> bNtpRunning{false};
@@ -17,12 +17,7 @@ namespace {
 // The generated file lives on a RAM disk that the instrument's file system also shows as
 // "/etc/ntp/ntp.conf", the path ntpd is started with.
 bool WriteNtpConf() {
-  const std::string path = Host().Path(kNtpConfFile);
-  if (!Host().IsInstrument()) {
-    std::error_code ec;
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
-  }
-  std::FILE* f = std::fopen(path.c_str(), "w");
+  std::FILE* f = CreateSystemFile(kNtpConfFile);
   if (!f) {
     std::printf("Error opening output file %s\n", kNtpConfFile);
     return false;

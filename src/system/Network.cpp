@@ -40,12 +40,7 @@ bool Parse(const char* text, in_addr_t& out) {
 
 // "nameserver" lines for the resolver: the site's DNS server first, the public one second.
 int WriteResolverFile(const char* dns) {
-  const std::string path = Host().Path(kResolverFile);
-  if (!Host().IsInstrument()) {
-    std::error_code ec;
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
-  }
-  std::FILE* f = std::fopen(path.c_str(), "w");
+  std::FILE* f = CreateSystemFile(kResolverFile);
   if (!f) {
     std::printf("Error opening output file %s\n", kResolverFile);
     return -1;
@@ -160,6 +155,26 @@ int GetIfConfig(std::string& ip, std::string& netmask, std::string& gateway, std
 int GetIfConfig(std::string& ip, std::string& netmask, std::string& gateway) {
   std::string dns;
   return GetIfConfig(ip, netmask, gateway, dns);
+}
+
+void PrintIfConfig() {
+  std::string ip, netmask, gateway;
+  GetIfConfig(ip, netmask, gateway);
+  std::printf("========================================================\n");
+  std::printf("eth0:\tIP Address: %s\n", ip.c_str());
+  std::printf("\tNetmaks: %s\n", netmask.c_str());
+  std::printf("\tgw: %s\n", gateway.c_str());
+  std::printf("========================================================\n");
+  std::fflush(stdout);
+}
+
+std::FILE* CreateSystemFile(const char* instrumentPath) {
+  const std::string path = Host().Path(instrumentPath);
+  if (!Host().IsInstrument()) {
+    std::error_code ec;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
+  }
+  return std::fopen(path.c_str(), "w");
 }
 
 int GetIpAddress(const char* ifname, std::string& ip, std::string& netmask) {

@@ -6,6 +6,7 @@
 // system/NetworkGlobals.h.
 #pragma once
 
+#include <cstdio>
 #include <string>
 
 // Starts the address set CurrentNetworkConfig: the start itself, then the TCP keep-alive
@@ -26,6 +27,15 @@ int tcp_keepalive(int time, int probes, int intvl);
 // last applied, or under DHCP the interface's own address and netmask. Returns 0.
 int GetIfConfig(std::string& ip, std::string& netmask, std::string& gateway, std::string& dns);
 int GetIfConfig(std::string& ip, std::string& netmask, std::string& gateway);
+
+// Prints the interface's address, netmask and gateway (GetIfConfig) between two rules on the
+// console, after a network start.
+void PrintIfConfig();
+
+// Creates or truncates a file the server generates for a system daemon (resolver, NTP) and
+// opens it for writing; nullptr on failure. The instrument's RAM disk holds the directories;
+// on a workstation they are made under the root first.
+std::FILE* CreateSystemFile(const char* instrumentPath);
 
 // Asks the kernel for an interface's IPv4 address and netmask (read only). 0, or -1 with both
 // "0.0.0.0" when the interface has no address.

@@ -41,6 +41,7 @@ Commands StaticStart(const std::string& ip, const std::string& mask, const std::
          kUp;
 }
 
+const std::string kResolver = std::string("nameserver 10.0.0.254\nnameserver ") + kFallbackNameServer + "\n";
 const std::string kAscTime = R"([A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]\d \d\d:\d\d:\d\d \d{4}\n)";
 
 // Start-up: the tags replayed, then the set in force started before any client can connect.
@@ -67,8 +68,7 @@ TEST(NetworkStartupTest, StaticStartAndDhcpWithoutServer) {
     const Commands started(start, start + std::min<long>(log.end() - start, static_cast<long>(r.expected.size())));
     EXPECT_EQ(started, r.expected);
     if (r.dhclientStatus == 0) {
-      EXPECT_EQ(ReadFile(server.RootPath() + "/mnt/ram7/dhcp/resolv.conf"),
-                std::string("nameserver 10.0.0.254\nnameserver ") + kFallbackNameServer + "\n");
+      EXPECT_EQ(ReadFile(server.RootPath() + "/mnt/ram7/dhcp/resolv.conf"), kResolver);
     } else {
       EXPECT_EQ(std::count_if(start, log.end(), [](const std::string& c) { return c.rfind("sysctl", 0) == 0; }), 0);
       EXPECT_EQ(std::count(start, log.end(), "kill `pgrep ntpd`"), 1);
@@ -174,12 +174,13 @@ TEST_F(NetworkClockTest, RestartNetwork) {
            Commands{"kill `pgrep ntpd`", "ntpd -g -c /etc/custom_ntp.conf"}},
   });
   EXPECT_TRUE(bNtpRunning);
-  EXPECT_EQ(RootFile("/mnt/ram7/dhcp/resolv.conf"), std::string("nameserver 10.0.0.254\nnameserver ") + kFallbackNameServer + "\n");
+  EXPECT_EQ(RootFile("/mnt/ram7/dhcp/resolv.conf"), kResolver);
 }
 
 TEST_F(NetworkClockTest, Date) {
   const size_t before = Host().CommandLog().size();
-  EXPECT_TRUE(std::regex_match(Client.Command("#SET_DATE 11.18.14.35.26"), std::regex("System clock reads " + kAscTime + "\\.")));
+  EXPECT_TRUE(std::regex_match(Client.Command("#SET_DATE 11.18.14.35.26"),
+                               std::regex("System clock reads " + kAscTime + "\\.")));
   EXPECT_EQ(CommandsSince(before), (Commands{"/bin/date 1118143526", "/sbin/hwclock --systohc"}));
   EXPECT_TRUE(std::regex_match(Client.Command("#GET_DATE"), std::regex(kAscTime)));
 
@@ -192,13 +193,14 @@ TEST_F(NetworkClockTest, Date) {
 }
 
 TEST_F(NetworkClockTest, Ntp) {
-  const Commands ntpdate(3, "ntpdate -u 10.0.0.5 iburst");
+  const Commands start = Commands{"kill `pgrep ntpd`"} + Commands(3, "ntpdate -u 10.0.0.5 iburst") +
+                         Commands{"ntpd -g -c /etc/ntp/ntp.conf"};
   RunRows({
       {"#START_NTP", "NTP Services Started", {}},  // NTP not in use
       {"#SET_ENABLE_NTP 1", "NTP Services turned ON.\n", {}},
       {"#SET_NTP_SERVER0 10.0.0.5 iburst", "NTP Server 0 set to 10.0.0.5 iburst.\n", {}},
       {"#SET_NTP_SERVER2 ntp.example.org", "NTP Server 2 set to ntp.example.org.\n", {}},
-      {"#START_NTP", "NTP Services Started", Commands{"kill `pgrep ntpd`"} + ntpdate + Commands{"ntpd -g -c /etc/ntp/ntp.conf"}},
+      {"#START_NTP", "NTP Services Started", start},
   });
   EXPECT_EQ(RootFile("/mnt/ram7/ntp/ntp.conf"),
             "restrict default ignore\n"
@@ -215,7 +217,7 @@ TEST_F(NetworkClockTest, Ntp) {
 
   Host().Script("ntpdate", 1);  // the daemon starts, but the clock was never stepped
   RunRows({
-      {"#START_NTP", "!Failed to start NTP Services.", Commands{"kill `pgrep ntpd`"} + ntpdate + Commands{"ntpd -g -c /etc/ntp/ntp.conf"}},
+      {"#START_NTP", "!Failed to start NTP Services.", start},
       {"#SET_USE_CUSTOM_NTP_CONF 1", "Custom NTP configuration ON.\n", {}},
       {"#START_NTP", "NTP Services Started", {"kill `pgrep ntpd`", "ntpd -g -c /etc/custom_ntp.conf"}},
       {"#STOP_NTP", "NTP Services Halted.", {"kill `pgrep ntpd`"}},
