@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "commands/InProcessServer.h"
+#include "host/ConfinedPath.h"
 
 namespace {
 
@@ -172,6 +173,31 @@ TEST_F(FileTransfer, AClientVanishingMidUploadLeavesNoFileAndTheServerGoesOn) {
   }
   EXPECT_TRUE(WaitFor([&] { return Server->S().Socket.GetNumClients() == 1 && !HasUploadLeftovers(Dir()); }, 30s));
   EXPECT_FALSE(fs::exists(Dir() + "/half.bin"));
+}
+
+// On the instrument paths are used as given, but a FIFO or a directory must still be refused
+// at once rather than block the client's thread; a link is written through to its file.
+TEST(FileTransferOnInstrument, NonRegularFilesAreRefusedWithoutBlocking) {
+  ASSERT_TRUE(Host().IsInstrument());
+  CTempDir dir;
+  ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
+  WriteFile(dir / "file", "12345");
+  fs::create_symlink(dir / "file", dir / "link");
+  int64_t size = -1;
+  EXPECT_EQ(OpenClientFileForReading(dir / "fifo", &size), -1);
+  EXPECT_EQ(OpenClientFileForReading(dir.Path(), &size), -1);
+  const int fd = OpenClientFileForReading(dir / "link", &size);
+  EXPECT_GE(fd, 0);
+  EXPECT_EQ(size, 5);
+  if (fd >= 0) ::close(fd);
+
+  std::string why;
+  CUploadTarget fifo, link;
+  EXPECT_FALSE(fifo.Open(dir / "fifo", 1, &why));
+  ASSERT_TRUE(link.Open(dir / "link", 3, &why)) << why;
+  EXPECT_TRUE(link.Write("abc", 3, &why) && link.Commit(&why)) << why;
+  EXPECT_TRUE(fs::is_symlink(dir / "link"));
+  EXPECT_EQ(ReadFile(dir / "file"), "abc");
 }
 
 }  // namespace
