@@ -451,17 +451,22 @@ int CSocket::WriteData(uint16_t client, const char* data, int len) {
       SleepUs(delayUs);
       continue;
     }
-    std::printf("closing client on error #%d\n", err);
-    std::printf("CSocket::WriteData() Broken Pipe\n");
-    std::fflush(stdout);
-    CloseSlot(client, conn.get());
-    return err;
+    return CloseAfterWriteError(client, conn.get(), err);
   }
   if (remaining == 0) return 0;
   // The client stays connected; the rest of this reply is lost.
   std::printf("Write failed. (%d of %d bytes written after %u attempts (%u us/attempt).\n", written, len, used, delayUs);
   std::fflush(stdout);
   return written;
+}
+
+// A write that fails for any reason but a full buffer means the peer is gone: the slot closes.
+int CSocket::CloseAfterWriteError(uint16_t client, const CClientConnection* conn, int err) {
+  std::printf("closing client on error #%d\n", err);
+  std::printf("CSocket::WriteData() Broken Pipe\n");
+  std::fflush(stdout);
+  CloseSlot(client, conn);
+  return err;
 }
 
 int CSocket::WriteData(uint16_t client, const std::string& data, int len) {
@@ -562,11 +567,7 @@ int64_t CSocket::TransferFile(uint16_t client, int fd, int64_t size, const char*
         ::poll(&p, 1, 1);
         continue;
       }
-      std::printf("closing client on error #%d\n", err);
-      std::printf("CSocket::WriteData() Broken Pipe\n");
-      std::fflush(stdout);
-      CloseSlot(client, conn.get());
-      return err;
+      return CloseAfterWriteError(client, conn.get(), err);
     }
     sent += static_cast<int64_t>(want);
   }

@@ -153,6 +153,7 @@ class CSocket {
   bool WaitForStop(int timeoutMs);
   ConnectionPtr Lease(uint16_t client) const;
   int CloseSlot(uint16_t client, const CClientConnection* expected);
+  int CloseAfterWriteError(uint16_t client, const CClientConnection* conn, int err);
   void PrintClientCount(int numClients);
   static void PrintSystemError(const char* prefix, int err);
   static std::string FormatAddress(const sockaddr_in& addr);
