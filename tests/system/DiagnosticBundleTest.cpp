@@ -19,7 +19,7 @@
 namespace {
 
 using namespace std::chrono_literals;
-using laser_test::CInProcessServer;
+using laser_test::CSharedServerSuite;
 using laser_test::WaitReady;
 
 constexpr const char* kReply = "Core File is /tmp/vr_core.zip.  Now, #DOWNLOAD /tmp/vr_core.zip";
@@ -58,22 +58,9 @@ std::vector<std::string> ExpectedCommands(const std::string& zipOptions) {
           " /tmp/raw_fbg_spectrum.dat /tmp/raw_ffpi_spectrum.dat /tmp/cmd.dat"};
 }
 
-class DiagnosticBundle : public ::testing::Test {
+class DiagnosticBundle : public CSharedServerSuite<DiagnosticBundle> {
  protected:
-  static void SetUpTestSuite() { Server = new CInProcessServer(); }
-  static void TearDownTestSuite() {
-    delete Server;
-    Server = nullptr;
-  }
-  void SetUp() override {
-    ASSERT_TRUE(Server->Started());
-    ASSERT_TRUE(Client.Connect(Server->Port()));
-    ASSERT_TRUE(WaitReady(Client, 30s)) << "the laser did not come up ready";
-  }
   std::string Root(const std::string& path) const { return Server->RootPath() + path; }
-
-  static inline CInProcessServer* Server = nullptr;
-  CTestClient Client;
 };
 
 TEST_F(DiagnosticBundle, ArchiveHoldsTheSummarySettingsRawDataAndQueryReplies) {
