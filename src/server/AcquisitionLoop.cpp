@@ -79,6 +79,10 @@ void CVr480Server::AcquisitionPass() {
   }
   BuildSpectrum();
 
+  if (bAutoBiasStepRequested) {
+    AutoBiasStepResult = AutoBias();
+    bAutoBiasStepRequested = false;
+  }
   if (bLocMeasGeneratePlot) {
     const auto& a = LocMeasPlotArgs;
     LocMeasResult = DistMeas_GeneratePlot(a.bFlag, a.Values[0], a.Values[1], a.Values[2], a.Ints[0], a.Ints[1]);
@@ -212,4 +216,13 @@ int CVr480Server::TemperatureMonitor() {
   std::snprintf(line, sizeof line, "#LOG_ENTRY Warning: Internal operating temperature is %f C.", mark);
   ExecuteInternal(line);
   return 0;
+}
+
+int CVr480Server::RunAutoBiasOnAcquisitionThread(std::chrono::milliseconds wait) {
+  bAutoBiasStepRequested = true;
+  const auto deadline = std::chrono::steady_clock::now() + wait;
+  while (bAutoBiasStepRequested && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  if (bAutoBiasStepRequested.exchange(false)) return -1;  // the card delivered nothing meanwhile
+  return AutoBiasStepResult;
 }

@@ -16,6 +16,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
@@ -211,6 +212,11 @@ class CVr480Server {
   Relaxed<double> ZorLocMeasChOffsetMeters[kLogicalChannels];  // m; handlers
   Relaxed<double> MeasuredLocation[kLogicalChannels][kSensorsPerChannel];  // last measured locations, m; acquisition
   std::atomic<bool> bLocMeasGeneratePlot{false};        // plot requested; handlers set, acquisition clears
+  // One auto-bias step on the acquisition thread (which owns the record it reads) for a
+  // command thread: the result of that step, or -1 when no record came within the wait.
+  int RunAutoBiasOnAcquisitionThread(std::chrono::milliseconds wait);
+  std::atomic<bool> bAutoBiasStepRequested{false};      // handlers set, acquisition clears
+  std::atomic<int> AutoBiasStepResult{0};               // acquisition
   struct {
     bool bFlag = false;
     double Values[3] = {};

@@ -211,7 +211,7 @@ int CVr480Server::DumpCore(const std::string& zipFile, const std::string& passwo
     bAutoScanAmp = false;
     Driver.SetScanAmp(kUnlockedScanAmp);
     std::this_thread::sleep_for(kSettleTime);
-    if (AutoBias() != 0) {
+    if (RunAutoBiasOnAcquisitionThread(std::chrono::seconds(5)) != 0) {
       bAutoBias = false;
       Driver.SetBias(kUnlockedBias);
       std::this_thread::sleep_for(kSettleTime);

@@ -29,6 +29,7 @@ TEST(ShellInjection, ClientTextIsOnlyRecordedAndNothingAppearsOutsideTheRoot) {
   CInProcessServer server;
   CTestClient client;
   ASSERT_TRUE(client.Connect(server.Port()));
+  ASSERT_TRUE(WaitReady(client, std::chrono::seconds(60)));  // the bundle of a ready laser takes seconds, not half a minute
   ASSERT_EQ(client.Command("#SET_ENABLE_NTP 1"), "NTP Services turned ON.\n");
   for (const std::string& payload : payloads) {
     for (const std::string& line : lines) {
