@@ -9,6 +9,7 @@
 #include <iostream>
 #include <thread>
 
+#include "gui/FrontPanel.h"
 #include "host/Host.h"
 #include "server/Globals.h"
 #include "server/Vr480Server.h"
@@ -39,10 +40,11 @@ bool PollSeconds(int attempts, Done done) {
 }  // namespace
 
 int CVr480Server::Run() {
-  // No window yet services the acquisition watchdog: its tick runs on a thread of its own.
-  // The stop ends it first, so a reboot pending in the tick's pause is abandoned.
+  // The front panel's timer services the acquisition watchdog while the window runs; without
+  // a window its tick runs on a thread of its own. The stop ends that thread first, so a
+  // reboot pending in the tick's pause is abandoned.
   CWatchdogTick watchdog(*this);
-  watchdog.Start();
+  if (!FrontPanelServicesWatchdog()) watchdog.Start();
   RunStartupPhase();
   while (bRun) AcquisitionPass();
   watchdog.Stop();

@@ -14,6 +14,7 @@
 #include <memory>
 
 #include "device/CardSeam.h"
+#include "gui/FrontPanel.h"
 #include "host/Host.h"
 #include "server/Globals.h"
 #include "server/Options.h"
@@ -110,7 +111,16 @@ int main(int argc, char** argv) {
   }
 
   bGuiRunning = false;
-  Vr480Server.Run();
+  bool run = true;
+  if (options.bFrontPanel) {
+    const int err = StartFrontPanel(Vr480Server);  // a missing display leaves the server headless
+    if (err > 0) {
+      std::printf("GUI thread creation failed with error code %d\n", err);
+      bGuiRun = false;
+      run = false;
+    }
+  }
+  if (run) Vr480Server.Run();
 
   if (bGuiRunning) {
     std::printf("Warning GUI is still running after the server has stopped.\n");
@@ -125,6 +135,7 @@ int main(int argc, char** argv) {
     if (!bGuiRunning) std::printf("GUI halted.\n");
     else std::printf("Warning: GUI failed to shutdown after %d""seconds.  Abondoning GUI shutdown attempts.\n", 10);
   }
+  EndFrontPanel();
   Vr480Server.Shutdown();
   std::fflush(stdout);
   std::printf("\nServer Terminated Normally.\n");
