@@ -521,7 +521,9 @@ void* GUI_thread(void*) {
   if (s.bPcm9361Board) PinGuiThread();
   // The server formats numbers in the C locale; the toolkit must not switch the process to
   // the user's locale.
-  gtk_disable_setlocale();
+  static bool bToolkitStarted = false;  // once per process; a later start finds it up
+  if (!bToolkitStarted) gtk_disable_setlocale();
+  bToolkitStarted = true;
   if (!gtk_init_check(nullptr, nullptr)) {
     const char* display = std::getenv("DISPLAY");
     std::printf("Front panel: cannot open display '%s'; the server runs without the window.\n",

@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <fstream>
@@ -52,10 +53,12 @@ class CInProcessServer {
  public:
   // `card` sets the simulated card up (scene file, time scale); its root is this server's.
   // `beforeInit` runs once the host is installed and before Init: it may prepare files under
-  // the root or script the host's answers (a DHCP server that does not answer).
+  // the root or script the host's answers (a DHCP server that does not answer). `beforeRun`
+  // runs after a successful Init, where vr480d starts its front panel.
   explicit CInProcessServer(const std::vector<std::string>& extraTags = ReadyLaserTags(),
                             sim::CSimOptions card = {},
-                            const std::function<void(const std::string& root)>& beforeInit = {}) {
+                            const std::function<void(const std::string& root)>& beforeInit = {},
+                            const std::function<void(CVr480Server&)>& beforeRun = {}) {
     std::string error;
     EXPECT_TRUE(PrepareWorkstationRoot(Root.Path(), error)) << error;
     {
@@ -75,7 +78,9 @@ class CInProcessServer {
     Server = std::make_unique<CVr480Server>();
     InitCode = Server->Init();
     EXPECT_EQ(InitCode, kInitOk);
-    if (InitCode == kInitOk) Acquisition = std::thread([this] { Server->Run(); });
+    if (InitCode != kInitOk) return;
+    if (beforeRun) beforeRun(*Server);
+    Acquisition = std::thread([this] { RunResult = Server->Run(); });
   }
 
   ~CInProcessServer() {
@@ -96,6 +101,9 @@ class CInProcessServer {
   int Port() const { return ServerOptions.Port; }
   const std::string& RootPath() const { return Root.Path(); }
   bool Started() const { return InitCode == kInitOk; }
+  // Run's result once it has returned (-1 while it runs).
+  int RunResultCode() const { return RunResult; }
+  bool RunEnded() const { return RunResult != -1; }
 
   // The arguments of the words with `code` the card received since `from` (a log size).
   std::vector<uint32_t> Sent(uint8_t code, size_t from) {
@@ -113,6 +121,7 @@ class CInProcessServer {
   std::unique_ptr<CVr480Server> Server;
   std::thread Acquisition;
   int16_t InitCode = -1;
+  std::atomic<int> RunResult{-1};
 };
 
 // Polls a condition every 20 ms until it holds or the time is up.

@@ -1,0 +1,326 @@
+// The front panel on a virtual X display: its widget tree against the server's state, the
+// embedded-mode page, the quit button, the watchdog on the window's timer, and a server
+// without a display. Screenshots for the README are taken when VR480_SCREENSHOTS=1.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "commands/InProcessServer.h"
+#include "gui/FrontPanel.h"
+#include "system/Clock.h"
+#include "system/Network.h"
+#include "system/NetworkGlobals.h"
+
+extern char** environ;
+
+namespace {
+
+using namespace std::chrono_literals;
+using laser_test::CInProcessServer;
+using laser_test::WaitFor;
+using laser_test::WaitReady;
+
+constexpr const char* kXvfb = "/usr/bin/Xvfb";
+constexpr const char* kRed = "#d00010001000";
+constexpr const char* kBlack = "#000000000000";
+
+bool Exists(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0;
+}
+
+// A virtual X server on the first free display number from :91, for the whole program (the
+// toolkit opens its display once per process).
+class CXvfb {
+ public:
+  CXvfb() {
+    for (int n = 91; n < 200 && Display.empty(); ++n) {
+      const std::string num = std::to_string(n);
+      if (Exists("/tmp/.X" + num + "-lock") || Exists("/tmp/.X11-unix/X" + num)) continue;
+      const std::string display = ":" + num;
+      std::vector<std::string> args = {kXvfb, display, "-screen", "0", "1024x768x24", "-nolisten", "tcp"};
+      std::vector<char*> argv;
+      for (auto& a : args) argv.push_back(a.data());
+      argv.push_back(nullptr);
+      if (posix_spawn(&Pid, kXvfb, nullptr, nullptr, argv.data(), environ) != 0) return;
+      if (WaitFor([&] { return Exists("/tmp/.X11-unix/X" + num); }, 30s)) Display = display;
+      else Stop();
+    }
+  }
+  ~CXvfb() { Stop(); }
+  void Stop() {
+    if (Pid > 0) {
+      kill(Pid, SIGTERM);
+      waitpid(Pid, nullptr, 0);
+      Pid = -1;
+    }
+  }
+  std::string Display;
+
+ private:
+  pid_t Pid = -1;
+};
+
+std::string Field(const std::string& line, int index) {  // 1-based, "$"-separated
+  size_t start = 0;
+  for (int i = 1; i < index; ++i) start = line.find('$', start) + 1;
+  return line.substr(start, line.find('$', start) - start);
+}
+
+uint16_t U16(const std::string& bytes, size_t offset) {
+  uint16_t v = 0;
+  if (bytes.size() >= offset + 2) std::memcpy(&v, bytes.data() + offset, 2);
+  return v;
+}
+
+// Saves a picture for the README when asked to.
+void Screenshot(const char* name) {
+  if (!std::getenv("VR480_SCREENSHOTS")) return;
+  std::string source = __FILE__;
+  source.resize(source.rfind("/tests/gui/"));
+  const std::string path = source + "/docs/" + name;
+  EXPECT_TRUE(FrontPanelScreenshot(path)) << path;
+}
+
+class FrontPanelTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { X = new CXvfb(); }
+  static void TearDownTestSuite() {
+    delete X;
+    X = nullptr;
+  }
+  void SetUp() override {
+    if (!Exists(kXvfb)) GTEST_SKIP() << "Xvfb is not installed (Debian package xvfb)";
+    ASSERT_FALSE(X->Display.empty()) << "Xvfb did not start";
+    setenv("DISPLAY", X->Display.c_str(), 1);
+  }
+  void TearDown() override {
+    Server.reset();  // the stop path closes the window
+    EndFrontPanel();
+  }
+
+  // Starts the server with its window, as vr480d does without arguments.
+  void Start(std::vector<std::string> tags, const std::string& instid = "") {
+    auto ready = laser_test::ReadyLaserTags();
+    tags.insert(tags.begin(), ready.begin(), ready.end());
+    Server = std::make_unique<CInProcessServer>(
+        tags, sim::CSimOptions{},
+        [&](const std::string& root) {
+          if (!instid.empty()) WriteFile(root + "/vr480/instid", instid);
+        },
+        [&](CVr480Server& s) { WindowStart = StartFrontPanel(s); });
+    ASSERT_TRUE(Server->Started());
+    ASSERT_EQ(WindowStart, 0) << "the window did not come up";
+  }
+
+  // Waits until the widget `name` shows `text` (after a full refresh).
+  ::testing::AssertionResult Shows(const std::string& name, const std::string& text,
+                                   std::chrono::milliseconds timeout = 30s) {
+    std::string seen;
+    if (WaitFor([&] { return (seen = FrontPanelSnapshot().Widgets[name].Text) == text; }, timeout))
+      return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << name << " shows \"" << seen << "\"";
+  }
+
+  static inline CXvfb* X = nullptr;
+  std::unique_ptr<CInProcessServer> Server;
+  int WindowStart = -2;
+};
+
+TEST_F(FrontPanelTest, WidgetTreeShowsTheServerState) {
+  Start({"#SET_2KHZ_MODE = \"1\""}, "Bench interrogator 7\nsecond line\n");
+  CTestClient a, b;
+  ASSERT_TRUE(a.Connect(Server->Port()));
+  ASSERT_TRUE(b.Connect(Server->Port()));
+  ASSERT_TRUE(WaitReady(a, 60s));
+  ASSERT_TRUE(WaitFor([] { return msg.Get() == "Ready."; }, 30s)) << msg.Get();
+  CVr480Server& s = Server->S();
+
+  SPanelSnapshot p = FrontPanelSnapshot();
+  EXPECT_EQ(p.Width, 640);
+  EXPECT_EQ(p.Height, 480);
+  EXPECT_EQ(p.Page, 0);
+  for (const char* name :
+       {"window1", "notebook1", "fixed1", "image1", "label_header", "hseparator1", "hseparator2", "vseparator1",
+        "viewport1", "label_msg", "viewport2", "label_Hz", "label_SN", "button_shell", "button_quit", "label_num_duts",
+        "label_num_duts2", "label_num_duts3", "label_num_duts4", "label_num_clients", "label_dhcp", "label_ip_address",
+        "label_netmask", "label_synthesis_release", "label_driver_release", "label_firmware_release", "label_cfc_build",
+        "label_time", "label_time_source", "label_triggering_mode", "label_operating_mode", "label_auto_retrigger",
+        "label_temperature", "label_mux_level", "label_embedded_mode"})
+    EXPECT_EQ(p.Widgets.count(name), 1u) << name << " is not registered";
+  EXPECT_EQ(p.Widgets["image1"].Type, "GtkImage");
+  EXPECT_EQ(p.Widgets["button_quit"].Text, "Quit");
+
+  auto& w = p.Widgets;
+  EXPECT_EQ(w["label_header"].Text, "Bench interrogator 7");
+  EXPECT_EQ(w["label_header"].Colour, "#10001000d000") << "zor_dblue";
+  EXPECT_EQ(w["label_Hz"].Text, "2000.0 Hz");
+  std::string ip, mask, gateway;
+  GetIfConfig(ip, mask, gateway);
+  EXPECT_EQ(w["label_ip_address"].Text, ip);
+  EXPECT_EQ(w["label_netmask"].Text, mask);
+  EXPECT_EQ(w["label_dhcp"].Text, bUseDhcp[0] ? "Enabled" : "Disabled");
+  EXPECT_EQ(w["label_time_source"].Text, bNtpRunning ? "NTP" : "System Clock");
+  EXPECT_EQ(w["label_SN"].Text, "No S/N");
+  EXPECT_EQ(w["label_firmware_release"].Text, "2.0h");
+  EXPECT_EQ(w["label_driver_release"].Text, std::to_string(s.Driver.GetDriverVersion()));
+  EXPECT_EQ(w["label_driver_release"].Colour, kBlack);
+  EXPECT_EQ(w["label_synthesis_release"].Text, std::to_string(s.pLastPeaks.load()->status.fw_version));
+  EXPECT_EQ(w["label_synthesis_release"].Colour, kBlack);
+  EXPECT_EQ(w["label_cfc_build"].Text, "1") << "no /cfc_build.dat";
+  EXPECT_EQ(w["label_cfc_build"].Colour, kRed) << "below build 10";
+  EXPECT_EQ(w["label_num_clients"].Text, "2");
+  EXPECT_EQ(w["label_msg"].Text, "Ready.");
+  EXPECT_EQ(w["label_operating_mode"].Text, "Stand-Alone");
+  EXPECT_EQ(w["label_triggering_mode"].Text, "Untriggered");
+  EXPECT_EQ(w["label_auto_retrigger"].Text, "N/A");
+  EXPECT_EQ(w["label_mux_level"].Text, "1");
+  EXPECT_TRUE(w["label_num_duts"].bVisible);
+  EXPECT_FALSE(w["label_num_duts2"].bVisible);
+  EXPECT_TRUE(Shows("label_temperature", a.Command("#GET_TX_DEGC") + " \u00b0C"));
+  EXPECT_EQ(w["label_time"].Text.size(), 24u) << w["label_time"].Text;
+  Screenshot("front-panel.png");
+
+  // Sensor counts of the newest record, plainly, then in brackets while binning.
+  auto counts = [&](const char* open, const char* close) {
+    const std::string rec = a.Command("#GET_UNBUFFERED_DATA");
+    std::string line;
+    for (int ch = 0; ch < 4; ++ch)
+      line += open + std::to_string(U16(rec, 16 + 2 * ch)) + close + (ch < 3 ? "\t" : "");
+    return line;
+  };
+  std::string seen;
+  EXPECT_TRUE(WaitFor([&] { return (seen = FrontPanelSnapshot().Widgets["label_num_duts"].Text) == counts("", ""); }, 30s))
+      << seen << " vs " << counts("", "");
+  EXPECT_NE(seen, "0\t0\t0\t0") << "the scene has sensors";
+  a.Command("#SET_ENABLE_SENSOR_BINS 1");
+  EXPECT_TRUE(WaitFor([&] { return (seen = FrontPanelSnapshot().Widgets["label_num_duts"].Text) == counts("[", "]"); }, 30s))
+      << seen;
+  a.Command("#SET_ENABLE_SENSOR_BINS 0");
+
+  // The web status page reads what the window last showed.
+  const std::string web = a.Command("#WEB_STATUS");
+  p = FrontPanelSnapshot(false);
+  EXPECT_EQ(Field(web, 2), p.Widgets["label_Hz"].Text);
+  EXPECT_EQ(Field(web, 7), ip);
+  EXPECT_EQ(Field(web, 14), "Stand-Alone");
+  EXPECT_EQ(Field(web, 15), "Untriggered");
+  EXPECT_FALSE(Field(web, 12).empty());
+
+  // Rate: halved by the clock divider, divided by the data-rate divider and the mux level.
+  EXPECT_EQ(a.Command("#SET_HWCLK_DIVIDER 2"), "Setting HwClk divider to 2.\n");
+  EXPECT_TRUE(Shows("label_Hz", "1000.0 Hz"));
+  a.Command("#SET_DATA_RATE_DIVIDER 4");
+  EXPECT_TRUE(Shows("label_Hz", "250.0 Hz"));
+  a.Command("#SET_MUX_LEVEL 2");  // a multiplexer takes every sweep: the divider goes back to 1
+  EXPECT_TRUE(Shows("label_Hz", "500.0 Hz"));
+  p = FrontPanelSnapshot();
+  EXPECT_EQ(p.Widgets["label_mux_level"].Text, "2");
+  EXPECT_TRUE(p.Widgets["label_num_duts2"].bVisible);
+  EXPECT_FALSE(p.Widgets["label_num_duts3"].bVisible);
+  a.Command("#SET_MUX_LEVEL 4");
+  EXPECT_TRUE(Shows("label_Hz", "250.0 Hz"));
+  EXPECT_EQ(FrontPanelSnapshot().Widgets["label_mux_level"].Text, "4");
+  EXPECT_TRUE(FrontPanelSnapshot().Widgets["label_num_duts4"].bVisible);
+
+  // Measured cost of the refresh: the window thread's CPU time over 8 s of ticks.
+  const double before = FrontPanelThreadCpuSeconds();
+  std::this_thread::sleep_for(8s);
+  const double percent = (FrontPanelThreadCpuSeconds() - before) / 8.0 * 100.0;
+  RecordProperty("front_panel_cpu_percent", std::to_string(percent));
+  std::printf("Front panel thread: %.2f %% of a core at 4 Hz\n", percent);
+}
+
+TEST_F(FrontPanelTest, EmbeddedModeShowsPageOne) {
+  Start({"#SET_EMBEDDED_MODE = \"1\""});
+  SPanelSnapshot p;
+  ASSERT_TRUE(WaitFor([&] { return (p = FrontPanelSnapshot()).Page == 1; }, 30s));
+  EXPECT_EQ(p.Widgets["label_embedded_mode"].Text, Server->S().GetStatusText());
+  EXPECT_NE(p.Widgets["label_embedded_mode"].Text.find("monitor"), std::string::npos);
+  EXPECT_EQ(p.Widgets["label_Hz"].Text, "1000 Hz") << "no status field is refreshed in embedded mode";
+  Screenshot("front-panel-embedded.png");
+}
+
+// The window's timer alone counts the watchdog: between two looks taken on the window's
+// thread the counter moves exactly as many ticks as the window made. Five seconds without
+// records then log the reset as the headless tick does.
+TEST_F(FrontPanelTest, WatchdogTicksOnTheWindowTimer) {
+  Start({});
+  CTestClient client;
+  ASSERT_TRUE(client.Connect(Server->Port()));
+  ASSERT_TRUE(FrontPanelServicesWatchdog());
+  bFpgaWatchDogEnabled = false;
+  EXPECT_EQ(client.Command("#ENABLE_DMA 0"), "DMA Disabled.\n");
+  std::this_thread::sleep_for(1s);  // the last record has been taken
+  uint32_t counter = 0;
+  ASSERT_TRUE(FrontPanelInvoke([&] {
+    FpgaWatchDog = 0;
+    bFpgaWatchDogEnabled = true;
+  }));
+  // 3 s of ticks, well below the 20 that reset: 12 from the window, 24 if a second tick ran.
+  std::this_thread::sleep_for(3s);
+  ASSERT_TRUE(FrontPanelInvoke([&] {
+    counter = FpgaWatchDog;
+    bFpgaWatchDogEnabled = false;
+  }));
+  EXPECT_GE(counter, 8u);
+  EXPECT_LE(counter, 16u) << "a headless tick runs beside the window's";
+
+  const std::string logPath = Server->RootPath() + "/vr480/vr480.log";
+  bFpgaWatchDogEnabled = true;
+  EXPECT_TRUE(WaitFor([&] { return ReadFile(logPath).find(":\tFPGA Watchdog reset.\n") != std::string::npos; }, 30s));
+}
+
+TEST_F(FrontPanelTest, QuitButtonStopsTheServer) {
+  Start({});
+  ASSERT_TRUE(WaitFor([] { return bGuiRunning.load(); }, 10s));
+  ASSERT_TRUE(FrontPanelClick("button_quit"));
+  ASSERT_TRUE(WaitFor([&] { return Server->RunEnded(); }, 60s)) << "Run did not return";
+  EXPECT_EQ(Server->RunResultCode(), 0);
+  EXPECT_FALSE(bGuiRunning);
+  EXPECT_TRUE(FrontPanelSnapshot().Widgets.empty()) << "the window is closed";
+}
+
+// vr480d as a process: with a display the window comes up (its display commands are recorded
+// on a workstation); without one, one console line and the server goes on headless.
+TEST(FrontPanelProcessTest, DisplayOrNot) {
+  CTempDir root;
+  for (bool withDisplay : {false, true}) {
+    CXvfb* x = nullptr;
+    const char* saved = std::getenv("DISPLAY");
+    const std::string keep = saved ? saved : "";
+    if (withDisplay) {
+      if (!Exists(kXvfb)) GTEST_SKIP() << "Xvfb is not installed (Debian package xvfb)";
+      x = new CXvfb();
+      ASSERT_FALSE(x->Display.empty());
+      setenv("DISPLAY", x->Display.c_str(), 1);
+    } else {
+      unsetenv("DISPLAY");
+    }
+    CServerProcess server(root.Path(), FreePort(), {"--front-panel"});
+    if (saved) setenv("DISPLAY", keep.c_str(), 1);
+    else unsetenv("DISPLAY");
+    ASSERT_TRUE(server.WaitForOutput("**** FS is optimized ****", 60s)) << server.Output();
+    CTestClient client;
+    ASSERT_TRUE(client.Connect(server.Port()));
+    EXPECT_EQ(client.Command("#IDN?").substr(0, 7), "Zorvane");
+    const std::string out = server.Output();
+    const size_t line = out.find("Front panel: cannot open display");
+    EXPECT_EQ(line != std::string::npos, !withDisplay) << out;
+    const std::string xset = "/usr/X11R6/bin/xset -d :0 s off";
+    EXPECT_EQ(ReadFile(root.Path() + "/tmp/host-commands.log").find(xset) != std::string::npos, withDisplay);
+    EXPECT_EQ(server.Stop(SIGTERM, 60s), 0);
+    WriteFile(root.Path() + "/tmp/host-commands.log", "");
+    delete x;
+  }
+}
+
+}  // namespace
