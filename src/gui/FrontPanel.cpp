@@ -361,12 +361,12 @@ GtkWidget* create_window1() {
     if (valueName) AddLabel(fixed1, valueName, value, valueX, y);
   };
   // Network and time, left of the upright rule.
-  row("IP Address", "label_ip_address", "0.0.0.0", 16, 132, 114);
-  row("Netmask", "label_netmask", "0.0.0.0", 16, 132, 140);
-  row("DHCP", "label_dhcp", "Enabled", 16, 132, 166);
-  row("# Clients", "label_num_clients", "0", 16, 132, 192);
-  row("Time", "label_time", "---", 16, 132, 218);
-  row("Source", "label_time_source", "---", 16, 132, 244);
+  row("IP Address", "label_ip_address", "0.0.0.0", 16, 112, 114);
+  row("Netmask", "label_netmask", "0.0.0.0", 16, 112, 140);
+  row("DHCP", "label_dhcp", "Enabled", 16, 112, 166);
+  row("# Clients", "label_num_clients", "0", 16, 112, 192);
+  row("Time", "label_time", "---", 16, 112, 218);
+  row("Source", "label_time_source", "---", 16, 112, 244);
   // Versions and temperature, right of it.
   row("FPGA Synthesis Release", "label_synthesis_release", "0", 336, 520, 114);
   row("Driver Release", "label_driver_release", "0", 336, 520, 140);
