@@ -238,14 +238,31 @@ void RefreshSensorCounts(CVr480Server& s) {
   for (int layer = 0; layer < kMaxMuxLevel; ++layer) s.PanelTexts.SensorCounts[layer] = lines[layer];
 }
 
-gboolean RunQueued(gpointer data) {
-  auto* fn = static_cast<std::function<void()>*>(data);
-  (*fn)();
-  delete fn;
+// Requests from other threads wait in this queue under its own lock; GLib's idle call only
+// wakes the front-panel thread to run them.
+std::mutex QueueLock;
+std::vector<std::function<void()>> Queued;
+
+gboolean RunQueued(gpointer) {
+  std::vector<std::function<void()>> work;
+  {
+    std::lock_guard<std::mutex> g(QueueLock);
+    work.swap(Queued);
+  }
+  for (auto& fn : work) fn();
   return FALSE;
 }
 
 }  // namespace
+
+#if defined(__SANITIZE_THREAD__)
+// The toolkit's font loader starts a thread of its own and hands its caches over with
+// synchronisation that ThreadSanitizer cannot see inside the uninstrumented libraries.
+extern "C" const char* __tsan_default_suppressions() {
+  return "race:libfontconfig.so\n"
+         "race:libpangoft2-1.0.so\n";
+}
+#endif
 
 // ---- Glade support functions -----------------------------------------------------------------
 
@@ -597,13 +614,16 @@ bool FrontPanelInvoke(const std::function<void()>& fn, std::chrono::milliseconds
     bool bDone = false;
   };
   auto done = std::make_shared<SDone>();
-  auto* queued = new std::function<void()>([fn, done] {
-    if (bWindowUp) fn();
-    std::lock_guard<std::mutex> g(done->Lock);
-    done->bDone = true;
-    done->Cond.notify_all();
-  });
-  g_idle_add(RunQueued, queued);  // GLib's queue is thread-safe; the call runs on the front-panel thread
+  {
+    std::lock_guard<std::mutex> g(QueueLock);
+    Queued.emplace_back([fn, done] {
+      if (bWindowUp) fn();
+      std::lock_guard<std::mutex> g(done->Lock);
+      done->bDone = true;
+      done->Cond.notify_all();
+    });
+  }
+  g_idle_add(RunQueued, nullptr);  // thread-safe; runs the queue on the front-panel thread
   std::unique_lock<std::mutex> g(done->Lock);
   return done->Cond.wait_for(g, timeout, [&] { return done->bDone; });
 }
