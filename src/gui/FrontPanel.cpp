@@ -535,6 +535,7 @@ int gui_periodic_function(void*) {
 void* GUI_thread(void*) {
   CVr480Server& s = *PanelServer;
   GuiTid = ::syscall(SYS_gettid);
+  pthread_setname_np(pthread_self(), "front panel");  // for top -H and /proc
   if (s.bPcm9361Board) PinGuiThread();
   // The server formats numbers in the C locale; the toolkit must not switch the process to
   // the user's locale.
@@ -543,8 +544,8 @@ void* GUI_thread(void*) {
   bToolkitStarted = true;
   if (!gtk_init_check(nullptr, nullptr)) {
     const char* display = std::getenv("DISPLAY");
-    std::printf("Front panel: cannot open display '%s'; the server runs without the window.\n",
-                display ? display : "");
+    const std::string name = display && display[0] ? std::string("'") + display + "'" : "(DISPLAY is not set)";
+    std::printf("Front panel: cannot open display %s; the server runs without the window.\n", name.c_str());
     std::fflush(stdout);
     ReportStart(-1);
     return nullptr;
@@ -574,6 +575,7 @@ void* GUI_thread(void*) {
 
   // The window goes with its loop, so a later start in the same process builds a fresh one.
   bWindowUp = false;
+  RunQueued(nullptr);  // requests that came too late are answered without running
   gtk_widget_destroy(window1);
   window1 = nullptr;
   while (gtk_events_pending()) gtk_main_iteration();

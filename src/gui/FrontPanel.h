@@ -21,8 +21,8 @@ class CVr480Server;
 // opened the display and shown its window, or found that there is no display. Returns 0 when
 // the window runs (its timer then ticks the acquisition watchdog, and Run starts no tick of
 // its own); -1 when there is no display (one console line, "Front panel: cannot open display
-// ..."; the server goes on without the window); or the error code of a thread that could not
-// be created.
+// ...; the server runs without the window."; the server goes on without it); or the error
+// code of a thread that could not be created.
 int StartFrontPanel(CVr480Server& server);
 
 // After Run's stop path cleared bGuiRun and saw bGuiRunning fall: reaps the thread. A thread

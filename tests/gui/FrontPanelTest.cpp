@@ -10,6 +10,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -313,8 +314,11 @@ TEST(FrontPanelProcessTest, DisplayOrNot) {
     ASSERT_TRUE(client.Connect(server.Port()));
     EXPECT_EQ(client.Command("#IDN?").substr(0, 7), "Zorvane");
     const std::string out = server.Output();
-    const size_t line = out.find("Front panel: cannot open display");
-    EXPECT_EQ(line != std::string::npos, !withDisplay) << out;
+    int displayLines = 0;  // the toolkit adds no warnings of its own to the server's line
+    std::istringstream lines(out);
+    for (std::string line; std::getline(lines, line);) displayLines += line.find("isplay") != std::string::npos;
+    EXPECT_EQ(displayLines, withDisplay ? 0 : 1) << out;
+    EXPECT_EQ(out.find("Front panel: cannot open display") != std::string::npos, !withDisplay) << out;
     const std::string xset = "/usr/X11R6/bin/xset -d :0 s off";
     EXPECT_EQ(ReadFile(root.Path() + "/tmp/host-commands.log").find(xset) != std::string::npos, withDisplay);
     EXPECT_EQ(server.Stop(SIGTERM, 60s), 0);
