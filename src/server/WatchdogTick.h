@@ -7,10 +7,9 @@
 // armed (bFpgaWatchDogEnabled), the tick notes "FPGA Watchdog reset." in the event log,
 // flushes the file systems, waits 5 s and reboots the machine through "#REBOOT".
 //
-// The front panel's 250 ms timer is the natural home of this tick and will take it over:
-// the window then calls Tick() from its periodic function and does not start the thread.
-// Until then, and whenever there is no window, Start() runs the same tick on a small thread
-// of its own. Stop() ends that thread at once, abandoning a reboot still in its 5 s pause.
+// While the front panel runs, its 250 ms timer calls Tick() from its periodic function and
+// the thread is not started. Without a window Start() runs the same tick on a small thread of
+// its own. Stop() ends that thread at once, abandoning a reboot still in its 5 s pause.
 #pragma once
 
 #include <chrono>
