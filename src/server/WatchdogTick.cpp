@@ -20,6 +20,8 @@ void CWatchdogTick::Tick() {
   Server.ExecuteInternal("#LOG_ENTRY FPGA Watchdog reset.");
   Host().Run("/bin/sync");
   if (!SleepUntil(std::chrono::steady_clock::now() + kRebootPause)) return;
+  // The ordinary stop disarms the watchdog: a server stopping meanwhile is not rebooted.
+  if (!bFpgaWatchDogEnabled) return;
   Server.ExecuteInternal("#REBOOT");
 }
 

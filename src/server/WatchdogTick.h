@@ -9,7 +9,8 @@
 //
 // While the front panel runs, its 250 ms timer calls Tick() from its periodic function and
 // the thread is not started. Without a window Start() runs the same tick on a small thread of
-// its own. Stop() ends that thread at once, abandoning a reboot still in its 5 s pause.
+// its own. Stop() ends that thread at once, abandoning a reboot still in its 5 s pause; so
+// does the ordinary stop, which disarms the watchdog, when the window's timer runs the tick.
 #pragma once
 
 #include <chrono>
