@@ -35,3 +35,13 @@ SChannelRange ChannelRange(const CVr480Server& s, bool legacy) {
   bool ignored;
   return {legacy ? "1" : "1.1", Notation(ChannelsInUse(s), legacy, &ignored)};
 }
+
+int ReadSensorArg(const CCommandContext& c, int col) {
+  const long n = c.Int(col);
+  return n >= 1 && n <= kSensorsPerChannel ? static_cast<int>(n - 1) : -1;
+}
+
+int ReplyBadChannel(CCommandContext& c, bool legacy) {
+  const SChannelRange range = ChannelRange(c.Server, legacy);
+  return c.Reply("!Illegal parameters.  Acceptable ranges are: Ch# %s to %s.\n", range.Low.c_str(), range.High.c_str());
+}

@@ -28,3 +28,10 @@ struct SChannelRange {
   std::string Low, High;
 };
 SChannelRange ChannelRange(const CVr480Server& s, bool legacy);
+
+// Reads column `col` as a sensor numbered 1-250: 0-249, or -1 when out of range.
+int ReadSensorArg(const CCommandContext& c, int col);
+
+// The refusal of a channel out of range: "!Illegal parameters.  Acceptable ranges are: Ch# 1
+// to 4.\n" with both bounds in the client's notation. Returns the reply code.
+int ReplyBadChannel(CCommandContext& c, bool legacy);

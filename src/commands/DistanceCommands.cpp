@@ -20,23 +20,10 @@
 
 namespace {
 
-constexpr long kMaxPlotRows = 10000;  // bounds the acquisition thread's time on one plot
-
-// The sensor of column `col`, 0-249, or -1.
-int ReadSensor(const CCommandContext& c, int col) {
-  const long n = c.Int(col);
-  return n >= 1 && n <= kSensorsPerChannel ? static_cast<int>(n - 1) : -1;
-}
-
 int BadSensorArgs(CCommandContext& c, bool legacy) {
   const SChannelRange range = ChannelRange(c.Server, legacy);
   return c.Reply("!Illegal parameters.  Acceptable ranges are: Ch# %s to %s, sensor# 1 to %d.\n", range.Low.c_str(),
                  range.High.c_str(), kSensorsPerChannel);
-}
-
-int BadChannelArgs(CCommandContext& c, bool legacy) {
-  const SChannelRange range = ChannelRange(c.Server, legacy);
-  return c.Reply("!Illegal parameters.  Acceptable ranges are: Ch# %s to %s.\n", range.Low.c_str(), range.High.c_str());
 }
 
 // Waits until the acquisition thread has served a request; false when the server stops first.
@@ -59,7 +46,7 @@ int SetSensorLocation(CCommandContext& c) {
   if (!c.FiniteDbl(n, metres)) return kReplyText;
   if (n == 3) {
     const SChannelArg ch = ReadChannelArg(c, 1, kLogicalChannels);
-    const int sensor = ReadSensor(c, 2);
+    const int sensor = ReadSensorArg(c, 2);
     if (ch.Index < 0 || sensor < 0) return BadSensorArgs(c, ch.bLegacy);
     SetLocation(s, ch.Index, sensor, metres);
     s.RequestAveragesReset(ch.Index, sensor);
@@ -83,7 +70,7 @@ int SetSensorLocation(CCommandContext& c) {
 
 int GetSensorLocation(CCommandContext& c) {
   const SChannelArg ch = ReadChannelArg(c, 1, kLogicalChannels);
-  const int sensor = ReadSensor(c, 2);
+  const int sensor = ReadSensorArg(c, 2);
   if (ch.Index < 0 || sensor < 0) return BadSensorArgs(c, ch.bLegacy);
   return c.Reply("%f", c.Server.SensorDistances[ch.Index][sensor].load());
 }
@@ -158,7 +145,7 @@ int MeasureLocations(CCommandContext& c) {
 int GetMeasuredLocation(CCommandContext& c) {
   if (!c.Server.bLocMeasEnable) return NotAvailable(c);
   const SChannelArg ch = ReadChannelArg(c, 1, kLogicalChannels);
-  const int sensor = ReadSensor(c, 2);
+  const int sensor = ReadSensorArg(c, 2);
   if (ch.Index < 0 || sensor < 0) return BadSensorArgs(c, ch.bLegacy);
   return c.Reply("%f", c.Server.MeasuredLocation[ch.Index][sensor].load());
 }
@@ -174,7 +161,7 @@ int ApplyMeasuredLocations(CCommandContext& c) {
   if (!s.bLocMeasEnable) return NotAvailable(c);
   if (c.NumArgs() == 2) {
     const SChannelArg ch = ReadChannelArg(c, 1, kLogicalChannels);
-    const int sensor = ReadSensor(c, 2);
+    const int sensor = ReadSensorArg(c, 2);
     if (ch.Index < 0 || sensor < 0) return BadSensorArgs(c, ch.bLegacy);
     const double metres = s.MeasuredLocation[ch.Index][sensor];
     SetLocation(s, ch.Index, sensor, metres);
@@ -215,7 +202,7 @@ int GetLocMeasMaxIterations(CCommandContext& c) { return c.Reply("%d", c.Server.
 
 int SetChOffset(CCommandContext& c, Relaxed<double>* offsets) {
   const SChannelArg ch = ReadChannelArg(c, 1, kLogicalChannels);
-  if (ch.Index < 0) return BadChannelArgs(c, ch.bLegacy);
+  if (ch.Index < 0) return ReplyBadChannel(c, ch.bLegacy);
   double metres;
   if (!c.FiniteDbl(2, metres)) return kReplyText;
   offsets[ch.Index] = metres;
@@ -223,7 +210,7 @@ int SetChOffset(CCommandContext& c, Relaxed<double>* offsets) {
 }
 int GetChOffset(CCommandContext& c, const Relaxed<double>* offsets) {
   const SChannelArg ch = ReadChannelArg(c, 1, kLogicalChannels);
-  if (ch.Index < 0) return BadChannelArgs(c, ch.bLegacy);
+  if (ch.Index < 0) return ReplyBadChannel(c, ch.bLegacy);
   return c.Reply("%f", offsets[ch.Index].load());
 }
 int SetLocMeasChOffset(CCommandContext& c) { return SetChOffset(c, c.Server.LocMeasChOffsetMeters); }

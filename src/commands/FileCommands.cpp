@@ -66,7 +66,7 @@ bool ParseByteCount(const std::string& text, int64_t* count) {
 
 int RefuseUpload(CCommandContext& c, const std::string& path, const std::string& why) {
   std::printf("Upload of %s refused: %s.\n", path.c_str(), why.c_str());
-  std::printf("Failed to open output file.\n");
+  std::printf("Failed to open output file.");
   std::fflush(stdout);
   c.Reply("!Failed to open output file >>%s<<.\n", path.c_str());
   return kReplyInvalid;
@@ -75,14 +75,16 @@ int RefuseUpload(CCommandContext& c, const std::string& path, const std::string&
 int Upload(CCommandContext& c) {
   const std::string sizeText = c.Col(1);
   const std::string path = c.Col(2);
-  std::printf("Beginning upload of %s... awaiting %s bytes.\n", path.c_str(), sizeText.c_str());
+  int64_t size = 0;
+  const bool counted = ParseByteCount(sizeText, &size);
+  if (counted) std::printf("Beginning upload of %s... awaiting %lld bytes.\n", path.c_str(), static_cast<long long>(size));
+  else std::printf("Beginning upload of %s... awaiting %s bytes.\n", path.c_str(), sizeText.c_str());
   std::fflush(stdout);
 
   CVr480Server& s = c.Server;
   const int client = c.Client;
-  int64_t size = 0;
   if (client < 0 || client >= kClientSlots) return RefuseUpload(c, path, "there is no connection to receive from");
-  if (!ParseByteCount(sizeText, &size))
+  if (!counted)
     return RefuseUpload(c, path, "the byte count \"" + sizeText + "\" is not a whole number of bytes within range");
   CUploadTarget target;
   std::string why;

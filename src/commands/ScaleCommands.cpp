@@ -180,22 +180,17 @@ int SetUpperWvlLimit(CCommandContext& c) {
 }
 int GetUpperWvlLimit(CCommandContext& c) { return GetReal(c, c.Server.UpperWvlLimit, "%f"); }
 
-int BadChannel(CCommandContext& c, bool legacy) {
-  const SChannelRange range = ChannelRange(c.Server, legacy);
-  return c.Reply("!Illegal parameters.  Acceptable ranges are: Ch# %s to %s.\n", range.Low.c_str(), range.High.c_str());
-}
-
 // A disabled channel reaches the pipeline without peaks: its sensors vanish from the records.
 int SetChEnable(CCommandContext& c) {
   const SChannelArg ch = ReadChannelArg(c, 1, kLogicalChannels);
-  if (ch.Index < 0) return BadChannel(c, ch.bLegacy);
+  if (ch.Index < 0) return ReplyBadChannel(c, ch.bLegacy);
   const bool on = (c.Int(2) & 1) != 0;
   c.Server.ChEnable[ch.Index] = on;
   return c.Reply("Ch %s %s.\n", c.Col(1).c_str(), on ? "enabled" : "disbled");
 }
 int GetChEnable(CCommandContext& c) {
   const SChannelArg ch = ReadChannelArg(c, 1, kLogicalChannels);
-  if (ch.Index < 0) return BadChannel(c, ch.bLegacy);
+  if (ch.Index < 0) return ReplyBadChannel(c, ch.bLegacy);
   return c.Reply("%d", c.Server.ChEnable[ch.Index] ? 1 : 0);
 }
 

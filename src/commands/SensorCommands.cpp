@@ -103,15 +103,10 @@ int BadReference(CCommandContext& c, bool legacy) {
                  range.High.c_str(), kSensorsPerChannel);
 }
 
-// The sensor of column `col`, 0-249, or -1.
-int ReadSensor(const CCommandContext& c, int col) {
-  const long n = c.Int(col);
-  return n >= 1 && n <= kSensorsPerChannel ? static_cast<int>(n - 1) : -1;
-}
 
 int SetReferenceValue(CCommandContext& c) {
   const SChannelArg ch = ReadChannelArg(c, 1, kLogicalChannels);
-  const int sensor = ReadSensor(c, 2);
+  const int sensor = ReadSensorArg(c, 2);
   if (ch.Index < 0 || sensor < 0) return BadReference(c, ch.bLegacy);
   double nm;
   if (!c.FiniteDbl(3, nm)) return kReplyText;
@@ -123,7 +118,7 @@ int SetReferenceValue(CCommandContext& c) {
 
 int SetSensorReferenceToCurrent(CCommandContext& c) {
   const SChannelArg ch = ReadChannelArg(c, 1, ChannelsInUse(c.Server));
-  const int sensor = ReadSensor(c, 2);
+  const int sensor = ReadSensorArg(c, 2);
   if (ch.Index < 0 || sensor < 0) return BadReference(c, ch.bLegacy);
   const CCurrentRecord current(c, ch.Index);
   const int32_t reference = ReferenceToCurrent(c.Server, ch.Index, static_cast<uint32_t>(sensor), current);
@@ -151,14 +146,14 @@ int SetAllReferencesToCurrent(CCommandContext& c) {
 
 int GetReference(CCommandContext& c) {
   const SChannelArg ch = ReadChannelArg(c, 1, kLogicalChannels);
-  const int sensor = ReadSensor(c, 2);
+  const int sensor = ReadSensorArg(c, 2);
   if (ch.Index < 0 || sensor < 0) return BadReference(c, ch.bLegacy);
   return c.Reply("%f", c.Server.SensorReferences[ch.Index][sensor] / ClientGranularity(c));
 }
 
 int ClearSensorReference(CCommandContext& c) {
   const SChannelArg ch = ReadChannelArg(c, 1, ChannelsInUse(c.Server));
-  const int sensor = ReadSensor(c, 2);
+  const int sensor = ReadSensorArg(c, 2);
   if (ch.Index < 0 || sensor < 0) return BadReference(c, ch.bLegacy);
   c.Server.SensorReferences[ch.Index][sensor] = 0;
   return c.Reply("Zeroing reference (%s, %d).\n", c.Col(1).c_str(), sensor + 1);
@@ -217,7 +212,7 @@ bool CountInRange(const CVr480Server& s, long count) { return count >= 1 && coun
 int SetSensorAverages(CCommandContext& c) {
   CVr480Server& s = c.Server;
   const SChannelArg ch = ReadChannelArg(c, 1, kLogicalChannels);
-  const int sensor = ReadSensor(c, 2);
+  const int sensor = ReadSensorArg(c, 2);
   const long count = c.Int(3);
   if (ch.Index < 0 || sensor < 0 || !CountInRange(s, count)) return BadAverages(c, ch.bLegacy);
   SetAverages(s, ch.Index, sensor, count);
@@ -245,7 +240,7 @@ int SetAllAverages(CCommandContext& c) {
 
 int GetNumAverages(CCommandContext& c) {
   const SChannelArg ch = ReadChannelArg(c, 1, kLogicalChannels);
-  const int sensor = ReadSensor(c, 2);
+  const int sensor = ReadSensorArg(c, 2);
   if (ch.Index < 0 || sensor < 0) return BadReference(c, ch.bLegacy);
   return c.Reply("%d", ClientAverages(c.Server, ch.Index, sensor));
 }
@@ -368,11 +363,7 @@ int GetSensorBinWidth(CCommandContext& c) { return c.Reply("%d", static_cast<int
 
 int GetLastBinFaultCnt(CCommandContext& c) {
   const SChannelArg ch = ReadChannelArg(c, 1, kLogicalChannels);
-  if (ch.Index < 0) {
-    const SChannelRange range = ChannelRange(c.Server, ch.bLegacy);
-    return c.Reply("!Illegal parameters.  Acceptable ranges are: Ch# %s to %s.\n", range.Low.c_str(),
-                   range.High.c_str());
-  }
+  if (ch.Index < 0) return ReplyBadChannel(c, ch.bLegacy);
   return c.Reply("%d", std::atomic_ref<int32_t>(c.Server.LastBinFaultCnt[ch.Index]).load(std::memory_order_relaxed));
 }
 

@@ -13,6 +13,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
 
 #include "host/Host.h"
@@ -50,7 +51,7 @@ double CVr480Server::TimeOfFlightCounts(int logical, double metres, double sweep
 }
 
 void CVr480Server::UpdateTimeOfFlight(int logical, int sensor) {
-  const double rate = const_cast<CVr480Server*>(this)->SweepRate();
+  const double rate = SweepRate();
   const int firstCh = logical < 0 ? 0 : logical, lastCh = logical < 0 ? kLogicalChannels - 1 : logical;
   for (int ch = firstCh; ch <= lastCh; ++ch) {
     const int firstS = sensor < 0 ? 0 : sensor, lastS = sensor < 0 ? kSensorsPerChannel - 1 : sensor;
@@ -182,17 +183,7 @@ int CVr480Server::MeasureSensorDistances() {
   }
 
   DistMeasPrint("\n---------- averaged distances (+offsets) ----------\n");
-  for (int layer = 0; layer < MuxLevel; ++layer) {
-    const uint8_t* fast = dm.Processed[kDistMeasFast][layer];
-    for (int ch = 0; ch < kOpticalChannels; ++ch) {
-      const int sensors = KeptCount(fast, ch);
-      if (sensors == 0) continue;
-      const int index = SlotLayer(fast) * kOpticalChannels + ch;
-      DistMeasPrint("%d: ", index);
-      for (int j = 0; j < sensors; ++j) DistMeasPrint("%.9g\t", MeasuredLocation[index][j].load());
-      DistMeasPrint("\n");
-    }
-  }
+  DistMeasChannelLines(kDistMeasFast, [this](int index, int j) { return MeasuredLocation[index][j].load(); });
   return finish(0);
 }
 
@@ -410,8 +401,8 @@ int CVr480Server::DistMeas_ProcessData() {
 
 // ---- Log ----------------------------------------------------------------------------------
 
-// One line per channel with sensors in the fast sweep: "<index>: v\tv\t...\n".
-void CVr480Server::DistMeasChannelLines(int divider, const double (*values)[kSensorsPerChannel]) {
+// One line per channel with sensors in the stored sweeps of a rate: "<index>: v\tv\t...\n".
+void CVr480Server::DistMeasChannelLines(int divider, const std::function<double(int index, int sensor)>& value) {
   const SDistMeasState& dm = DistMeasState();
   for (int layer = 0; layer < MuxLevel; ++layer) {
     const uint8_t* slot = dm.Processed[divider][layer];
@@ -420,14 +411,7 @@ void CVr480Server::DistMeasChannelLines(int divider, const double (*values)[kSen
       if (sensors == 0) continue;
       const int index = SlotLayer(slot) * kOpticalChannels + ch;
       DistMeasPrint("%d: ", index);
-      if (values) {
-        for (int j = 0; j < sensors; ++j) DistMeasPrint("%.9g\t", values[index][j]);
-      } else {
-        const uint32_t first = FirstValue(slot, ch);
-        const double granularity = static_cast<int32_t>(GetRecU32(slot, kRecGranularityOffset));
-        for (int j = 0; j < sensors; ++j)
-          DistMeasPrint("%.9g\t", granularity != 0.0 ? GetRecI32(slot, kRecSensorsOffset + 4 * (first + j)) / granularity : 0.0);
-      }
+      for (int j = 0; j < sensors; ++j) DistMeasPrint("%.9g\t", value(index, j));
       DistMeasPrint("\n");
     }
   }
@@ -445,12 +429,12 @@ int CVr480Server::DistMeas_DumpData() {
   }
   for (int divider = 0; divider < 2; ++divider) {
     DistMeasPrint("\n---------- Wavelengths: %s ----------\n", RateName(divider));
-    DistMeasChannelLines(divider, nullptr);
+    DistMeasChannelLines(divider, [&](int index, int j) { return DistMeas_GetWvl(divider, index, j); });
   }
   DistMeasPrint("\n---------- wvl_err ----------\n");
-  DistMeasChannelLines(kDistMeasFast, dm.WvlErr);
+  DistMeasChannelLines(kDistMeasFast, [&](int index, int j) { return dm.WvlErr[index][j]; });
   DistMeasPrint("\n---------- distances ----------\n");
-  DistMeasChannelLines(kDistMeasFast, dm.DistEstimate);
+  DistMeasChannelLines(kDistMeasFast, [&](int index, int j) { return dm.DistEstimate[index][j]; });
   return 0;
 }
 
@@ -493,9 +477,10 @@ int CVr480Server::DistMeas_GeneratePlot(bool newData, double startM, double stop
   std::printf("count location @ 1kHz: %d\n", DistMeas_GetCountVal(kDistMeasFast, index, sensor));
   std::printf("count location @ 500 Hz: %d\n", DistMeas_GetCountVal(kDistMeasSlow, index, sensor));
   std::printf("\nL\tWvl @1khz\tWvl @500Hz\tWvl Err\n");
-  // The command refuses a step that is not positive; the row count bounds the loop anyway.
-  for (long row = 0; stepM > 0.0 && startM + row * stepM <= stopM; ++row) {
-    const double d = startM + row * stepM;
+  // The command refuses a step that is not positive or too many rows; the row bound also ends
+  // a step too small to move a large distance.
+  long row = 0;
+  for (double d = startM; stepM > 0.0 && d <= stopM && row < kMaxPlotRows; d += stepM, ++row) {
     for (auto& channel : dm.DistEstimate)
       for (double& e : channel) e = d;
     if (DistMeas_ProcessData() != 0) {

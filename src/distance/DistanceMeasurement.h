@@ -18,6 +18,9 @@
 constexpr int kDistMeasFast = 0;  // divider off (1 kHz, or 2 kHz in 2 kHz mode)
 constexpr int kDistMeasSlow = 1;  // divider on (half the rate)
 
+// Rows of one distance plot at most: bounds the acquisition thread's time on one request.
+constexpr long kMaxPlotRows = 10000;
+
 // Where the measurement writes its log (an instrument path).
 constexpr const char* kDistMeasLogPath = "/tmp/DistMeas.log";
 // Where the averaging depths wait while every sweep counts on its own.

@@ -20,6 +20,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -507,7 +508,7 @@ class CVr480Server {
   int DistMeas_CalcTimeOfFlight(int divider);
   int DistMeas_DumpData();
   void DistMeasPrint(const char* format, ...) __attribute__((format(printf, 2, 3)));
-  void DistMeasChannelLines(int divider, const double (*values)[kSensorsPerChannel]);
+  void DistMeasChannelLines(int divider, const std::function<double(int index, int sensor)>& value);
   void ApplyAveragesResets();  // acquisition: carries the requested resets into the store
   std::unique_ptr<SDistMeasState> DistMeas;  // acquisition thread; allocated on first use
   std::mutex AvgResetLock;                    // guards AvgResets
