@@ -53,10 +53,10 @@ struct struct_dma_peaks_data {
 
   // Peak list c: 0 = FBG, 1 = FFPI, 2-5 = DUT channels 0-3. Lists 1-5 are contiguous, so
   // peak i of list c >= 1 sits at byte 4 x (250c + i) - 848.
-  uint32_t* PeakList(int c) { return c == 0 ? FbgPeaks : FfpiPeaks + kPeakListSize * (c - 1); }
-  const uint32_t* PeakList(int c) const {
-    return c == 0 ? FbgPeaks : FfpiPeaks + kPeakListSize * (c - 1);
-  }
+  // Each list is taken from its own array: indexing FfpiPeaks past its end, though the same
+  // address, is undefined behaviour.
+  uint32_t* PeakList(int c) { return c == 0 ? FbgPeaks : c == 1 ? FfpiPeaks : DutPeaks[c - 2]; }
+  const uint32_t* PeakList(int c) const { return c == 0 ? FbgPeaks : c == 1 ? FfpiPeaks : DutPeaks[c - 2]; }
 
   // The multiplexer layer of this sweep (bits 0-1 of flags1_lo), after the server's conversion.
   int Layer() const { return status.flags1_lo & 0x03; }
