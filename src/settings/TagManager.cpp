@@ -140,7 +140,7 @@ int CTagManager::ReplaceMatching(const std::string& line, short count, const sho
     }
   }
 
-  std::cout << "Adding Tag [" << canonical << "]\n";
+  std::printf("Adding Tag [%s]\n", canonical.c_str());
   AddTagLocked(canonical);
   return 0;
 }
@@ -174,11 +174,13 @@ int CTagManager::RemoveMatching(const std::string& line, bool bMatchArgument) {
     std::string tagArgument;
     AnalyzeTag(tag.Tag, &tagCommand, &tagArgument);
     if (tagCommand != command || (bMatchArgument && tagArgument != argument)) continue;
-    std::cout << "Removing Tag [" << tag.Tag << "]\n";
+    // One call per console line: other threads print too, and a line written in pieces can be
+    // split by theirs.
+    std::printf("Removing Tag [%s]\n", tag.Tag.c_str());
     tag.Tag = "//" + tag.Tag;
     return 1;
   }
-  std::cout << "Could not remove Tag " << command << ".  Tag not found.\n";
+  std::printf("Could not remove Tag %s.  Tag not found.\n", command.c_str());
   return -1;
 }
 
@@ -228,7 +230,7 @@ int CTagManager::LoadTags(const std::string& base) {
   SetFileNames(base);
   std::ifstream in(TagFileName, std::ios::binary);
   if (!in) {
-    std::cout << "Error opening input Tag File " << TagFileName << "\n";
+    std::printf("Error opening input Tag File %s\n", TagFileName.c_str());
     return -1;
   }
 
@@ -259,10 +261,10 @@ int CTagManager::SaveTags(const std::string& base) {
     case EFileWrite::kOk:
       return 0;
     case EFileWrite::kOpenFailed:
-      std::cout << "Error opening output Tag File " << TagFileName << "\n";
+      std::printf("Error opening output Tag File %s\n", TagFileName.c_str());
       return -1;
     case EFileWrite::kWriteFailed:
-      std::cout << "Error writing output Tag File " << TagFileName << "\n";
+      std::printf("Error writing output Tag File %s\n", TagFileName.c_str());
       return -1;
   }
   return -1;
@@ -273,7 +275,7 @@ int CTagManager::LoadRems(const std::string& /*remFileName*/) { return 0; }
 void CTagManager::DumpTags() const {
   std::lock_guard<std::mutex> guard(Lock);
   for (size_t i = 0; i < TagList.size(); ++i) {
-    std::cout << "Tag[" << i << "] " << TagList[i].Tag << "\n";
+    std::printf("Tag[%zu] %s\n", i, TagList[i].Tag.c_str());
   }
 }
 
@@ -295,7 +297,7 @@ int CTagManager::DumpTags(const std::string& fileName, int mode) const {
     content += "Tag[" + std::to_string(i) + "] " + TagList[i].Tag + lineEnd;
   }
   if (ReplaceFileAtomically(fileName, content) != EFileWrite::kOk) {
-    std::cout << "Error opening " << fileName << ".\n";
+    std::printf("Error opening %s.\n", fileName.c_str());
     return -1;
   }
   return 0;

@@ -232,12 +232,6 @@ TEST_F(FrontPanelTest, WidgetTreeShowsTheServerState) {
   EXPECT_EQ(FrontPanelSnapshot().Widgets["label_mux_level"].Text, "4");
   EXPECT_TRUE(FrontPanelSnapshot().Widgets["label_num_duts4"].bVisible);
 
-  // Measured cost of the refresh: the window thread's CPU time over 8 s of ticks.
-  const double before = FrontPanelThreadCpuSeconds();
-  std::this_thread::sleep_for(8s);
-  const double percent = (FrontPanelThreadCpuSeconds() - before) / 8.0 * 100.0;
-  RecordProperty("front_panel_cpu_percent", std::to_string(percent));
-  std::printf("Front panel thread: %.2f %% of a core at 4 Hz\n", percent);
 }
 
 TEST_F(FrontPanelTest, EmbeddedModeShowsPageOne) {
@@ -266,14 +260,18 @@ TEST_F(FrontPanelTest, WatchdogTicksOnTheWindowTimer) {
     FpgaWatchDog = 0;
     bFpgaWatchDogEnabled = true;
   }));
-  // 3 s of ticks, well below the 20 that reset: 12 from the window, 24 if a second tick ran.
+  // About 3 s of ticks, well below the 20 that reset. The window ticks 4 times a second at
+  // most (a loaded machine delays its timer, never hurries it); a second tick beside it would
+  // double that.
+  const auto from = std::chrono::steady_clock::now();
   std::this_thread::sleep_for(3s);
   ASSERT_TRUE(FrontPanelInvoke([&] {
     counter = FpgaWatchDog;
     bFpgaWatchDogEnabled = false;
   }));
-  EXPECT_GE(counter, 8u);
-  EXPECT_LE(counter, 16u) << "a headless tick runs beside the window's";
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - from).count();
+  EXPECT_GE(counter, 1u);
+  EXPECT_LE(counter, static_cast<uint32_t>(4 * seconds + 3)) << "a headless tick runs beside the window's";
 
   const std::string logPath = Server->RootPath() + "/vr480/vr480.log";
   bFpgaWatchDogEnabled = true;
