@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdio>
 #include <iostream>
+#include <sstream>
 #include <thread>
 
 #include "gui/FrontPanel.h"
@@ -101,9 +102,12 @@ void CVr480Server::InitialAutoBias() {
     ++n;
   }
   double seconds = static_cast<double>(n) / rate;
-  std::cout << "\nAutoBias time = " << seconds << " (Max time = " << 60 << ")\n";
-  if (n >= limit) std::cout << "Initial Auto-bias failed after " << seconds << " seconds.\n";
-  std::cout << std::flush;
+  // Composed first and written in one call: other threads print meanwhile, and a line written
+  // piece by piece can be split by theirs.
+  std::ostringstream text;
+  text << "\nAutoBias time = " << seconds << " (Max time = " << 60 << ")\n";
+  if (n >= limit) text << "Initial Auto-bias failed after " << seconds << " seconds.\n";
+  std::cout << text.str() << std::flush;
 }
 
 // The driver of release 50 and later goes with synthesis 101 and a base image of build 14;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <sys/stat.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <type_traits>
@@ -183,6 +184,6 @@ void CVr480Server::ApplyAveragingDepths() {
 
 uint16_t CVr480Server::GetNumAverages(uint8_t channel, uint16_t sensor) {
   if (channel < kLogicalChannels && sensor < kSensorsPerChannel) return SensorAverages[channel][sensor];
-  std::cout << "Illegal parameters to GetNumAverages(): ch= " << int(channel) << "  and sensor= " << sensor << ".\n";
+  std::printf("Illegal parameters to GetNumAverages(): ch= %d  and sensor= %d.\n", int(channel), int(sensor));
   return 0;
 }
