@@ -18,7 +18,7 @@ TEST(HelpList, EveryListedCommandHasARow) {
     if (word[0] != '#') continue;
     ++listed;
     const bool answered = Commands().Find(word) != nullptr;
-    if (answered == listedWithoutHandler.count(word) > 0) missing += word + " ";
+    if (answered == (listedWithoutHandler.count(word) > 0)) missing += word + " ";
   }
   EXPECT_GT(listed, 250);
   EXPECT_EQ(missing, "") << "listed but not answered, or answered though the list has no handler for it";
