@@ -12,6 +12,7 @@
 // Runs at up to 2000 records a second: no allocation, and no console output except the
 // failure and switch-down messages. Settings are read once per record into locals, so a
 // handler changing one mid-record affects the next record, not half of this one.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -98,6 +99,14 @@ int CVr480Server::ProcessPeaksData() {
 // per-sensor tables (time of flight, reference, averages). Returns the number kept; `skip`
 // counts the amplitude channel's peaks dropped below the window, which the amplitude list
 // steps over.
+//
+// Two passes per channel. The first converts every peak as if all before it were kept
+// (sensor number = list index), which is what happens unless a peak below the window is
+// dropped: each conversion then depends on no other, and the card's thousand conversions per
+// record (two divisions each) overlap in the processor instead of waiting one for another.
+// The second pass keeps, references and averages in list order and takes the first pass's
+// wavelength while the guess holds; after the first dropped peak it converts each peak itself,
+// with the time of flight of its true sensor number. The results are those of one pass.
 uint32_t CVr480Server::ConvertSensors(const struct_dma_peaks_data& rec, const struct_dma_peaks_status& hdr,
                                       int combCount, uint32_t limit, bool learning, uint8_t* slot, uint32_t& skip) {
   const uint32_t* teeth = rec.FfpiPeaks;
@@ -109,6 +118,9 @@ uint32_t CVr480Server::ConvertSensors(const struct_dma_peaks_data& rec, const st
   const bool gainOffsets = bEnableWvlOffsets, references = bUseReferences;
   const int layer = hdr.flags1_lo & 0x03;
   const int amplitudeChannel = hdr.Status3 & 0x07;
+  // Wavelength of peak i converted with sensor number i, and the comb segment reached then.
+  double guessNm[kPeakListSize];
+  int guessSegment[kPeakListSize];
 
   uint32_t kept = 0;
   for (int ch = 0; ch < kOpticalChannels; ++ch) {
@@ -122,8 +134,22 @@ uint32_t CVr480Server::ConvertSensors(const struct_dma_peaks_data& rec, const st
     // A record whose layer lies above the multiplexer level the averages were built for
     // (while the card changes level) is reported unaveraged.
     const bool averaged = WvlAvg.GetTargetNumAvg(avgChannel, kSensorsPerChannel - 1) != 0;
-    int sensor = 0;
+
+    const int guesses = std::min<int>(count, static_cast<int>(limit - kept));
     int k = 1;  // comb segment; peaks are ascending, so it only moves forward
+    for (int i = 0; i < guesses; ++i) {
+      const uint32_t raw = peaks[i];
+      if (raw == 0) continue;
+      // The card sees a far sensor's reflection later in the sweep than its wavelength alone
+      // would put it: take the round trip back off before converting.
+      const double x = static_cast<double>(raw) - flight[i];
+      while (k < combCount - 1 && teeth[k] < x) ++k;
+      guessNm[i] = cOver1000 / CombFrequencyThz(teeth, FfpiPeakThz, k, x, fsr);
+      guessSegment[i] = k;
+    }
+
+    int sensor = 0;
+    k = 1;
     for (int i = 0; i < count && kept < limit; ++i) {
       const uint32_t raw = peaks[i];
       if (raw == 0) {  // a binned sensor that is missing: it keeps its number and reads 0
@@ -131,20 +157,21 @@ uint32_t CVr480Server::ConvertSensors(const struct_dma_peaks_data& rec, const st
         ++sensor;
         continue;
       }
-      // The card sees a far sensor's reflection later in the sweep than its wavelength alone
-      // would put it: take the round trip back off before converting.
-      const double x = static_cast<double>(raw) - flight[sensor];
-      while (k < combCount - 1 && teeth[k] < x) ++k;
-      const double nm = cOver1000 / CombFrequencyThz(teeth, FfpiPeakThz, k, x, fsr);
+      double nm;
+      if (sensor == i) {
+        nm = guessNm[i];
+        k = guessSegment[i];
+      } else {
+        const double x = static_cast<double>(raw) - flight[sensor];
+        while (k < combCount - 1 && teeth[k] < x) ++k;
+        nm = cOver1000 / CombFrequencyThz(teeth, FfpiPeakThz, k, x, fsr);
+      }
       if (keepAll || (nm >= lower && nm <= upper)) {
         uint32_t w = static_cast<uint32_t>(TruncateToInt32(granularity * nm));  // wraps like the card's integers
         if (gainOffsets) w -= gainOffset;
         if (references) w -= static_cast<uint32_t>(reference[sensor]);
         int32_t value = static_cast<int32_t>(w);
-        if (averaged) {
-          WvlAvg.AddValue(avgChannel, static_cast<uint16_t>(sensor), value);
-          value = WvlAvg.GetAverage(avgChannel, static_cast<uint16_t>(sensor));
-        }
+        if (averaged) value = WvlAvg.AddAndAverage(avgChannel, static_cast<uint16_t>(sensor), value);
         PutRecI32(slot, kRecSensorsOffset + 4 * kept++, value);
         if (learning) {
           SensorBinPositions[logical][sensor] = raw;

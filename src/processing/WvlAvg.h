@@ -49,6 +49,10 @@ class CVr480WvlAvg {
   // Mean of the values in the ring, truncated toward zero; kWvlAvgNoValue when empty.
   // The caller keeps ch and sensor in range of an initialised object: there is no check.
   int32_t GetAverage(uint8_t ch, uint16_t sensor) const;
+  // AddValue, then GetAverage of the same ring, with the same arithmetic: the pipeline's call
+  // for every averaged sensor of every record, kept inline so that a record's thousand sensors
+  // do not pay two calls each. Same precondition as GetAverage.
+  int32_t AddAndAverage(uint8_t ch, uint16_t sensor, int32_t value);
   // Number of values now in the ring (no check, as GetAverage).
   uint16_t GetNumAvg(uint8_t ch, uint16_t sensor) const;
 
@@ -94,3 +98,23 @@ class CVr480WvlAvg {
   uint16_t NumSensors = 0;                 // sensors per channel
   uint16_t MaxNumAvg = 0;                  // capacity of every ring, in values
 };
+
+inline int32_t CVr480WvlAvg::AddAndAverage(uint8_t ch, uint16_t sensor, int32_t value) {
+  const uint16_t target = TargetNumAvg[ch][sensor];
+  int32_t* ring = Values[ch][sensor].get();
+  double& sum = Sum[ch][sensor];
+  uint16_t& count = CurrentNumAvg[ch][sensor];
+  if (count < target) {
+    ++count;
+  } else {
+    uint16_t& oldest = OldestIndex[ch][sensor];
+    sum -= ring[oldest];
+    if (++oldest >= target) oldest = 0;
+  }
+  uint16_t& newest = NewestIndex[ch][sensor];
+  ring[newest] = value;
+  sum += value;
+  if (++newest >= target) newest = 0;
+  if (count == 0) return kWvlAvgNoValue;  // as GetAverage
+  return static_cast<int32_t>(sum / count);
+}
