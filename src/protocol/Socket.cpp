@@ -10,6 +10,7 @@
 #include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -60,10 +61,7 @@ CSocket::~CSocket() {
     std::lock_guard<std::mutex> g(TableLock);
     bStopping = true;
   }
-  if (StopEvent >= 0) {
-    uint64_t one = 1;
-    (void)!::write(StopEvent, &one, sizeof one);
-  }
+  WakeAcceptThread();
   for (uint16_t c = 0; c < kMaxClients; ++c) {
     bool occupied;
     {
@@ -122,46 +120,57 @@ int CSocket::init(int port) {
   ServerAddress.sin_port = htons(static_cast<uint16_t>(port));
   ServerAddressLength = sizeof(sockaddr_in);
 
-  // No SO_REUSEADDR: a second server on the same port must fail to start, not share it.
-  int result = ::bind(ServerSocket, reinterpret_cast<sockaddr*>(&ServerAddress), ServerAddressLength);
-  if (result != 0) {
-    int err = errno;
-    std::printf("failed to bind server socket to file descriptor.  Error #%d\n", err);
-    PrintSystemError("CSocket::init() error", err);
-    ::close(ServerSocket);
-    ServerSocket = -1;
-    return result;
-  }
-  // Inherited by every accepted socket: short replies must leave at once, not wait for more.
-  int on = 1;
-  if (::setsockopt(ServerSocket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0) {
-    int err = errno;
-    std::printf("could not set the TCP_NODELAY option for the server socket.\n");
-    PrintSystemError("CSocket::init() error", err);
-  }
-  result = ::listen(ServerSocket, kListenBacklog);
-  if (result != 0) {
-    std::printf("failed to create a queue for the server socket.  Error #%d\n", errno);
+  const int wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (wake < 0) {
+    const int err = errno;
+    std::printf("CSocket thread creation failed with error code %d\n", err);
     std::fflush(stdout);
     ::close(ServerSocket);
     ServerSocket = -1;
-    return result;
+    return err;
+  }
+  {
+    std::lock_guard<std::mutex> g(TableLock);  // clients of an earlier init may be closing
+    WakeEvent = wake;
   }
 
-  StopEvent = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  int code = StopEvent < 0 ? errno : 0;
-  if (code == 0) {
-    try {
-      cs_thread = std::thread(&CSocket::CSocketConnectThread, this);
-    } catch (const std::system_error& e) {
-      code = e.code().value();
+  int result = BindServerSocket();
+  if (result != 0) {
+    const int err = errno;
+    std::printf("failed to bind server socket to file descriptor.  Error #%d\n", err);
+    PrintSystemError("CSocket::init() error", err);
+    // The port is still held by connections of a server that just ended (they linger for about
+    // a minute), or the address is not configured yet: an instrument restarted by a person or
+    // a service manager must become reachable once it is free, not run on without a listener.
+    bBindPending = bRetryBind && (err == EADDRINUSE || err == EADDRNOTAVAIL);
+    if (!bBindPending) {
+      ::close(ServerSocket);
+      ServerSocket = -1;
+      CloseWakeEvent();
+      return result;
     }
+    std::printf("Retrying bind on port %d every second.\n", port);
+    std::fflush(stdout);
+  } else {
+    const int listened = ListenOnServerSocket();
+    if (listened != 0) {
+      ::close(ServerSocket);
+      ServerSocket = -1;
+      CloseWakeEvent();
+      return listened;
+    }
+  }
+
+  int code = 0;
+  try {
+    cs_thread = std::thread(&CSocket::CSocketConnectThread, this);
+  } catch (const std::system_error& e) {
+    code = e.code().value();
   }
   if (code != 0) {
     std::printf("CSocket thread creation failed with error code %d\n", code);
     std::fflush(stdout);
-    if (StopEvent >= 0) ::close(StopEvent);
-    StopEvent = -1;
+    CloseWakeEvent();
     ::close(ServerSocket);  // a listener nobody accepts on would leave clients hanging
     ServerSocket = -1;
     return code;
@@ -171,7 +180,45 @@ int CSocket::init(int port) {
   // passes MSG_NOSIGNAL; this covers any other code that writes to a socket.
   ::signal(SIGPIPE, SIG_IGN);
   std::fflush(stdout);
-  return 0;
+  return result;
+}
+
+// No SO_REUSEADDR: a second server on the same port must fail to start, not share it.
+int CSocket::BindServerSocket() {
+  return ::bind(ServerSocket, reinterpret_cast<sockaddr*>(&ServerAddress), ServerAddressLength);
+}
+
+int CSocket::ListenOnServerSocket() {
+  // Inherited by every accepted socket: short replies must leave at once, not wait for more.
+  int on = 1;
+  if (::setsockopt(ServerSocket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0) {
+    int err = errno;
+    std::printf("could not set the TCP_NODELAY option for the server socket.\n");
+    PrintSystemError("CSocket::init() error", err);
+  }
+  const int result = ::listen(ServerSocket, kListenBacklog);
+  if (result != 0) std::printf("failed to create a queue for the server socket.  Error #%d\n", errno);
+  std::fflush(stdout);
+  return result;
+}
+
+// The accept thread's first task when init could not bind: once a second until the bind
+// succeeds, or a stop. True when the socket listens.
+bool CSocket::RetryBind() {
+  for (;;) {
+    if (WaitForWake(1000)) return false;
+    if (BindServerSocket() == 0) break;
+    if (errno != EADDRINUSE && errno != EADDRNOTAVAIL) {
+      const int err = errno;
+      std::printf("failed to bind server socket to file descriptor.  Error #%d\n", err);
+      PrintSystemError("CSocket::init() error", err);
+      return false;
+    }
+  }
+  if (ListenOnServerSocket() != 0) return false;
+  std::printf("Server socket bound to port %d; accepting clients.\n", Port);
+  std::fflush(stdout);
+  return true;
 }
 
 bool CSocket::Stop() {
@@ -180,23 +227,43 @@ bool CSocket::Stop() {
     bStopping = true;
   }
   if (!cs_thread.joinable()) return bAcceptThreadEnded;
-  uint64_t one = 1;
-  (void)!::write(StopEvent, &one, sizeof one);
+  WakeAcceptThread();
   cs_thread.join();
   bAcceptThreadEnded = true;
   // Closed here rather than left to process exit, so that the port can be bound again.
   ::close(ServerSocket);
   ServerSocket = -1;
-  ::close(StopEvent);
-  StopEvent = -1;
+  CloseWakeEvent();
   return true;
 }
 
-// Sleeps up to timeoutMs; true when a stop was requested.
-bool CSocket::WaitForStop(int timeoutMs) {
-  pollfd p{StopEvent, POLLIN, 0};
-  int r = ::poll(&p, 1, timeoutMs);
-  return r > 0;
+void CSocket::CloseWakeEvent() {
+  std::lock_guard<std::mutex> g(TableLock);  // a closing client may be waking the thread
+  if (WakeEvent >= 0) ::close(WakeEvent);
+  WakeEvent = -1;
+}
+
+bool CSocket::Stopping() const {
+  std::lock_guard<std::mutex> g(TableLock);
+  return bStopping;
+}
+
+// Tells the accept thread to look again: a slot has freed, or it must stop.
+void CSocket::WakeAcceptThread() {
+  std::lock_guard<std::mutex> g(TableLock);
+  if (WakeEvent < 0) return;
+  uint64_t one = 1;
+  (void)!::write(WakeEvent, &one, sizeof one);
+}
+
+// Sleeps up to timeoutMs or until woken; true when a stop was requested.
+bool CSocket::WaitForWake(int timeoutMs) {
+  pollfd p{WakeEvent, POLLIN, 0};
+  if (::poll(&p, 1, timeoutMs) > 0) {
+    uint64_t count;
+    (void)!::read(WakeEvent, &count, sizeof count);
+  }
+  return Stopping();
 }
 
 // ---- Accept thread ------------------------------------------------------------------------
@@ -216,24 +283,29 @@ void CSocket::PinToCpu0IfBoardMarker() {
 
 void CSocket::CSocketConnectThread() {
   PinToCpu0IfBoardMarker();
+  if (bBindPending && !RetryBind()) return;
   std::printf("Entering thread loop...\n");
   std::fflush(stdout);
-  for (;;) {
+  while (!Stopping()) {
     short slot = find_free_client_connection_point();
     if (slot < 0) {
-      // All slots taken: further clients wait in the listen queue until one frees.
-      if (WaitForStop(5000)) return;
+      // All slots taken: further clients wait in the listen queue until close_client wakes
+      // this thread (the time-out is only a safety net).
+      WaitForWake(5000);
       continue;
     }
-    pollfd p[2] = {{ServerSocket, POLLIN, 0}, {StopEvent, POLLIN, 0}};
+    pollfd p[2] = {{ServerSocket, POLLIN, 0}, {WakeEvent, POLLIN, 0}};
     int r = ::poll(p, 2, -1);
     if (r < 0) {
       if (errno == EINTR) continue;
       PrintSystemError("CSocketConnectThread() error", errno);
-      if (WaitForStop(1000)) return;
+      WaitForWake(1000);
       continue;
     }
-    if (p[1].revents != 0) return;
+    if (p[1].revents != 0) {
+      WaitForWake(0);  // takes the wake-up; the loop looks at the stop flag and the slots again
+      continue;
+    }
     if (p[0].revents != 0 && !AcceptInto(slot)) return;
   }
 }
@@ -251,7 +323,7 @@ bool CSocket::AcceptInto(short slot) {
     // Out of descriptors or memory: the connection stays queued; wait instead of spinning.
     std::printf("accept failed for client socket %d.\n", slot);
     PrintSystemError("CSocketConnectThread() error", err);
-    return !WaitForStop(1000);
+    return !WaitForWake(1000);
   }
 
   int on = 1;
@@ -375,26 +447,53 @@ CSocket::ConnectionPtr CSocket::Lease(uint16_t client) const {
 
 // ---- Reading ------------------------------------------------------------------------------
 
+// Lines are split here, not in the kernel: one read takes whatever the client sent (a command,
+// a burst of pipelined ones, or the start of an upload's data), instead of one read per byte.
+bool CSocket::CClientConnection::TakeLine() {
+  while (InputStart < InputEnd) {
+    const char* from = Input + InputStart;
+    const size_t room = static_cast<size_t>(kMaxCmdLength) - CmdBuffer.size();
+    if (room == 0) {
+      // An over-long line is cut: the byte that finds the line full is dropped and ends it.
+      ++InputStart;
+      return true;
+    }
+    const size_t look = std::min(InputEnd - InputStart, room);
+    if (const void* end = std::memchr(from, '\n', look)) {
+      const size_t n = static_cast<size_t>(static_cast<const char*>(end) - from);
+      CmdBuffer.append(from, n);
+      InputStart += n + 1;
+      return true;
+    }
+    CmdBuffer.append(from, look);
+    InputStart += look;
+  }
+  return false;
+}
+
+bool CSocket::CClientConnection::LineBuffered() const {
+  const size_t have = InputEnd - InputStart;
+  if (have == 0) return false;
+  return CmdBuffer.size() + have > static_cast<size_t>(kMaxCmdLength) ||
+         std::memchr(Input + InputStart, '\n', have) != nullptr;
+}
+
 int CSocket::ReadCmd(uint16_t client, char* buf, int size) {
   if (buf && size > 0) buf[0] = '\0';
   ConnectionPtr conn = Lease(client);
   if (!conn) return -1;
-  std::string& line = conn->CmdBuffer;
-  for (;;) {
-    char ch;
-    ssize_t n = ::recv(conn->Fd, &ch, 1, 0);
-    if (n == 1) {
-      if (ch == '\n') break;
-      // An over-long line is cut: the byte that finds the buffer full is dropped and ends it.
-      if (line.size() >= static_cast<size_t>(kMaxCmdLength)) break;
-      line.push_back(ch);
+  while (!conn->TakeLine()) {
+    const ssize_t n = ::recv(conn->Fd, conn->Input, sizeof conn->Input, 0);
+    if (n > 0) {
+      conn->InputStart = 0;
+      conn->InputEnd = static_cast<size_t>(n);
       continue;
     }
     if (n == 0) {
       CloseSlot(client, conn.get());
       return -1;
     }
-    int err = errno;
+    const int err = errno;
     if (err == EINTR) continue;
     if (err == EAGAIN || err == EWOULDBLOCK) return -1;  // the partial line waits for more bytes
     std::printf("read error in CSocket[%d]::ReadCmd: err = %d\n", client, err);
@@ -402,8 +501,9 @@ int CSocket::ReadCmd(uint16_t client, char* buf, int size) {
     CloseSlot(client, conn.get());
     return -1;
   }
+  std::string& line = conn->CmdBuffer;
   if (buf && size > 0) {
-    size_t n = std::min(line.size(), static_cast<size_t>(size - 1));
+    const size_t n = std::min(line.size(), static_cast<size_t>(size - 1));
     std::memcpy(buf, line.data(), n);
     buf[n] = '\0';
   }
@@ -414,12 +514,21 @@ int CSocket::ReadCmd(uint16_t client, char* buf, int size) {
 int CSocket::ReadData(uint16_t client, char* buf, int len) {
   ConnectionPtr conn = Lease(client);
   if (!conn) return -1;
-  return static_cast<int>(::recv(conn->Fd, buf, static_cast<size_t>(std::max(len, 0)), 0));
+  const size_t want = static_cast<size_t>(std::max(len, 0));
+  // Bytes that came with the last command line (an upload's first data) go first.
+  if (const size_t have = conn->InputEnd - conn->InputStart; have > 0 && want > 0) {
+    const size_t n = std::min(have, want);
+    std::memcpy(buf, conn->Input + conn->InputStart, n);
+    conn->InputStart += n;
+    return static_cast<int>(n);
+  }
+  return static_cast<int>(::recv(conn->Fd, buf, want, 0));
 }
 
 int CSocket::WaitReadable(uint16_t client, int timeoutMs) {
   ConnectionPtr conn = Lease(client);
   if (!conn) return -1;
+  if (conn->LineBuffered()) return 1;
   pollfd p{conn->Fd, POLLIN, 0};
   int r = ::poll(&p, 1, timeoutMs);
   if (r < 0) return errno == EINTR ? 0 : -1;
@@ -428,20 +537,39 @@ int CSocket::WaitReadable(uint16_t client, int timeoutMs) {
 
 // ---- Writing ------------------------------------------------------------------------------
 
-int CSocket::WriteData(uint16_t client, const char* data, int len) {
+int CSocket::WriteData(uint16_t client, const char* data, int len) { return WriteData(client, data, len, nullptr, 0); }
+
+int CSocket::WriteData(uint16_t client, const std::string& data, int len) {
+  return WriteData(client, data.data(), std::min(len, static_cast<int>(data.size())));
+}
+
+int CSocket::WriteData(uint16_t client, const char* head, int headLen, const char* tail, int tailLen) {
   ConnectionPtr conn = Lease(client);
   if (!conn) return -1;
   const uint32_t budget = WriteRecoveryAttempts[client];
   const uint32_t delayUs = WriteRecoveryDelayUs[client];
-  int remaining = std::max(len, 0);
+  iovec parts[2] = {{const_cast<char*>(head), static_cast<size_t>(std::max(headLen, 0))},
+                    {const_cast<char*>(tail), static_cast<size_t>(std::max(tailLen, 0))}};
+  const int len = static_cast<int>(parts[0].iov_len + parts[1].iov_len);
+  int first = parts[0].iov_len > 0 ? 0 : 1;  // the first part with bytes left
   int written = 0;
   uint32_t used = 0;
   // The budget counts only full-buffer retries, per call: partial writes go on for free.
-  while (remaining > 0 && used < budget) {
-    ssize_t n = ::send(conn->Fd, data + written, static_cast<size_t>(remaining), MSG_NOSIGNAL);
+  while (written < len && used < budget) {
+    msghdr msg{};
+    msg.msg_iov = parts + first;
+    msg.msg_iovlen = static_cast<size_t>(2 - first);
+    const ssize_t n = ::sendmsg(conn->Fd, &msg, MSG_NOSIGNAL);
     if (n > 0) {
       written += static_cast<int>(n);
-      remaining -= static_cast<int>(n);
+      for (size_t left = static_cast<size_t>(n); left > 0;) {
+        const size_t take = std::min(left, parts[first].iov_len);
+        parts[first].iov_base = static_cast<char*>(parts[first].iov_base) + take;
+        parts[first].iov_len -= take;
+        left -= take;
+        if (parts[first].iov_len == 0) ++first;
+      }
+      while (first < 2 && parts[first].iov_len == 0) ++first;
       continue;
     }
     int err = n < 0 ? errno : EAGAIN;
@@ -453,11 +581,13 @@ int CSocket::WriteData(uint16_t client, const char* data, int len) {
     }
     return CloseAfterWriteError(client, conn.get(), err);
   }
-  if (remaining == 0) return 0;
-  // The client stays connected; the rest of this reply is lost.
+  if (written == len) return 0;
+  // Whatever follows on this connection would be read from the middle of this reply: the
+  // connection ends here instead.
   std::printf("Write failed. (%d of %d bytes written after %u attempts (%u us/attempt).\n", written, len, used, delayUs);
   std::fflush(stdout);
-  return written;
+  CloseSlot(client, conn.get());
+  return written > 0 ? written : -1;
 }
 
 // A write that fails for any reason but a full buffer means the peer is gone: the slot closes.
@@ -467,10 +597,6 @@ int CSocket::CloseAfterWriteError(uint16_t client, const CClientConnection* conn
   std::fflush(stdout);
   CloseSlot(client, conn);
   return err;
-}
-
-int CSocket::WriteData(uint16_t client, const std::string& data, int len) {
-  return WriteData(client, data.data(), std::min(len, static_cast<int>(data.size())));
 }
 
 int CSocket::SetWriteRecoveryOptions(uint16_t client, uint32_t attempts, uint32_t delayUs) {
@@ -551,6 +677,9 @@ int64_t CSocket::TransferFile(uint16_t client, int fd, int64_t size, const char*
         std::printf("Write failed.\n");
         std::printf("closing %s.\n", name);
         std::fflush(stdout);
+        // The client was promised the whole file in one frame: a cut one would swallow its
+        // later replies, so the connection ends too.
+        CloseSlot(client, conn.get());
         return sent + static_cast<int64_t>(done);
       }
       const ssize_t n = ::send(conn->Fd, chunk.get() + done, want - done, MSG_NOSIGNAL);
@@ -627,6 +756,7 @@ int CSocket::CloseSlot(uint16_t client, const CClientConnection* expected) {
   // when the last call still using it returns.
   ::shutdown(conn->Fd, SHUT_RDWR);
   conn.reset();
+  WakeAcceptThread();  // a client waiting in the listen queue may now have this slot
   PrintClientCount(numClients);
   if (disconnected) disconnected(client);
   return 0;

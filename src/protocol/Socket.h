@@ -3,11 +3,15 @@
 // sessions use. It knows nothing of commands.
 //
 // Slots. A client is its slot number 0..9 everywhere in the server. The accept thread picks the
-// lowest free slot and then waits for a connection to put in it, so a slot freed meanwhile is
-// used by the connection after next. While all ten are taken it looks again every 5 seconds
-// and further connections wait in the kernel's listen queue (backlog 10). A slot is freed only
-// by close_client: on end of file or a read error in ReadCmd, on a hard write error in
-// WriteData, or by the destructor. No command closes a session; the client closes it.
+// lowest free slot and then waits for a connection to put in it. While all ten are taken,
+// further connections wait in the kernel's listen queue (backlog 10) and the accept thread
+// sleeps until a slot frees (it is woken at once; it also looks every 5 seconds). A slot is
+// freed only by close_client: on end of file or a read error in ReadCmd, on a hard write error
+// or a reply that could not be sent whole in WriteData or TransferFile, or by the destructor.
+// No command closes a session; the client closes it.
+//
+// Whole replies. A reply frame is either sent whole or the connection is closed: a client whose
+// stream stopped in the middle of a frame would read every later reply from a wrong offset.
 //
 // Callbacks, each called with the slot number:
 //  - connect:        on the accept thread, after the slot is occupied (the session layer starts
@@ -65,11 +69,19 @@ class CSocket {
   // Opens, binds and listens on `port` (1..9999) and starts the accept thread. 0, -1 when the
   // port is out of range or the socket cannot be made, the bind or listen result when those
   // fail, or the error code when the thread cannot start. Call once.
+  // With the bind retry on (below), a port still held by connections of an earlier run (bind
+  // fails with EADDRINUSE, or EADDRNOTAVAIL before the network is up) does not end it: init
+  // prints the failure and "Retrying bind on port N every second.", returns the bind result,
+  // and the accept thread binds once a second until it succeeds, then listens and serves.
   virtual int init(int port);
 
-  // Ends the accept thread (within moments, also during its 5-second wait) and closes the
-  // listening socket; connected clients stay. True when the thread has ended, false when none
-  // was ever started. Call from the thread that owns the object; the destructor calls it.
+  // Retry a failed bind in the background (see init); off by default. Set before init.
+  void SetBindRetry(bool on) { bRetryBind = on; }
+
+  // Ends the accept thread (within moments, also while it waits for a free slot or retries
+  // the bind) and closes the listening socket; connected clients stay. True when the thread
+  // has ended, false when none was ever started. Call from the thread that owns the object;
+  // the destructor calls it.
   bool Stop();
 
   // Register or forget a callback (see above). All return 0.
@@ -87,29 +99,36 @@ class CSocket {
   // a buffer of the calling thread, overwritten by that thread's next call.
   const char* GetClientAddress(uint16_t client);
 
-  // Delivers one complete command line into `buf` (0), or nothing (-1, `buf` empty). Reads the
-  // non-blocking socket a byte at a time; a partial line is kept for the next call. The line
-  // feed ends a line and is not delivered; a carriage return is an ordinary character. A line
-  // longer than 256 characters is cut: the 257th character is dropped and ends the line, the
-  // characters after it begin the next one. At most size - 1 characters are copied, always
-  // terminated. End of file or a read error closes the slot.
+  // Delivers one complete command line into `buf` (0), or nothing (-1, `buf` empty). The
+  // non-blocking socket is read in blocks into the connection's own buffer and lines are split
+  // from there; a partial line, and any bytes after a complete one, wait for the next call. The
+  // line feed ends a line and is not delivered; a carriage return is an ordinary character. A
+  // line longer than 256 characters is cut: the 257th character is dropped and ends the line,
+  // the characters after it begin the next one. At most size - 1 characters are copied, always
+  // terminated. End of file or a read error closes the slot (once the buffered lines are taken).
   int ReadCmd(uint16_t client, char* buf, int size);
 
-  // One plain read of up to `len` bytes; the system call's result (-1 with errno EAGAIN when
-  // nothing is waiting), or -1 when the slot is free.
+  // Up to `len` bytes of the client's input: first those ReadCmd buffered beyond its last line,
+  // else one plain read, whose result it returns (-1 with errno EAGAIN when nothing is
+  // waiting, 0 at end of file); -1 when the slot is free.
   int ReadData(uint16_t client, char* buf, int len);
 
   // Waits up to `timeoutMs` for input (or end of file, or an error) on the slot, so that a
-  // service thread need not spin on ReadCmd. 1 readable, 0 time-out or interrupted, -1 slot
-  // free or poll failed. Returns early when the slot is closed by another thread.
+  // service thread need not spin on ReadCmd. 1 readable (at once when a whole line is already
+  // buffered), 0 time-out or interrupted, -1 slot free or poll failed. Returns early when the
+  // slot is closed by another thread.
   int WaitReadable(uint16_t client, int timeoutMs);
 
   // Writes all `len` bytes straight from `data`. Each time the socket buffer is full one unit of
   // the slot's retry budget is used and the thread sleeps the slot's delay. 0 when all was
-  // written; the count written when the budget ran out ("Write failed. (", the slot stays open);
-  // the errno of any other failure, after closing the slot ("Broken Pipe"); -1 for a free slot.
+  // written; the errno of any other failure, after closing the slot ("Broken Pipe"); -1 for a
+  // free slot. When the budget runs out the reply cannot be sent whole: "Write failed. (" is
+  // printed, the slot is closed, and the count written is returned (-1 when none was).
   int WriteData(uint16_t client, const char* data, int len);
   int WriteData(uint16_t client, const std::string& data, int len);
+  // The same for a reply in two pieces (a record frame and its stream token, or frame digits
+  // and a constant body), sent as one piece of the stream: one system call when there is room.
+  int WriteData(uint16_t client, const char* head, int headLen, const char* tail, int tailLen);
 
   // The slot's retry budget per WriteData call; 0 attempts are stored as 1. Both return 0
   // (-1 for a client number outside 0..9). A new client keeps the previous client's values.
@@ -139,18 +158,33 @@ class CSocket {
  private:
   // One accepted connection, shared by the slot table and every call using it; the descriptor
   // is closed when the last of them lets go.
+  // The input side belongs to the slot's reader (its service thread) alone.
   struct CClientConnection {
+    static constexpr size_t kInputBlock = 4096;  // bytes asked of one read
     int Fd = -1;
-    std::string CmdBuffer;  // the command line being assembled; only the slot's reader touches it
+    std::string CmdBuffer;        // the command line being assembled
+    char Input[kInputBlock];      // bytes read from the socket ...
+    size_t InputStart = 0;        // ... of which those from here ...
+    size_t InputEnd = 0;          // ... to here are not yet taken
     explicit CClientConnection(int fd) : Fd(fd) {}
     ~CClientConnection();
+    // Moves buffered bytes into CmdBuffer; true when that completed a line.
+    bool TakeLine();
+    // True when the buffered bytes complete a line.
+    bool LineBuffered() const;
   };
   using ConnectionPtr = std::shared_ptr<CClientConnection>;
 
   void CSocketConnectThread();
   void PinToCpu0IfBoardMarker();
   bool AcceptInto(short slot);
-  bool WaitForStop(int timeoutMs);
+  int BindServerSocket();
+  int ListenOnServerSocket();
+  bool RetryBind();
+  bool Stopping() const;
+  bool WaitForWake(int timeoutMs);
+  void WakeAcceptThread();
+  void CloseWakeEvent();
   ConnectionPtr Lease(uint16_t client) const;
   int CloseSlot(uint16_t client, const CClientConnection* expected);
   int CloseAfterWriteError(uint16_t client, const CClientConnection* conn, int err);
@@ -164,7 +198,9 @@ class CSocket {
   bool bFileXferBufferAllocated = false;       // the allocation succeeded; constructor
   int Port = 0;                                // TCP port given to init; init
   int ServerSocket = -1;                       // listening descriptor; init, closed by Stop
-  int StopEvent = -1;                          // eventfd that wakes the accept thread to end; init, Stop
+  int WakeEvent = -1;                          // eventfd that wakes the accept thread (stop, slot freed); init, Stop; under TableLock
+  bool bRetryBind = false;                     // a failed bind is retried every second; SetBindRetry
+  bool bBindPending = false;                   // init's bind failed, the accept thread retries it; init
   sockaddr_in ServerAddress{};                 // bound address, port in network order; SetListenAddress, init
   socklen_t ServerAddressLength = 0;           // sizeof(sockaddr_in) once init has run
   std::thread cs_thread;                       // the accept thread; init, joined by Stop
