@@ -30,6 +30,9 @@ const char* UsageText() {
          "  --listen ADDR    address to bind (default: any; 127.0.0.1 with --root)\n"
          "  --sim            use the simulated card even if /dev/vr480 exists\n"
          "  --scene FILE     scene of the simulated card (default <root>/vr480/sim_scene.txt)\n"
+         "  --free-run       the simulated card records as fast as the server takes its\n"
+         "                   records (load tests; only with the simulated card)\n"
+         "  --time-scale F   the simulated card runs F times faster than real time (0.01-1000)\n"
          "  --front-panel    show the front panel although arguments were given\n"
          "  --no-shell-commands  refuse #SYSTEM and #NTPQ (no remote shell on this network)\n"
          "  --help           print this text\n"
@@ -67,6 +70,18 @@ bool ParseOptions(int argc, char** argv, CServerOptions& options, std::string& e
     } else if (arg == "--scene") {
       if (!NeedsValue(i, argc, arg, error)) return false;
       options.SceneFile = argv[++i];
+    } else if (arg == "--free-run") {
+      options.bFreeRun = true;
+    } else if (arg == "--time-scale") {
+      if (!NeedsValue(i, argc, arg, error)) return false;
+      const char* text = argv[++i];
+      char* end = nullptr;
+      const double scale = std::strtod(text, &end);
+      if (end == text || *end != '\0' || !(scale >= 0.01 && scale <= 1000.0)) {
+        error = std::string("invalid time scale '") + text + "' (0.01-1000)";
+        return false;
+      }
+      options.TimeScale = scale;
     } else if (arg == "--no-shell-commands") {
       options.bNoShellCommands = true;
     } else if (arg == "--front-panel") {

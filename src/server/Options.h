@@ -12,6 +12,8 @@ struct CServerOptions {
   std::string ListenAddress;    // address to bind; empty = any (127.0.0.1 once --root is given)
   bool bForceSim = false;       // use the simulated card even where "/dev/vr480" exists
   std::string SceneFile;        // the simulated card's scene; empty = <root>/vr480/sim_scene.txt, else built in
+  bool bFreeRun = false;        // the simulated card records as fast as the server takes records
+  double TimeScale = 1.0;       // the simulated card's clock runs this many times faster than real time
   bool bNoShellCommands = false;  // #SYSTEM and #NTPQ answer a refusal, even on the instrument
   bool bFrontPanel = true;      // show the front panel
   bool bHelp = false;           // print the usage and exit

@@ -46,9 +46,16 @@ bool DeviceFileExists(const char* path) {
 
 // The simulated card stands in wherever the real device file is absent. Its configuration
 // memory lives under the root, so a workstation instrument keeps its identity across runs.
-void InstallCardSeam(const CServerOptions& options) {
-  if (!options.bForceSim && DeviceFileExists("/dev/vr480")) return;  // the real card
+// False when an option needs the simulated card but the real one is used.
+bool InstallCardSeam(const CServerOptions& options) {
+  if (!options.bForceSim && DeviceFileExists("/dev/vr480")) {  // the real card
+    if (!options.bFreeRun && options.TimeScale == 1.0) return true;
+    std::cerr << "vr480d: --free-run and --time-scale need the simulated card (add --sim)\n";
+    return false;
+  }
   sim::CSimOptions simOptions;
+  simOptions.Mode = options.bFreeRun ? sim::EProducerMode::FreeRunning : sim::EProducerMode::RealTime;
+  simOptions.TimeScale = options.TimeScale;
   if (!Host().IsInstrument()) simOptions.Root = Host().Root();
   simOptions.SceneFile = options.SceneFile;
   if (simOptions.SceneFile.empty() && DeviceFileExists(Host().Path("/vr480/sim_scene.txt").c_str()))
@@ -58,6 +65,7 @@ void InstallCardSeam(const CServerOptions& options) {
     std::printf("Simulated card: scene %s: %s; using the built-in scene.\n", simOptions.SceneFile.c_str(),
                 provider->Card().SceneError().c_str());
   InstallCard(provider);
+  return true;
 }
 
 void PinMainThread() {
@@ -90,7 +98,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   InstallHost(options.Root);
-  InstallCardSeam(options);
+  if (!InstallCardSeam(options)) return 2;
   // Console output is read by people and by tests through a pipe: flush every line.
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
   std::setlocale(LC_ALL, "C");

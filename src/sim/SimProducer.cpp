@@ -1,5 +1,7 @@
 #include "sim/SimProducer.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <cmath>
 
@@ -28,11 +30,14 @@ CSimProducer::~CSimProducer() { Stop(); }
 void CSimProducer::Start() {
   if (ProducerMode == EProducerMode::Step || Thread.joinable()) return;
   bStop = false;
-  if (ProducerMode == EProducerMode::RealTime) {
-    Thread = std::thread([this] { RunRealTime(); });
-  } else {
-    Thread = std::thread([this] { RunFreeRunning(); });
-  }
+  Thread = std::thread([this] {
+    pthread_setname_np(pthread_self(), "sim card");  // for top -H, /proc and the load program
+    if (ProducerMode == EProducerMode::RealTime) {
+      RunRealTime();
+    } else {
+      RunFreeRunning();
+    }
+  });
 }
 
 void CSimProducer::Stop() {
