@@ -67,9 +67,15 @@ double TimeOfFlightCounts(const COpticsParams& p, double metres, double sweepRat
 
 CSweep::CSweep(const COpticsParams& p, uint16_t bias, uint16_t scanAmp, double internalDegC)
     : Eta(p.Eta) {
-  const double centreAtZero = NmToThz(p, ModelGratingWvlNm(p, 25.0)) + p.CentreAboveGratingThz;
-  CentreThz = centreAtZero + p.BiasGainThzPerLsb * (static_cast<double>(bias) - 32768.0) +
-              p.LaserThzPerDegC * (internalDegC - 25.0);
+  // At the factory point the grating, as the detector reports it (late by its latency), sits
+  // where the bias loop wants it: the sweep passes the grating's frequency that many counts
+  // before the target position, and the frequency falls by S/65536 per count.
+  const double gratingCount = factory::kGratingCounts - p.DetectorLatencyCounts;
+  const double factoryCentre =
+      NmToThz(p, ModelGratingWvlNm(p, factory::kDegC)) +
+      factory::kSpanThz * (gratingCount - 0.5 * kCountsPerHalfSweep) / kCountsPerHalfSweep;
+  CentreThz = factoryCentre + p.BiasGainThzPerLsb * (static_cast<double>(bias) - factory::kBias) +
+              p.LaserThzPerDegC * (internalDegC - factory::kDegC);
   SpanThz = p.ScanGainThzPerLsb * scanAmp;
   HighThz = FrequencyAt(0.0);
   LowThz = FrequencyAt(kCountsPerHalfSweep);

@@ -7,13 +7,15 @@
 // measure right with an empty tag file, every constant the server holds has the server
 // constructor's value here, and the thermistor reading is the exact inverse of the server's
 // model. Laser-specific values (how far a bias or scan-amplitude LSB moves the sweep) are the
-// card's own and are chosen so that the server's bias and scan-amplitude loops settle near
-// bias 28200 and scan amplitude 40800.
+// card's own. Like every instrument, the card leaves the factory calibrated: its baseline tag
+// file carries the bias and scan amplitude at which, at its working temperature, the server's
+// loops are satisfied (see `factory` below), so a fresh instrument starts at lock.
 //
 // The sweep: one laser period is 131072 counts; counts 0-65535 are the measured forward half,
 // where the optical frequency falls as the count rises:
 //   f(x) = fc + (S/2) [ (1 - eta)(1 - 2x/65536) + eta cos(pi x / 65536) ]
-//   fc = fc0 + kB (bias - 32768) + kTL (internal temperature - 25),  S = kA * scan amplitude.
+//   fc = fcF + kB (bias - biasF) + kTL (internal temperature - TF),  S = kA * scan amplitude,
+// with fcF the centre the factory calibration found at bias biasF and temperature TF.
 // Everything here is a pure function of its parameters; the instrument model holds the state.
 #pragma once
 
@@ -38,14 +40,31 @@ constexpr double kGroupIndex = 1.46;
 constexpr double kCountsPerHalfSweep = 65536.0;
 constexpr double kCountsPerLaserPeriod = 131072.0;
 
+// The laser's factory calibration, which the baseline tag file of a new instrument carries
+// ("#SET_SCAN_AMP", "#SET_INITIAL_BIAS"). It is taken at the working temperature against the
+// server's default loop targets: the scan amplitude spreads the scan loop's stretch of comb
+// intervals (44 left and 56 right of the reference tooth) over 0.7 of the sweep, and the bias
+// puts the reference grating in the middle of the sweep as the peak detector reports it. A
+// fresh instrument therefore starts with both loops inside their dead bands; away from these
+// conditions (another temperature, a drifting laser, other targets) the loops do the rest.
+namespace factory {
+constexpr uint16_t kScanAmp = 40000;
+constexpr uint16_t kBias = 28000;
+constexpr double kDegC = 35.0;  // internal temperature, the grating's as well once settled
+constexpr int kStretchIntervals = 44 + 56;
+constexpr double kStretchCounts = 45875.0;  // trunc(0.7 x 65536)
+constexpr double kSpanThz =
+    kStretchIntervals * server_scale::kCombFsrGhz * 1e-3 * kCountsPerHalfSweep / kStretchCounts;
+constexpr double kGratingCounts = 32768.0;  // where the bias loop wants the grating
+}  // namespace factory
+
 // Every physical parameter of the optics; tests and the scene change them as knobs.
 struct COpticsParams {
   // Laser sweep.
   double Eta = 0.0;                     // sweep nonlinearity (0 = linear in the count)
-  double ScanGainThzPerLsb = 3.5e-4;    // kA: span per scan-amplitude LSB
+  double ScanGainThzPerLsb = factory::kSpanThz / factory::kScanAmp;  // kA: span per LSB
   double BiasGainThzPerLsb = 2.2e-4;    // kB: centre shift per bias LSB
   double LaserThzPerDegC = -0.01;       // kTL: centre drift with the internal temperature
-  double CentreAboveGratingThz = 1.0;   // fc0 - f_FBG(25 degC): centre at bias 32768
   double BandLowNm = 1480.0;            // the source emits only inside this band
   double BandHighNm = 1625.0;
 

@@ -130,8 +130,8 @@ class CTestDriver {
     Command(0x3A, index);
   }
 
-  // Laser on at the sweep the server's loops settle at, SOA on.
-  void LaserOn(uint16_t bias = 28650, uint16_t scanAmp = 40800) {
+  // Laser on at the sweep the server's loops settle at (the card's factory calibration), SOA on.
+  void LaserOn(uint16_t bias = sim::factory::kBias, uint16_t scanAmp = sim::factory::kScanAmp) {
     Command(cmd::kSoaDrive, 30000);
     Command(cmd::kSoaEnable, 1);
     Command(cmd::kScanAmp, scanAmp);
