@@ -145,6 +145,9 @@ void CVr480Server::CalibrateStartupFsOffset() {
   SleepMs(2000);
   int sum = 0;
   for (int i = 0; i < 30; ++i) {
+    // A stop (signal or #QUIT!) ends the calibration here: each attempt on a card that
+    // delivers nothing waits a second for a record before it gives up, thirty in a row.
+    if (!bRun) return;
     SleepMs(5);
     CalibrateFsOffset();
     sum += FsCountOffset;

@@ -31,6 +31,7 @@
 #include <new>
 #include <thread>
 
+#include "server/Globals.h"
 #include "server/Vr480Server.h"
 #include "spectrum/SpectrumCalibration.h"
 #include "server/RepeatingMessage.h"
@@ -256,15 +257,16 @@ void CVr480Server::BuildSpectrum() {
 // selects it by writing the converter's whole control register, which the driver's remembered
 // channel does not see. The calibration then waits for the card to be back on it, so that the
 // next calibration (start-up runs thirty in a row) finds the right channel on its first record.
-// A stop meanwhile (the card then delivers no more records) ends it with -1, settings put back.
+// A stop meanwhile ends it with -1, settings put back: one record may be a minute away at a
+// high data-rate divider, and the whole calibration takes 180 of them.
 int CVr480Server::CalibrateFsOffset() {
   const uint8_t savedTrigger = Driver.GetTrigEnable();
   const uint16_t savedMode = Driver.GetOperatingMode();
   const uint8_t savedChannel = pPeaks ? static_cast<uint8_t>(pPeaks->AmplitudeChannel()) : Driver.GetAmpCh();
   const int16_t savedOffset = FsCountOffset;
-  bool stopping = false;  // the card delivered no record because the server is stopping
+  bool stopping = false;  // the server is stopping: no more records are taken
   auto fetch = [&] {
-    if (!stopping && !GetData()) stopping = true;
+    if (!stopping && (!bRun || !GetData())) stopping = true;
     return !stopping;
   };
   auto restore = [&] {
