@@ -55,6 +55,7 @@ struct SServiceArgs {
   CVr480Server* Server;
   uint16_t Client;
   uint32_t Generation;  // the session this thread serves; a newer one on the slot ends it
+  std::weak_ptr<void> Connection;  // the connection it serves
 };
 
 // Runs one command and sends its reply; a record reply of a streaming client carries
@@ -133,6 +134,7 @@ void* ClientServiceThread(void* raw) {
   CVr480Server& s = *args.Server;
   const uint16_t client = args.Client;
   if (s.bPcm9361Board) PinClientThread();
+  CSocket::BindSessionThread(client, args.Connection);
   const std::function<bool()> mine = [&] { return s.SessionGeneration[client] == args.Generation; };
   if (!BeginSession(s, client, mine)) {
     CloseAtStop(s, client, mine());
@@ -185,7 +187,7 @@ void ClientConnectCallback(CVr480Server& s, uint16_t client) {
   pthread_attr_t attr;
   pthread_attr_init(&attr);
   pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-  auto* args = new SServiceArgs{&s, client, generation};
+  auto* args = new SServiceArgs{&s, client, generation, s.Socket.ConnectionOf(client)};
   const int err = pthread_create(&s.ClientThread[client], &attr, ClientServiceThread, args);
   pthread_attr_destroy(&attr);
   if (err != 0) {

@@ -439,10 +439,26 @@ std::string CSocket::FormatAddress(const sockaddr_in& addr) {
   return text;
 }
 
+namespace {
+// The slot and connection the calling thread serves, when it is a session's thread.
+thread_local int tSessionClient = -1;
+thread_local std::weak_ptr<void> tSessionConnection;
+}  // namespace
+
+std::weak_ptr<void> CSocket::ConnectionOf(uint16_t client) const { return Lease(client); }
+
+void CSocket::BindSessionThread(uint16_t client, std::weak_ptr<void> connection) {
+  tSessionClient = client;
+  tSessionConnection = std::move(connection);
+}
+
 CSocket::ConnectionPtr CSocket::Lease(uint16_t client) const {
   if (!ValidClient(client)) return nullptr;
+  const std::shared_ptr<void> bound = tSessionClient == client ? tSessionConnection.lock() : nullptr;
   std::lock_guard<std::mutex> g(TableLock);
-  return bClientConnected[client] ? ClientSocket[client] : nullptr;
+  if (!bClientConnected[client]) return nullptr;
+  if (tSessionClient == client && bound != ClientSocket[client]) return nullptr;  // not this thread's client
+  return ClientSocket[client];
 }
 
 // ---- Reading ------------------------------------------------------------------------------

@@ -95,6 +95,12 @@ class CSocket {
   // Number of occupied slots (the stop path waits for it to reach 0).
   int GetNumClients() const;
 
+  // The connection now in `client`'s slot (empty when the slot is free). A session's thread
+  // binds itself to it: from then on that thread's reads and writes for the slot reach only
+  // that connection, so a thread that outlives its client never talks to the slot's next one.
+  std::weak_ptr<void> ConnectionOf(uint16_t client) const;
+  static void BindSessionThread(uint16_t client, std::weak_ptr<void> connection);
+
   // Peer address of a slot as "%d.%d.%d.%d", "0.0.0.0" when the slot is free. The text lives in
   // a buffer of the calling thread, overwritten by that thread's next call.
   const char* GetClientAddress(uint16_t client);

@@ -561,9 +561,11 @@ TEST(DataRecords, CopiesRacingTheProducerAreWholeOrDropped) {
       ProcessingAccess::Process(*h.S);
     }
   });
+  // The copy of the slot the producer is about to overwrite is dropped more often the faster
+  // the producer runs; read until enough copies got through, however loaded the machine.
   int served = 0, faults = 0;
-  const auto end = Clock::now() + 1s;
-  while (Clock::now() < end) {
+  const auto end = Clock::now() + 20s;
+  while (served < 100 && Clock::now() < end) {
     h.S->ProcessedReadIndex[0] = static_cast<uint16_t>((h.S->ProcessedWriteIndex + 1) % kRing);
     const SRecord rec = h.Command(0, "#GET_DATA").Record();
     if (rec.IsNoDataHeader() || rec.Sweep() < 200000) continue;
@@ -574,7 +576,7 @@ TEST(DataRecords, CopiesRacingTheProducerAreWholeOrDropped) {
   }
   stop = true;
   producer.join();
-  EXPECT_GT(served, 100);
+  EXPECT_GE(served, 100);
   EXPECT_EQ(faults, 0);
 }
 #endif

@@ -19,6 +19,7 @@
 #include "server/Globals.h"
 #include "server/Vr480Server.h"
 #include "sim/SimCardProvider.h"
+#include "sim/SimOptics.h"
 #include "support/TempDir.h"
 
 // The stages the acquisition thread runs are private to the server.
@@ -40,8 +41,8 @@ constexpr uint8_t kReadyLedCode = 0x07;
 
 // Where the loops settle on the simulated card with its default optics, at its default
 // internal temperature of 35 degC.
-constexpr int kReadyBias = 28440;
-constexpr int kReadyScanAmp = 40800;
+constexpr int kReadyBias = sim::factory::kBias;
+constexpr int kReadyScanAmp = sim::factory::kScanAmp;
 constexpr int kTargetCounts = 32768;  // the grating's default target, the middle of the sweep
 
 // Sensors are not needed by the loops; one keeps the pipeline honest. The quiet scene reports

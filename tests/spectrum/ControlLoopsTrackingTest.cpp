@@ -43,7 +43,7 @@ TEST(ControlLoopsTracking, ScanGainChangeDropsReadyAndRegainsItWithinFiveSeconds
 
   // The sweep now spans 5 % more per LSB: the comb stretch shrinks by 5 % (about 2300 counts,
   // far outside ten dead bands).
-  bench.Card().SetScanGain(3.5e-4 * 1.05);
+  bench.Card().SetScanGain(sim::COpticsParams{}.ScanGainThzPerLsb * 1.05);
   const double lost = SecondsUntilReady(bench, 0.5, false);
   ASSERT_GE(lost, 0) << "ready was not dropped";
   bench.Pass();
