@@ -234,7 +234,7 @@ TEST(SimInstrument, FullSpectrumSamples) {
   }
   // The samples carry no detector latency: the brightest one sits 160 counts before the peak.
   EXPECT_NEAR(256.0 * best + 2 * r.status.CurrentLayer, r.FbgPeaks[0] - 160.0, 200.0);
-  EXPECT_GT(r.FsSamples[best] & 0xFFFF, 1000u);
+  EXPECT_GT(r.FsSamples[best] & 0xFFFF, 400u) << "within half a sample step of the peak";
 
   d.Command(cmd::kAlign, 1);
   auto& a = d.StepNext();
