@@ -113,22 +113,7 @@ int CVr480WvlAvg::Close() {
 
 int CVr480WvlAvg::AddValue(uint8_t ch, uint16_t sensor, int32_t value) {
   if (!bInitialised || !InRange(ch, sensor)) return kWvlAvgOk;
-  // The target is read once: a client thread may change it (and reset the ring) meanwhile.
-  const uint16_t target = TargetNumAvg[ch][sensor];
-  int32_t* ring = Values[ch][sensor].get();
-  double& sum = Sum[ch][sensor];
-  uint16_t& count = CurrentNumAvg[ch][sensor];
-  if (count < target) {
-    ++count;  // still filling: nothing drops out
-  } else {
-    uint16_t& oldest = OldestIndex[ch][sensor];
-    sum -= ring[oldest];
-    if (++oldest >= target) oldest = 0;
-  }
-  uint16_t& newest = NewestIndex[ch][sensor];
-  ring[newest] = value;
-  sum += value;
-  if (++newest >= target) newest = 0;
+  AddAndAverage(ch, sensor, value);
   return kWvlAvgOk;
 }
 

@@ -100,12 +100,13 @@ class CVr480WvlAvg {
 };
 
 inline int32_t CVr480WvlAvg::AddAndAverage(uint8_t ch, uint16_t sensor, int32_t value) {
+  // The target is read once: a client thread may change it (and reset the ring) meanwhile.
   const uint16_t target = TargetNumAvg[ch][sensor];
   int32_t* ring = Values[ch][sensor].get();
   double& sum = Sum[ch][sensor];
   uint16_t& count = CurrentNumAvg[ch][sensor];
   if (count < target) {
-    ++count;
+    ++count;  // still filling: nothing drops out
   } else {
     uint16_t& oldest = OldestIndex[ch][sensor];
     sum -= ring[oldest];
