@@ -13,6 +13,7 @@
 #include "server/Globals.h"
 #include "server/Vr480Server.h"
 #include "sim/SimCardProvider.h"
+#include "sim/SimOptics.h"
 #include "sim/SimScene.h"
 #include "support/TempDir.h"
 
@@ -75,9 +76,9 @@ class CSpectrumBench {
     }
     testing::internal::GetCapturedStdout();
     Server->Driver.SetSOADrive(30000);
-    Server->Driver.SetScanAmp(40800);
-    Server->Driver.SetBias(28620);
-    Server->Bias = 28620;
+    Server->Driver.SetScanAmp(sim::factory::kScanAmp);  // the laser's factory point: the loops start at lock
+    Server->Driver.SetBias(sim::factory::kBias);
+    Server->Bias = sim::factory::kBias;
     Server->bAutoBias = true;
     Server->bAutoScanAmp = true;
     bRun = true;
