@@ -513,8 +513,13 @@ TEST_F(Abuse, StalledStreamerIsCutOffWhileOthersKeepEveryRecord) {
       }
     }
   }
-  EXPECT_LT(rssAfter - rssBefore, 8 * 1024) << "kB: " << rssBefore << " before, " << rssAfter << " after";
-  EXPECT_LT(rssPeak - rssBefore, 8 * 1024) << "kB: " << rssBefore << " before, peak " << rssPeak;
+  // Records queued for the stalled client would cost tens of megabytes a second. A young
+  // server still commits pages of its record ring as it fills, a few megabytes here; under
+  // AddressSanitizer freed memory is held back in quarantine, so the bound means nothing there.
+#ifndef __SANITIZE_ADDRESS__
+  EXPECT_LT(rssAfter - rssBefore, 32 * 1024) << "kB: " << rssBefore << " before, " << rssAfter << " after";
+  EXPECT_LT(rssPeak - rssBefore, 32 * 1024) << "kB: " << rssBefore << " before, peak " << rssPeak;
+#endif
   std::printf("[ stalled  ] RSS %ld kB -> %ld kB (peak %ld kB); cut off after %.1f s\n", rssBefore, rssAfter, rssPeak,
               cutOff == Clock::duration::max() ? -1.0 : std::chrono::duration<double>(cutOff).count());
   EXPECT_TRUE(StillServes());
