@@ -264,6 +264,11 @@ extern "C" const char* __tsan_default_suppressions() {
 }
 #endif
 
+#if defined(__SANITIZE_ADDRESS__)
+// The font loader keeps its caches for the life of the process and frees none of them at exit.
+extern "C" const char* __lsan_default_suppressions() { return "leak:libfontconfig.so\n"; }
+#endif
+
 // ---- Glade support functions -----------------------------------------------------------------
 
 GtkWidget* lookup_widget(GtkWidget* widget, const gchar* widget_name) {
