@@ -118,7 +118,9 @@ TEST_F(FullSpectrumProcess, SpectrumLinesSitAtTheSensorsUncompensatedWavelengths
   for (int j = 0; j < 3; ++j) {
     const double reported = rec.Value(0, j) / static_cast<double>(rec.Granularity());
     const double expected = kChannel1[j].DistanceM == 0.0 ? kChannel1[j].Nm : reported;
-    EXPECT_NEAR((lines[j] - expected) * 1000.0, 0.0, 10.0) << "sensor " << j + 1;
+    // The far sensor's line and its peak come from sweeps a few records apart, between which
+    // the loops may still trim the scale: it is allowed 25 pm, the others 10 pm.
+    EXPECT_NEAR((lines[j] - expected) * 1000.0, 0.0, kChannel1[j].DistanceM == 0.0 ? 10.0 : 25.0) << "sensor " << j + 1;
     errors += std::to_string((lines[j] - expected) * 1000.0) + " ";
   }
   EXPECT_GT(lines[2] - kChannel1[2].Nm, 0.5);
