@@ -1,6 +1,6 @@
 // Sensor binning end to end: the whole server in process on a simulated card whose gratings
 // drift and whose middle grating on channel 1 drops out now and then, read by a real client.
-// With binning on every sensor keeps its column for a minute of instrument time (the card
+// With binning on every sensor keeps its column for half a minute of instrument time (the card
 // runs four times faster than the clock); the missing one reads 0 under its own number, with
 // the record's bin-fault mark set. With binning off, the sensor behind the missing one takes
 // its number.
@@ -33,7 +33,7 @@ constexpr double kTimeScale = 1.0;          // card seconds per wall second
 constexpr uint32_t kRunSweeps = 20 * 1000;  // 20 s of instrument time at 1000 sweeps/s
 #else
 constexpr double kTimeScale = 4.0;
-constexpr uint32_t kRunSweeps = 60 * 1000;  // a minute of instrument time
+constexpr uint32_t kRunSweeps = 30 * 1000;  // half a minute of instrument time (20 dropouts)
 #endif
 constexpr double kDriftNm = 0.3;
 constexpr uint32_t kRebuiltMark = 0x0001;   // binning marks: the record was re-sorted
@@ -111,7 +111,7 @@ TEST_F(SensorBinningEndToEnd, BinsKeepEverySensorInItsColumnWhileOneDropsOut) {
   }
   ASSERT_TRUE(learnedAll);
 
-  // A minute of instrument time, sampled as fast as the client reads.
+  // Half a minute of instrument time, sampled as fast as the client reads.
   int records = 0, misplaced = 0, missing = 0, missingUnmarked = 0, notRebuilt = 0;
   std::string firstMisplaced;
   uint32_t first = 0, last = 0;
@@ -135,8 +135,6 @@ TEST_F(SensorBinningEndToEnd, BinsKeepEverySensorInItsColumnWhileOneDropsOut) {
       if (!(marks & kFaultMarkCh1)) ++missingUnmarked;
     }
   }
-  RecordProperty("sampled_records", records);
-  RecordProperty("instrument_seconds", std::to_string((last - first) / 1000.0));
   EXPECT_GE(last - first, kRunSweeps) << "the card fell behind";
   EXPECT_EQ(misplaced, 0) << "of " << records << " records; first: " << firstMisplaced;
   EXPECT_GT(missing, 0) << "the middle grating never dropped out";

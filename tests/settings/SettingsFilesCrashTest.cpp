@@ -90,7 +90,7 @@ TEST(SettingsFilesCrash, AKilledSaveLeavesEveryFileOldOrNewAndComplete) {
   for (const char* f : kFiles) last[f] = known[1][f];
   int kills = 0, changes = 0;
   const auto deadline = Clock::now() + std::chrono::seconds(20);
-  while (kills < 200 && Clock::now() < deadline) {
+  while (kills < 120 && Clock::now() < deadline) {
     std::fflush(stdout);
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);

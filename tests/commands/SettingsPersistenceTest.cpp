@@ -1,0 +1,220 @@
+// A fresh instrument comes up ready on its own, and every saved setting survives a restart:
+// vr480d starts on a new root (the baseline tag file), the start-up auto-bias brings the
+// grating to its target and "#READY?" answers 1 soon after (about 9.7 s on an idle machine).
+// A client then sets each saved setting of the processing, channel, laser, timing and loop
+// commands to a value other than its default, plus one entry of each data file, saves, and the
+// server started again on the same root answers every getter as the first one did.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "protocol/DataWire.h"
+#include "sim/SimCardProvider.h"
+#include "support/ServerProcess.h"
+#include "support/TempDir.h"
+#include "support/TestClient.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+struct SSetting {
+  const char* Set;
+  const char* Get;  // nullptr: set only (its effect is read through another getter)
+  const char* Value;
+};
+
+// In the order a client gives them; the order matters where settings interact, exactly as it
+// will in the replay:
+// - the granularity comes first: integer wavelengths given afterwards are scaled with the
+//   granularity of the records the client reads;
+// - the amplitude channel is answered once a spectrum on it is out, so it comes before the
+//   sweep is slowed and triggered;
+// - the loops are held while the sweep is disturbed (SOA window, rates); the scan loop stays
+//   off, so that the scan amplitude stays where it was set;
+// - the operating mode is set before the minimum divider (which would refuse it) and before the
+//   triggering mode, which puts it back to 0 (the two modes exclude each other);
+// - the multiplexer level is refused while the minimum divider is above 1 and stays 1;
+// - the grating source comes last: it takes the comb's anchor away from the records that follow.
+const std::vector<SSetting> kSettings = {
+    {"#SET_GRANULARITY 100000", "#GET_GRANULARITY", "100000"},
+    {"#SET_FFPI_FSR_GHZ 100.0001", "#GET_FFPI_FSR_GHZ", " 100.00010"},
+    {"#SET_FFPI_REF_PEAK_THZ 194.1", "#GET_FFPI_REF_PEAK_THZ", " 194.10000"},
+    {"#SET_STEINHART_B0 0.001111626146877", "#GET_STEINHART_B0", "1.11162614687700e-03"},
+    {"#SET_STEINHART_B1 0.0002370659380534", "#GET_STEINHART_B1", "2.37065938053400e-04"},
+    {"#SET_STEINHART_B3 7.54233759058e-08", "#GET_STEINHART_B3", "7.54233759058000e-08"},
+    {"#SET_FBG_REF_VTH -2", "#GET_FBG_REF_VTH", "-2"},
+    {"#SET_FBG_REF_WVL_NM 1550.5", "#GET_FBG_REF_WVL_NM", "1550.5000"},
+    {"#SET_FBG_NM_PER_DEGC 0.0101", "#GET_FBG_NM_PER_DEGC", "0.0101"},
+    {"#SET_PEAK2USE 2", "#GET_PEAK2USE", "2"},
+    {"#SET_MONITORED_FBG 0", "#GET_MONITORED_FBG", "0"},
+    {"#SET_MAX_WVL_CORR_COEF_ERROR 0.2", "#GET_MAX_WVL_CORR_COEF_ERROR", "0.200000"},
+    {"#SET_LOWER_WVL_LIMIT 1521", "#GET_LOWER_WVL_LIMIT", "1521.000000"},
+    {"#SET_UPPER_WVL_LIMIT 1569", "#GET_UPPER_WVL_LIMIT", "1569.000000"},
+    {"#SET_CH_ENABLE 3 0", "#GET_CH_ENABLE 3", "0"},
+    {"#SET_ZOR_NUM_DUT_CHANNELS 3", "#GET_ZOR_NUM_DUT_CHANNELS", "3"},
+    {"#SET_USE_REFERENCES 1", "#GET_USE_REFERENCES", "1"},
+    {"#SET_MIN_NUM_AVERAGES 2", "#GET_MIN_NUM_AVERAGES", "2"},
+    {"#SET_ENABLE_WVL_OFFSETS 0", "#GET_ENABLE_WVL_OFFSETS", "0"},
+    {"#SET_SENSOR_BIN_WIDTH 150", "#GET_SENSOR_BIN_WIDTH", "150"},
+    // Kept in the data files, not as tags.
+    {"#SET_REFERENCE 2 3 1545.25", "#GET_REFERENCE 2 3", "1545.250000"},
+    {"#SET_NUM_AVERAGES 1 2 7", "#GET_NUM_AVERAGES 1 2", "7"},
+    {"#SET_GAIN_WVL_OFFSET 3 12 0.005", "#GET_GAIN_WVL_OFFSET 3 12", "0.005000"},
+    {"#SET_DB2COUNTS 2 100 1234", "#GET_DB2COUNTS 2 100", "1234"},
+    // Detector channels, on two channels each.
+    {"#SET_ZOR_CH_GAIN 2 1111", "#GET_ZOR_CH_GAIN 2", "1111"},
+    {"#SET_ZOR_CH_GAIN 4 2222", "#GET_ZOR_CH_GAIN 4", "2222"},
+    {"#SET_MAX_DUT_CH_GAIN 1 50000", "#GET_MAX_DUT_CH_GAIN 1", "50000"},
+    {"#SET_MAX_DUT_CH_GAIN 3 40000", "#GET_MAX_DUT_CH_GAIN 3", "40000"},
+    {"#SET_ZOR_MAX_GAIN_DB 35.5", "#GET_ZOR_MAX_GAIN_DB", "35.500000"},
+    {"#SET_MIN_CH_PWR_LEVEL 1 100", "#GET_MIN_CH_PWR_LEVEL 1", "100"},
+    {"#SET_MAX_CH_PWR_LEVEL 3 8000", "#GET_MAX_CH_PWR_LEVEL 3", "8000"},
+    {"#SET_ZOR_CH_NOISE_THRESH 2 100", "#GET_ZOR_CH_NOISE_THRESH 2", "100"},
+    {"#SET_ZOR_CH_NOISE_THRESH 4 250", "#GET_ZOR_CH_NOISE_THRESH 4", "250"},
+    {"#SET_CH_NOISE_THRESH_ENABLE 2 0", "#GET_CH_NOISE_THRESH_ENABLE 2", "0"},
+    {"#SET_CH_NOISE_THRESH_ENABLE 4 0", "#GET_CH_NOISE_THRESH_ENABLE 4", "0"},
+    {"#SET_CH_LOCKOUT_PERIOD 2 300", "#GET_CH_LOCKOUT_PERIOD 2", "300"},
+    {"#SET_CH_LOCKOUT_PERIOD 4 400", "#GET_CH_LOCKOUT_PERIOD 4", "400"},
+    {"#SET_CH_NTV_PERIOD 4 1700", "#GET_CH_NTV_PERIOD 4", "1700"},
+    {"#SET_CH_NTV_RESET_ON_ZC 2 0", "#GET_CH_NTV_RESET_ON_ZC 2", "0"},
+    {"#SET_ZOR_AMP_CH 4", "#GET_ZOR_AMP_CH", "4"},
+    // Laser, timing and loops.
+    {"#SET_AUTOBIAS 0", nullptr, nullptr},
+    {"#SET_AUTO_SCAN_AMP 0", "#GET_AUTO_SCAN_AMP", "0"},
+    {"#SET_AUTO_SCAN_MAX_STEP 0", "#GET_AUTO_SCAN_MAX_STEP", "0"},
+    {"#SET_OPERATING_MODE 1", "#GET_OPERATING_MODE", "0"},
+    {"#SET_TRIG_START_EDGE 1", "#GET_TRIG_START_EDGE", "1"},
+    {"#SET_TRIG_STOP_EDGE 1", "#GET_TRIG_STOP_EDGE", "1"},
+    {"#SET_TRIG_STOP_TYPE 1", "#GET_TRIG_STOP_TYPE", "1"},
+    {"#SET_TRIG_NUM_ACQ 1234", "#GET_TRIG_NUM_ACQ", "1234"},
+    {"#SET_AUTO_RETRIG 1", "#GET_AUTO_RETRIG", "1"},
+    {"#SET_TRIG_MODE 2", "#GET_TRIG_MODE", "2"},
+    {"#SET_EXT_SYNC_EDGE 1", "#GET_EXT_SYNC_EDGE", "1"},
+    {"#SET_DATA_RATE_DIVIDER 3", "#GET_DATA_RATE_DIVIDER", "3"},
+    {"#SET_MIN_DATA_RATE_DIVIDER 2", "#GET_MIN_DATA_RATE_DIVIDER", "2"},
+    {"#SET_HWCLK_DIVIDER 2", "#GET_HWCLK_DIVIDER", "1"},
+    {"#SET_2KHZ_MODE 1", "#GET_2KHZ_MODE", "1"},
+    {"#SET_MUX_LEVEL 2", "#GET_MUX_LEVEL", "1"},
+    {"#SET_PZT_SYNC_OFFSET 77", "#GET_PZT_SYNC_OFFSET", "77"},
+    {"#SET_SOA_DRIVE 29000", "#GET_SOA_DRIVE", "29000"},
+    {"#SET_SOA_ON_WVL 1545.5", "#GET_SOA_ON_WVL", "1545.500000"},
+    {"#SET_SOA_OFF_WVL 1546.5", "#GET_SOA_OFF_WVL", "1546.500000"},
+    {"#SET_SOA_ON_COUNT 1234", "#GET_SOA_ON_COUNT", "1234"},  // equal on and off counts: never gated
+    {"#SET_SOA_OFF_COUNT 1234", "#GET_SOA_OFF_COUNT", "1234"},
+    {"#SET_SYNC_HI_COUNT 111", "#GET_SYNC_HI_COUNT", "111"},
+    {"#SET_SYNC_LO_COUNT 22222", "#GET_SYNC_LO_COUNT", "22222"},
+    {"#SET_SYNC_HI_WVL 1544.25", "#GET_SYNC_HI_WVL", "1544.250000"},
+    {"#SET_SYNC_LO_WVL 1551.75", "#GET_SYNC_LO_WVL", "1551.750000"},
+    {"#SET_SYNC_CTRL_MODE 1", "#GET_SYNC_CTRL_MODE", "1"},
+    {"#SET_FAN1_CONTROL_TEMP 45", "#GET_FAN1_CONTROL_TEMP", "45"},
+    {"#SET_FAN2_CONTROL_TEMP 55", "#GET_FAN2_CONTROL_TEMP", "55"},
+    {"#SET_FAN1_TEMP_HYSTERESIS 5", "#GET_FAN1_TEMP_HYSTERESIS", "5"},
+    {"#SET_FAN2_TEMP_HYSTERESIS 6", "#GET_FAN2_TEMP_HYSTERESIS", "6"},
+    {"#SET_SWAP_P68_P155 1", "#GET_SWAP_P68_P155", "1"},
+    {"#SET_SCAN_AMP 40900", "#GET_SCAN_AMP", "40900"},
+    {"#SET_INITIAL_BIAS 28500", "#GET_INITIAL_BIAS", "28500"},
+    {"#SET_GRATING_TARGET_LOCATION 0.45", "#GET_GRATING_TARGET_LOCATION", "0.450000"},
+    {"#SET_BIAS_FEEDBACK_GAIN 0.15", "#GET_BIAS_FEEDBACK_GAIN", "0.150000"},
+    {"#SET_MAX_BIAS_ERROR 18", "#GET_MAX_BIAS_ERROR", "18"},
+    {"#SET_MAX_BIAS_STEP 900", "#GET_MAX_BIAS_STEP", "900"},
+    {"#SET_AUTO_SCAN_RIGHT_PEAKS 50", "#GET_AUTO_SCAN_RIGHT_PEAKS", "50"},
+    {"#SET_AUTO_SCAN_LEFT_PEAKS 40", "#GET_AUTO_SCAN_LEFT_PEAKS", "40"},
+    {"#SET_AUTO_SCAN_SPAN 0.69", "#GET_AUTO_SCAN_SPAN", "0.690000"},
+    {"#SET_AUTO_SCAN_MAX_ERROR 25", "#GET_AUTO_SCAN_MAX_ERROR", "25"},
+    {"#SET_AUTO_SCAN_FEEDBACK_GAIN 0.12", "#GET_AUTO_SCAN_FEEDBACK_GAIN", "0.120000"},
+    {"#SET_ZOR_FS_ENABLE 1", "#GET_ZOR_FS_ENABLE", "1"},
+    {"#SET_FS_WVL_OFFSET_NM 0.01234", "#GET_FS_WVL_OFFSET_NM", "0.01234"},
+    {"#SET_PEAK_AMP_SEARCH_WND 3", "#GET_PEAK_AMP_SEARCH_WND", "3"},
+    {"#SET_PEAK_AMP_BUF_DEPTH 64", "#GET_PEAK_AMP_BUF_DEPTH", "64"},
+    {"#SET_SWITCHDOWN_ENABLE 1", "#GET_SWITCHDOWN_ENABLE", "1"},
+    {"#SET_AUTO_SWITCHDOWN 2 1111", "#GET_AUTO_SWITCHDOWN 2", "1111"},
+    {"#SET_AUTO_SWITCHDOWN 12 4444", "#GET_AUTO_SWITCHDOWN 9", "4444"},
+    {"#SET_AVO_CHANNEL 2 7", "#GET_AVO_CHANNEL 2", "3.2"},
+    {"#SET_AVO_SENSOR 2 5", "#GET_AVO_SENSOR 2", "5"},
+    {"#SET_AVO_SCALING_FACTOR 2 12.5", "#GET_AVO_SCALING_FACTOR 2", "12.500000"},
+    {"#SET_AVO_REFERENCE_VOUT 2 0.3", "#GET_AVO_REFERENCE_VOUT 2", "0.300000"},
+    {"#SET_AVO_CHANNEL 5 3", "#GET_AVO_CHANNEL 5", "3.1"},
+    {"#SET_AVO_SENSOR 5 9", "#GET_AVO_SENSOR 5", "9"},
+    {"#SET_AUTOBIAS 1", "#GET_AUTOBIAS", "1"},
+    {"#SET_FBG_CHANNEL 1", "#GET_FBG_CHANNEL", "1"},
+};
+
+void ExpectGetters(CTestClient& client, const char* server) {
+  for (const SSetting& s : kSettings)
+    if (s.Get) {
+      EXPECT_EQ(client.Command(s.Get), s.Value) << s.Get << " on the " << server << " server";
+    }
+}
+
+TEST(SettingsPersistence, FreshRootComesUpReadyAndEverySavedSettingSurvivesARestart) {
+  CTempDir root;
+  std::string tags;
+  for (const std::string& line : sim::BaselineTagLines()) tags += line + "\n";
+  // A user-level setter in the tag file does nothing while it is replayed at start-up.
+  tags += "#SET_CH_NOISE_THRESH = \"3 500\"\n";
+  WriteFile(root / "vr480/vr480.tag", tags);
+  {
+    const auto start = std::chrono::steady_clock::now();
+    CServerProcess server(root.Path(), FreePort());
+    CTestClient client;
+    ASSERT_TRUE(client.Connect(server.Port()));
+    // About 9.7 s on an idle machine; the bound leaves room for a loaded one.
+    bool ready = false;
+    while (!ready && std::chrono::steady_clock::now() - start < 20s) {
+      ready = client.Command("#READY?") == "1";
+      if (!ready) std::this_thread::sleep_for(50ms);
+    }
+    ASSERT_TRUE(ready) << "not ready within 20 s\n" << server.Output();
+    // The start-up auto-bias reports how long it took, in seconds of sweeps.
+    ASSERT_TRUE(server.WaitForOutput("(Max time = 60)\n", 1s));
+    const std::string out = server.Output();
+    const size_t at = out.find("\nAutoBias time = ");
+    ASSERT_NE(at, std::string::npos);
+    const double autoBias = std::atof(out.c_str() + at + 17);
+    EXPECT_TRUE(autoBias > 0.0 && autoBias < 10.0) << autoBias;
+    EXPECT_EQ(out.find("Initial Auto-bias failed"), std::string::npos);
+    EXPECT_NE(client.Command("#GET_CH_NOISE_THRESH 3"), "500");
+
+    for (const SSetting& s : kSettings) {
+      const std::string reply = client.Command(s.Set, 30s);
+      if (std::string(s.Set) != "#SET_MUX_LEVEL 2") {
+        EXPECT_TRUE(!reply.empty() && reply[0] != '!') << s.Set << " -> " << reply;
+      }
+      if (std::string(s.Set) == "#SET_GRANULARITY 100000") {
+        // Read on until the records carry the new granularity.
+        bool seen = false;
+        for (int i = 0; i < 30000 && !seen; ++i) {
+          const data_wire::SRecord rec{client.Command("#GET_DATA")};
+          seen = rec.Size() > 88 && rec.Granularity() == 100000;  // a record, not the empty header or a late reply
+        }
+        ASSERT_TRUE(seen);
+      }
+    }
+    std::this_thread::sleep_for(500ms);
+    ExpectGetters(client, "first");
+    // One tag per saved command (per divider for the switch-down table), each as last given.
+    const std::string saved = client.Command("#GET_TAGS");
+    for (const char* tag : {"#SET_SCAN_AMP = \"40900\"\n", "#SET_AUTOBIAS = \"1\"\n", "#SET_OPERATING_MODE = \"1\"\n",
+                            "#SET_AUTO_SWITCHDOWN = \"2 1111\"\n", "#SET_AUTO_SWITCHDOWN = \"12 4444\"\n",
+                            "#SET_SOA_ON_WVL = \"1545.5\"\n"})
+      EXPECT_NE(saved.find(tag), std::string::npos) << tag << " missing from\n" << saved;
+    EXPECT_EQ(client.Command("#SAVE_SETTINGS"), "Settings Saved.\n");
+    EXPECT_EQ(client.Command("#SAVE_WVL_OFFSETS"), "Wvl Offsets Saved.\n");
+    EXPECT_EQ(server.Stop(SIGTERM), 0);
+  }
+  CServerProcess server(root.Path(), FreePort());
+  // The data files are loaded after the command port opens: wait for the last of them.
+  ASSERT_TRUE(server.WaitForOutput("Db2Counts data loaded.\n", 60s));
+  CTestClient client;
+  ASSERT_TRUE(client.Connect(server.Port()));
+  ExpectGetters(client, "restarted");
+  EXPECT_EQ(server.Stop(SIGTERM), 0);
+}
+
+}  // namespace
