@@ -78,6 +78,7 @@ const SCommandRow kRows[] = {
     {"#GET_WVL_LVL_CNTS", 0, 0, kNone, GetWvlLvlCnts},
     {"#GET_BUFFER_COUNT", 0, 0, kNone, GetBufferCount},
     {"#FLUSH_BUFFER", 0, 0, kNone, FlushBuffer},
+    {"#RESUME_AFTER_SWEEP", 1, 1, kNone, ResumeAfterSweep},
     {"#GET_RAW_DATA", 0, 0, kNone, GetRawData},
     {"#GET_HIGH_SPEED_FS", 0, 0, kNone, GetHighSpeedFs},
     {"#GET_SPECTRUM", 0, 0, kNone, GetSpectrum},

@@ -42,6 +42,11 @@ constexpr unsigned kHeaderBytes = 88;
 int ServeRecord(CCommandContext& c, bool levels);
 // The unbuffered forms: the same for the newest record, leaving the buffered position alone.
 int ServeNewestRecord(CCommandContext& c, const char* bufferedCommand);
+// #RESUME_AFTER_SWEEP n: moves the caller's read position to the oldest record the ring still
+// holds after sweep n, so that a reader that reconnects (or a recorder restarted) goes on
+// without a gap while the ring covers the outage. Replies with the number of records held and
+// the first sweep served; nothing older than the ring's last lap is ever served.
+int ResumeAfterSweep(CCommandContext& c);
 // Unread records of a caller: W - R around the ring.
 int UnreadRecords(const CVr480Server& s, int row);
 

@@ -27,6 +27,7 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 
@@ -252,6 +253,36 @@ int ServeNewestRecord(CCommandContext& c, const char* bufferedCommand) {
   s.ProcessedReadIndex[row] = saved;
   c.SetBody(body, length);
   return code;
+}
+
+int ResumeAfterSweep(CCommandContext& c) {
+  CVr480Server& s = c.Server;
+  const std::string text = c.Col(1);
+  char* end = nullptr;
+  const unsigned long long after = std::strtoull(text.c_str(), &end, 10);
+  if (text.empty() || *end != '\0' || text[0] == '-' || after > 0xFFFFFFFFull)
+    return c.Reply("!Illegal sweep counter: %s\n", text.c_str());
+  if (!s.ProcessedData) return c.Reply("!No records held.\n");
+  // Walk back from the newest record while the records are newer than the one asked for. The
+  // walk stops at a slot never written and at a sweep counter that rises going back (the
+  // previous lap of the ring), and it keeps clear of the slots the producer is about to
+  // refill: a second of records at the fastest rate.
+  constexpr int kProducerMargin = static_cast<int>(kMaxRecordRate);
+  const uint16_t w = s.ProcessedWriteIndex;
+  uint16_t r = w;
+  int held = 0;
+  uint32_t newer = 0;
+  for (; held < kSlots - kProducerMargin; ++held) {
+    const uint16_t back = r == 0 ? kSlots - 1 : static_cast<uint16_t>(r - 1);
+    const uint8_t* rec = SlotBytes(s, back);
+    const uint32_t sweep = SweepOf(rec);
+    if (!SizesValid(rec) || sweep <= after || (held > 0 && sweep >= newer)) break;
+    newer = sweep;
+    r = back;
+  }
+  s.ProcessedReadIndex[c.Row] = r;
+  if (held == 0) return c.Reply("Resuming after sweep %llu: no record held after it.\n", after);
+  return c.Reply("Resuming after sweep %llu: %d records held, from sweep %u.\n", after, held, newer);
 }
 
 int UnreadRecords(const CVr480Server& s, int row) {
