@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "ProcessingFixture.h"
+#include "server/Globals.h"
 
 using namespace proc_test;
 
@@ -202,4 +203,37 @@ TEST(SensorBinning, SwitchingOffWaitsForTheAcquisitionThread) {
   EXPECT_GE(records, 2);
   // Switching off while off is a no-op that returns at once.
   EXPECT_EQ(s.StartSensorTracking(false), 0);
+}
+
+// The sensor commands' range checks, through the command interpreter.
+TEST(SensorCommands, RangesOfAveragesGainOffsetsDbTableAndReferences) {
+  auto s = MakeServer();
+  auto cmd = [&](const std::string& line) {
+    char* reply = nullptr;
+    unsigned length = 0;
+    s->ProcessCmd(kInternalClient, line.c_str(), &reply, &length);
+    return std::string(reply, length);
+  };
+  auto r = MakeSweep();
+  AddSensor(r, 0, ToothCount(30));
+  AddSensor(r, 0, ToothCount(40));
+  Feed(*s, r);
+  const std::string badAverages = cmd("#SET_NUM_AVERAGES 0");
+  EXPECT_EQ(badAverages.rfind("!Illegal parameters.  Acceptable ranges are: Ch# 1 to ", 0), 0u) << badAverages;
+  EXPECT_EQ(cmd("#SET_NUM_AVERAGES 1 1 0"), badAverages);
+  EXPECT_EQ(cmd("#SET_NUM_AVERAGES 2"), "Setting averaging for all sensors on all channels to 2.\n");
+  EXPECT_EQ(cmd("#SET_GAIN_WVL_OFFSET 4 7 0.5"), "Setting Ch 4, Gain 7 wvl offset to 0.500000.\n");
+  EXPECT_EQ(cmd("#SET_GAIN_WVL_OFFSET 5 7 0.5").rfind("!Illegal parameters.  Acceptable ranges are: Ch# 1 to 4 and Gain  0 to ", 0), 0u);
+  EXPECT_EQ(cmd("#SET_DB2COUNTS 1 400 77"), "Setting Db2Counts[1][400] to 77");
+  EXPECT_EQ(cmd("#GET_DB2COUNTS 1 400"), "77");
+  EXPECT_EQ(cmd("#SET_DB2COUNTS 1 401 77"), "!Invalid command or argument: #SET_DB2COUNTS 1 401 77.");
+
+  // Clearing a channel's references clears every sensor's, the first included.
+  cmd("#SET_REFERENCE 1 1 1550");
+  cmd("#SET_REFERENCE 1 2 1551");
+  ASSERT_NE(s->SensorReferences[0][0], 0);
+  ASSERT_NE(s->SensorReferences[0][1], 0);
+  EXPECT_EQ(cmd("#CLEAR_REFERENCE 1"), "Zeroing channel 1 references.\n");
+  EXPECT_EQ(s->SensorReferences[0][0], 0);
+  EXPECT_EQ(s->SensorReferences[0][1], 0);
 }

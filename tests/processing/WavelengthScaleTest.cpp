@@ -24,10 +24,6 @@ TEST(WavelengthScale, GratingTableIsAnchoredAtTheReferenceReading) {
   EXPECT_EQ(s->Vth2Thz[65535], refThz);
   EXPECT_EQ(s->Vth2Thz[0], refThz);
 
-  // The thermistor: about -7 at 25 degC, about 719 readings per degree, falling as it warms.
-  EXPECT_NEAR(s->thermistor_Vth2degC(-7), 25.0, 0.01);
-  EXPECT_NEAR(s->thermistor_Vth2degC(-7 - 719), 26.0, 0.01);
-
   // Anchored in the middle of the range: the reference reading gives the reference
   // wavelength exactly, and every degree warmer moves the grating 0.01 nm longer.
   s->FbgRefVth = static_cast<uint16_t>(-7);
@@ -194,16 +190,4 @@ TEST(WavelengthScale, CountsAndWavelengthsConvertBothWays) {
   Feed(*s, r);
   EXPECT_EQ(s->Counts2Wvl(20000), -1.0);
   EXPECT_EQ(ProcessingAccess::Wvl2Counts(*s, 1550.0), -1.0);
-}
-
-TEST(WavelengthScale, FitLine) {
-  const double x[] = {1, 2, 3, 4};
-  const double y[] = {3, 5, 7, 9};
-  double slope = 7, intercept = 7;
-  EXPECT_EQ(FitLine(x, y, 4, &slope, &intercept), 0);
-  EXPECT_DOUBLE_EQ(slope, 2.0);
-  EXPECT_DOUBLE_EQ(intercept, 1.0);
-  EXPECT_EQ(FitLine(x, y, 0, &slope, &intercept), -1);
-  EXPECT_EQ(slope, 0.0);
-  EXPECT_EQ(intercept, 0.0);
 }

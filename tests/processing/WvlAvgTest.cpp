@@ -145,42 +145,6 @@ TEST(WvlAvg, TargetsAreCheckedAndANewTargetEmptiesTheRing) {
   EXPECT_EQ(avg.GetTargetNumAvg(5, 5), 1);
 }
 
-TEST(WvlAvg, ResetEmptiesOnlyTheRingsAddressed) {
-  CVr480WvlAvg avg;
-  EXPECT_EQ(avg.Reset(), kWvlAvgNotInitialised);
-  EXPECT_EQ(avg.Reset(0), kWvlAvgNotInitialised);
-  EXPECT_EQ(avg.Reset(0, 0), kWvlAvgNotInitialised);
-  ASSERT_EQ(QuietInit(avg, 4, 10, 50), kWvlAvgOk);
-  avg.SetTargetNumAvg(4);
-  auto fill = [&] {
-    for (int ch = 0; ch < 4; ++ch)
-      for (int s = 0; s < 10; ++s) avg.AddValue(ch, s, 100 * ch + s);
-  };
-
-  fill();
-  EXPECT_EQ(avg.Reset(1, 3), kWvlAvgOk);
-  EXPECT_EQ(avg.GetAverage(1, 3), kWvlAvgNoValue);
-  EXPECT_EQ(avg.GetAverage(1, 4), 104);
-  EXPECT_EQ(avg.GetTargetNumAvg(1, 3), 4);  // a reset keeps the target
-  avg.AddValue(1, 3, 7);
-  EXPECT_EQ(avg.GetAverage(1, 3), 7);
-  EXPECT_EQ(avg.Reset(4, 0), kWvlAvgOutOfRange);
-  EXPECT_EQ(avg.Reset(0, 10), kWvlAvgOutOfRange);
-
-  EXPECT_EQ(avg.Reset(2), kWvlAvgOk);
-  for (int s = 0; s < 10; ++s) EXPECT_EQ(avg.GetNumAvg(2, s), 0);
-  EXPECT_EQ(avg.GetAverage(3, 9), 309);
-  EXPECT_EQ(avg.Reset(4), kWvlAvgOutOfRange);
-
-  fill();
-  EXPECT_EQ(avg.Reset(), kWvlAvgOk);
-  for (int ch = 0; ch < 4; ++ch)
-    for (int s = 0; s < 10; ++s) {
-      EXPECT_EQ(avg.GetNumAvg(ch, s), 0);
-      EXPECT_EQ(avg.GetTargetNumAvg(ch, s), 4);
-    }
-}
-
 TEST(WvlAvg, InitCloseAndTheirConsoleTexts) {
   EXPECT_EQ(CVr480WvlAvg::GetMemoryRequired(4, 250, 10000), 40017096u);
   EXPECT_EQ(CVr480WvlAvg::GetMemoryRequired(255, 65535, 65535),

@@ -75,20 +75,6 @@ TEST_F(ControlLoops, BiasDeadBandIsStrict) {
   EXPECT_EQ(Bias(), b - 2 + 2);
 }
 
-TEST_F(ControlLoops, BiasStepFollowsTheGainAndMovesTheGrating) {
-  Bench.Command("#SET_BIAS 30000");
-  Bench.Record();
-  Bench.Record();
-  TargetLeftOfGrating(1000);
-  const int before = Bench.Grating();
-  Bench.MarkLog();
-  EXPECT_EQ(Bench.AutoBias(), 1000);
-  EXPECT_EQ(Bench.Sent(kBiasCode), Words{29900});
-  // The grating moves about one count per bias LSB: 100 counts to the left.
-  Bench.Record();
-  EXPECT_NEAR(Bench.Grating() - before, -100, 5);
-}
-
 TEST_F(ControlLoops, BiasRailsRestartFromTheFallBackBias) {
   const uint16_t fallBack = Bench.S().Bias;
   ASSERT_EQ(fallBack, kReadyBias);
@@ -140,16 +126,6 @@ TEST_F(ControlLoops, WithoutGratingTheBiasWalksDownAndWraps) {
   Bench.AutoBias();
   EXPECT_EQ(Bench.Sent(kBiasCode), (Words{63536, uint32_t(kReadyBias)}));
 }
-
-TEST_F(ControlLoops, BiasLoopOffSendsNothing) {
-  Bench.Command("#SET_AUTOBIAS 0");
-  TargetLeftOfGrating(1000);
-  Bench.MarkLog();
-  EXPECT_EQ(Bench.AutoBias(), 0);
-  EXPECT_TRUE(Bench.Sent(kBiasCode).empty());
-}
-
-// ---- Scan-amplitude loop ---------------------------------------------------------------------
 
 TEST_F(ControlLoops, ScanErrorEqualToTheDeadBandIsReady) {
   TargetWiderThanStretch(20);

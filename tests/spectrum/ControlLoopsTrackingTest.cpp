@@ -53,8 +53,6 @@ TEST(ControlLoopsTracking, ScanGainChangeDropsReadyAndRegainsItWithinFiveSeconds
   ASSERT_GE(regained, 0) << "ready did not come back within 5 s";
   bench.Pass();
   EXPECT_TRUE(bench.Card().ReadyLed());
-  std::printf("ready regained %.1f s after the gain change; scan amplitude %u -> %u\n", lost + regained, readyAmp,
-              bench.S().Driver.GetScanAmp());
   // The loop narrowed the sweep by about the same 5 %.
   const double ratio = double(bench.S().Driver.GetScanAmp()) / readyAmp;
   EXPECT_NEAR(ratio, 1 / 1.05, 0.005);
@@ -77,8 +75,6 @@ TEST(ControlLoopsTracking, InternalTemperatureDriftIsTrackedWithin25Counts) {
   }
   EXPECT_NEAR(bench.Card().InternalTemperature(), startTemp + 20.0, 0.01);
   EXPECT_LE(worst, 25);
-  std::printf("worst grating error during the drift: %d counts; bias %d -> %d\n", worst, startBias,
-              bench.S().Driver.GetBias());
   // The grating stayed put because the bias moved: about one LSB per count of drift.
   EXPECT_GT(std::abs(bench.S().Driver.GetBias() - startBias), 500);
   EXPECT_TRUE(bench.S().bReady);

@@ -113,19 +113,6 @@ TEST(FullSpectrumBuild, PeakAmplitudeSearchesTheWindowOverTheHistoryAndCachesIt)
   EXPECT_EQ(s->GetPeakAmplitude(2, 20), -1);
 }
 
-TEST(FullSpectrumBuild, AtStartOnlyTheLowerHalfOfTheSamplesIsComputed) {
-  // The constructor marks samples 0-127 stale; the upper half serves its zero cache until
-  // the history first wraps.
-  auto s = MakeServer();
-  FillHistory(*s, 0, 4000);
-  EXPECT_EQ(s->GetPeakAmplitude(0, 100), 4000);
-  EXPECT_EQ(s->GetPeakAmplitude(0, 200), 0);
-  auto r = MakeRecord(0);
-  Feed(*s, r);
-  for (int i = 0; i < 128; ++i) FullSpectrumAccess::BuildRawFSBuffer(*s);
-  EXPECT_EQ(s->GetPeakAmplitude(0, 200), 1000 + 200) << "the history now holds the records' samples";
-}
-
 TEST(FullSpectrumBuild, SamplesInterleaveByPhaseAndLayer) {
   auto s = MakeServer();
   // Grating and comb: every sweep, sample i of phase p at point 128 i + p.

@@ -91,20 +91,6 @@ TEST(SpectrumCalibration, LinesLandAtTheirWavelengthsAndTheCombEndsAreMarked) {
   }
 }
 
-TEST(SpectrumCalibration, ValuesAreInterpolatedLinearlyInWavelength) {
-  const CSyntheticComb comb;
-  std::vector<int16_t> raw(fs::kPoints);
-  for (int j = 0; j < fs::kPoints; ++j) raw[j] = static_cast<int16_t>(j);  // the value is the point
-  const CResult r = Resample(raw, comb);
-  for (int i = 0; i < fs::kPoints; i += 97) {
-    const double w = GridNm(i);
-    if (r.Out[i] == fs::kBeforeComb || r.Out[i] == fs::kAfterComb) continue;
-    // Within a point of where the wavelength lies, truncated toward zero.
-    EXPECT_NEAR(r.Out[i], comb.Point(w), 1.0) << i;
-    EXPECT_LE(r.Out[i], comb.Point(w) + 1e-6) << i;
-  }
-}
-
 TEST(SpectrumCalibration, MultiplexedLayersKeepTheirOwnParts) {
   // Two layers: layer 0 in points 0-16383 (sweep point j at j/2), layer 1 in 16384-32767.
   const CSyntheticComb comb;

@@ -1,6 +1,10 @@
-// The instrument behind the simulated card: counters, sweep, grating and thermistor, comb,
-// sensors, detection rules, delays of settings.
+// The instrument behind the simulated card: counters, sweep, grating and thermistor, the comb
+// and the sensors at their wavelengths, time of flight, detection rules, multiplexer layers,
+// triggered windows, and the full-spectrum samples.
 #include <gtest/gtest.h>
+
+#include <cmath>
+#include <vector>
 
 #include "SimTestDriver.h"
 
@@ -17,11 +21,14 @@ struct CReadyCard : CTestDriver {
   }
 };
 
-double Mean(const std::vector<double>& v) {
-  double s = 0;
-  for (double x : v) s += x;
-  return v.empty() ? 0.0 : s / v.size();
+// Waits (in records) until the card reports multiplexer level `level`; returns the records taken.
+int AwaitLevel(CTestDriver& d, int level) {
+  for (int i = 1; i <= 16; ++i)
+    if (d.StepNext().AppliedLevelBits() == level - 1) return i;
+  return -1;
 }
+
+int SampleOf(const struct_dma_peaks_data& r, int i) { return static_cast<int>(r.FsSamples[i] & 0xFFFF); }
 
 }  // namespace
 
@@ -32,7 +39,7 @@ TEST(SimInstrument, CountersPhaseAndDivider) {
   uint16_t prevCounter = prev->status.RecordCounter;
   uint32_t prevSweep = prev->status.SweepCounter;
   uint8_t prevPhase = prev->status.CurrentLayer;
-  for (int i = 0; i < 300; ++i) {
+  for (int i = 0; i < 200; ++i) {
     auto& r = d.StepNext();
     EXPECT_EQ(r.status.RecordCounter, static_cast<uint16_t>(prevCounter + 1));
     EXPECT_EQ(r.status.SweepCounter, prevSweep + 3) << "dropped sweeps count too";
@@ -48,14 +55,6 @@ TEST(SimInstrument, CountersPhaseAndDivider) {
   d.Advance(2);
   EXPECT_EQ(d.StepNext().status.DataRateDivider, 1);
 
-  // Operating modes 2 and 3 follow a virtual master's divider.
-  d.Card().SetMasterDivider(4);
-  d.Command(cmd::kOperatingMode, 2);
-  d.Advance(2);
-  auto& a = d.StepNext();
-  auto& b = d.StepNext();
-  EXPECT_EQ(b.status.DataRateDivider, 4);
-  EXPECT_EQ(b.status.SweepCounter - a.status.SweepCounter, 4u);
 }
 
 TEST(SimInstrument, BiasAndScanAmplitudeMoveThePeaks) {
@@ -106,8 +105,7 @@ TEST(SimInstrument, SensorWavelengthsMatchTheCombScale) {
   s.WavelengthNm = 1541.2345;
   s.DistanceM = 0.0;
   d.Card().SetSensors(0, {s});
-  std::vector<double> errors;
-  double squares = 0.0;
+  double sum = 0.0, squares = 0.0;
   for (int i = 0; i < 200; ++i) {
     auto& r = d.StepNext();
     CTestScale scale(r);
@@ -117,24 +115,11 @@ TEST(SimInstrument, SensorWavelengthsMatchTheCombScale) {
     const double nm = scale.Counts2Wvl(r.DutPeaks[0][0]);
     // Noise of the sensor and of the two comb teeth around it, and the rounding to counts.
     EXPECT_NEAR(nm, s.WavelengthNm, 0.0045) << "record " << i;
-    errors.push_back(nm - s.WavelengthNm);
+    sum += nm - s.WavelengthNm;
     squares += (nm - s.WavelengthNm) * (nm - s.WavelengthNm);
   }
-  EXPECT_LT(std::sqrt(squares / errors.size()), 0.0015) << "within 3 pm for 95 % of records";
-  EXPECT_NEAR(Mean(errors), 0.0, 0.001) << "averaged";
-}
-
-TEST(SimInstrument, CalibrationErrorAndTrueFsrMoveTheScale) {
-  CReadyCard d;
-  d.Card().SetCalibrationError(0.3);
-  CTestScale flagged(d.StepNext());
-  ASSERT_TRUE(flagged.bValid);
-  // The grating sits 0.3 intervals above where the server's model puts it.
-  EXPECT_NEAR(flagged.WvlCorrCoef - std::nearbyint(flagged.WvlCorrCoef), -0.3, 0.05);
-
-  d.Card().SetCalibrationError(0.6);  // beyond half an interval: one tooth off
-  CTestScale slipped(d.StepNext());
-  EXPECT_NEAR(slipped.WvlCorrCoef - std::nearbyint(slipped.WvlCorrCoef), 0.4, 0.05);
+  EXPECT_LT(std::sqrt(squares / 200), 0.0015) << "within 3 pm for 95 % of records";
+  EXPECT_NEAR(sum / 200, 0.0, 0.001) << "averaged";
 }
 
 TEST(SimInstrument, TimeOfFlightShiftsFarSensors) {
@@ -191,83 +176,108 @@ TEST(SimInstrument, DetectionRules) {
   d.Command(cmd::kMaxDutPeaks, 2);
   EXPECT_EQ(d.StepNext().status.NumPeaks[2], 2);
 
-  d.Command(cmd::kSoaEnable, 0);
-  auto& dark = d.StepNext();
-  for (int c = 0; c < 6; ++c) EXPECT_EQ(dark.status.NumPeaks[c], 0);
-  d.Command(cmd::kSoaEnable, 1);
-  d.Command(cmd::kSoaDrive, 4999);
-  EXPECT_EQ(d.StepNext().status.NumPeaks[1], 0) << "too little drive to lase";
-  d.Command(cmd::kSoaDrive, 30000);
-  d.Command(cmd::kSoaOn, 0);
-  d.Command(cmd::kSoaOff, 32768);  // light only in the first half of the forward sweep
-  auto& half = d.StepNext();
-  ASSERT_GT(half.status.NumPeaks[1], 0);
-  EXPECT_LT(half.FfpiPeaks[half.status.NumPeaks[1] - 1], 32768 + 200);
 }
 
-TEST(SimInstrument, SettingDelaysInRecords) {
+TEST(SimModes, MultiplexerLevelsAndLayers) {
   CReadyCard d;
-  d.Command(cmd::kConverter, 0x8000 | (4 << 10));  // control-register word: input 4
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(d.StepNext().AmplitudeChannel(), 0) << i;
-  EXPECT_EQ(d.StepNext().AmplitudeChannel(), 4);
-  d.Command(cmd::kConverter, 0x8000 | 0x2000 | (1 << 10));  // a range-register word: no change
-  d.Command(cmd::kConverter, (1 << 10));                    // not a write: no change
-  d.Advance(4);
-  EXPECT_EQ(d.StepNext().AmplitudeChannel(), 4);
+  // A distinct sensor on DUT channel 0 of every layer tells which layer a sweep shows.
+  for (int layer = 0; layer < 2; ++layer) d.Card().SetSensors(layer * 4, {CSimSensor{1530.0 + 5 * layer, 0.0}});
 
+  d.Command(cmd::kOptoA, 0);
+  d.Command(cmd::kOptoB, 1);
+  const int taken = AwaitLevel(d, 2);
+  EXPECT_GE(taken, 1);
+  EXPECT_LE(taken, 4) << "applied at the next cycle boundary";
+  for (int i = 0; i < 40; ++i) {
+    auto& r = d.StepNext();
+    const int layer = ConvertLayerBits(r.status.flags1_lo) & 3;  // the server's numbering
+    EXPECT_EQ(r.AppliedLevelBits(), 1);
+    EXPECT_EQ(layer, static_cast<int>(r.status.SweepCounter % 2));
+    EXPECT_EQ(r.status.flags1_lo & 3, layer == 1 ? 2 : 0) << "the card numbers layers 1 and 2 swapped";
+    EXPECT_EQ(r.status.CurrentLayer % 2, layer) << "phase aligned with the layer";
+    ASSERT_EQ(r.status.NumPeaks[2], 1);
+  }
+
+  d.Command(cmd::kOptoA, 0);
+  d.Command(cmd::kOptoB, 0);
+  ASSERT_GT(AwaitLevel(d, 1), 0);
+  EXPECT_EQ(d.StepNext().Layer(), 0);
+}
+
+TEST(SimModes, SoftwareTriggerWindows) {
+  CReadyCard d;
+  d.Command(cmd::kTrigSource, 0);
+  d.Command(cmd::kTrigStopType, 0);
+  d.Command(cmd::kTrigAcq, 5);
   d.Command(cmd::kTrigEnable, 1);
-  EXPECT_FALSE(d.StepNext().TriggeredAcquisition());
-  EXPECT_FALSE(d.StepNext().TriggeredAcquisition());
-  EXPECT_TRUE(d.StepNext().TriggeredAcquisition()) << "armed two records after the enable";
-}
+  d.Advance(3);
+  EXPECT_EQ(d.Card().TriggerState(), ETriggerState::Armed);
+  auto& armed = d.StepNext();
+  EXPECT_TRUE(armed.TriggeredAcquisition());
+  EXPECT_FALSE(armed.InTriggerWindow());
 
-TEST(SimInstrument, FullSpectrumSamples) {
-  CReadyCard d;
-  d.Command(cmd::kConverter, 0x8000);  // the grating's detector
-  auto& r = d.Advance(5);
-  ASSERT_EQ(r.AmplitudeChannel(), 0);
-  ASSERT_EQ(r.status.NumPeaks[0], 1);
-  int best = 0;
-  for (int i = 0; i < 256; ++i) {
-    EXPECT_EQ(r.FsSamples[i] >> 16, 0xA5A5u) << "marker";
-    if ((r.FsSamples[i] & 0xFFFF) > (r.FsSamples[best] & 0xFFFF)) best = i;
-  }
-  // The samples carry no detector latency: the brightest one sits 160 counts before the peak.
-  EXPECT_NEAR(256.0 * best + 2 * r.status.CurrentLayer, r.FbgPeaks[0] - 160.0, 200.0);
-  EXPECT_GT(r.FsSamples[best] & 0xFFFF, 400u) << "within half a sample step of the peak";
-
-  d.Command(cmd::kAlign, 1);
-  auto& a = d.StepNext();
-  for (int i = 0; i < 256; ++i) EXPECT_EQ(a.FsSamples[i] & 0xFFFF, 128u * i + a.status.CurrentLayer);
-}
-
-TEST(SimInstrument, ServerLoopsSettleWithinFiveSeconds) {
-  // The server's bias and scan-amplitude loops, ten times a second, from 10 % off.
-  CTestDriver d;
-  d.Start();
-  double bias = 28000, amp = 40800 * 0.9;
-  d.LaserOn(static_cast<uint16_t>(bias), static_cast<uint16_t>(amp));
-  int settledAt = -1;
-  for (int call = 0; call < 50; ++call) {
-    auto& r = d.Advance(100);
-    CTestScale scale(r);
-    ASSERT_TRUE(scale.bValid) << call;
-    const double e = static_cast<double>(r.status.FbgPosition & 0xFFFFFF) - 32768;
-    if (std::fabs(e) >= 20) bias -= std::trunc(e * 0.1);
-    const int ref = scale.RefIndex;
-    ASSERT_GE(ref, 44);
-    ASSERT_LT(ref + 56, r.status.NumPeaks[1]);
-    const double err = 45875.0 - (static_cast<double>(r.FfpiPeaks[ref + 56]) - r.FfpiPeaks[ref - 44]);
-    if (std::fabs(err) > 20) {
-      amp -= std::clamp(std::trunc(err * 0.1), -5000.0, 5000.0);
-    } else if (std::fabs(e) < 20 && settledAt < 0) {
-      settledAt = call;
+  d.Command(cmd::kSwStart, 0);
+  uint32_t sweep = 0;
+  for (int i = 0; i < 5; ++i) {
+    auto& r = d.StepNext();
+    EXPECT_TRUE(r.InTriggerWindow()) << i;
+    if (i > 0) {
+      EXPECT_EQ(r.status.SweepCounter, sweep + 1) << "consecutive sweeps in a window";
     }
-    d.Command(cmd::kBias, static_cast<uint16_t>(bias));
-    d.Command(cmd::kScanAmp, static_cast<uint16_t>(amp));
+    sweep = r.status.SweepCounter;
   }
-  EXPECT_GE(settledAt, 0) << "bias " << bias << " scan amplitude " << amp;
-  // They settle at the card's factory calibration, which its baseline tags carry.
-  EXPECT_NEAR(amp, sim::factory::kScanAmp, 400);
-  EXPECT_NEAR(bias, sim::factory::kBias, 500);
+  auto& after = d.StepNext();
+  EXPECT_FALSE(after.InTriggerWindow());
+  EXPECT_TRUE(after.TriggeredAcquisition());
+  EXPECT_EQ(d.Card().TriggerState(), ETriggerState::Done);
+  d.Command(cmd::kSwStart, 0);
+  EXPECT_FALSE(d.StepNext().InTriggerWindow()) << "done: a start needs a new enable";
+
+}
+
+TEST(SimSamples, LinesLieWhereThePeakDetectorSeesThemLessItsLatencyAndAlignmentCounts) {
+  // One sensor at the instrument and one 400 m out: light from the far one comes back late, in
+  // the samples as in the peak list.
+  // Sweeps interleave as the server assembles its spectrum: sample i of phase p looks at
+  // count 256 i + 2 p.
+  CReadyCard d;
+  d.Card().SetSensors(0, {CSimSensor{1530.0, 0.0, 12000.0}, CSimSensor{1560.0, 400.0, 10000.0}});
+  d.Command(cmd::kConverter, 0x8000 | (2 << 10));  // DUT channel 1's detector
+  d.Advance(8);
+  std::vector<int> counts(65536, -1);
+  struct_dma_peaks_data last{};
+  for (int n = 0; n < 128; ++n) {
+    const auto& r = d.StepNext();
+    for (int i = 0; i < 256; ++i) {
+      ASSERT_EQ(r.FsSamples[i] >> 16, 0xA5A5u) << "marker in the high half of every word";
+      counts[256 * i + 2 * r.status.CurrentLayer] = SampleOf(r, i);
+    }
+    last = r;
+  }
+  ASSERT_EQ(last.status.NumPeaks[2], 2);
+  auto peakCount = [&](int around) {
+    int best = around;
+    for (int x = around - 300; x < around + 300; ++x)
+      if (counts[x] > counts[best]) best = x;
+    return best;
+  };
+  const double amplitude[2] = {12000.0, 10000.0};
+  for (int j = 0; j < 2; ++j) {
+    const int peak = static_cast<int>(last.DutPeaks[0][j]);
+    const int line = peakCount(peak - 160);
+    EXPECT_NEAR(line, peak - 160, 4) << "sensor " << j;
+    EXPECT_NEAR(counts[line], amplitude[j] + 300.0, 100.0) << "sensor " << j;
+  }
+  // Far from any line: the dark level.
+  EXPECT_NEAR(counts[2 * (last.DutPeaks[0][0] / 2) + 5000], 300, 100);
+
+  // The alignment pattern numbers the 32768 points of a spectrum in order.
+  d.Command(cmd::kAlign, 1);
+  d.Advance(2);
+  std::vector<int> points(32768, -1);
+  for (int n = 0; n < 128; ++n) {
+    const auto& r = d.StepNext();
+    for (int i = 0; i < 256; ++i) points[128 * i + r.status.CurrentLayer] = SampleOf(r, i);
+  }
+  for (int k = 0; k < 32768; ++k) ASSERT_EQ(points[k], k);
 }
