@@ -1,62 +1,73 @@
 // System and identification commands end to end: replies and the host commands they run
-// (recorded on a workstation), the shell refusal, identification kept across a restart, the
-// console moved to the serial port, and the power-down countdown as the card's LEDs show it.
+// (recorded on a workstation), the shell refusal, no client text reaching a shell, the
+// diagnostic bundle, identification kept across a restart, the console moved to the serial
+// port, the acquisition watchdog, and the power-down countdown as the card's LEDs show it.
 #include <gtest/gtest.h>
 #include <signal.h>
 
 #include <chrono>
+#include <filesystem>
+#include <future>
+#include <sstream>
 #include <string>
 #include <vector>
 
-#include "commands/InProcessServer.h"
-#include "sim/SimInstrument.h"
+#include "system/SystemSuite.h"
 
 namespace {
 
 using namespace laser_test;
 using namespace std::chrono_literals;
+using Strings = std::vector<std::string>;
+namespace fs = std::filesystem;
 
 constexpr uint8_t kClientLedCode = 0x08;
 const std::string kCpuInfo = "cat /proc/cpuinfo | grep 'model name' | awk -F : '{print $2}'";
+constexpr const char* kCoreReply = "Core File is /tmp/vr_core.zip.  Now, #DOWNLOAD /tmp/vr_core.zip";
 
-struct SRow {
-  std::string Line;
-  std::string Reply;
-  std::vector<std::string> Host;  // commands recorded while it ran, in order
-};
-
-std::vector<std::string> Since(size_t from) {
-  const std::vector<std::string> log = Host().CommandLog();
-  return {log.begin() + static_cast<long>(std::min(from, log.size())), log.end()};
+// The bundle's own host commands among those recorded since `from` (other parts of the server
+// may record theirs meanwhile, e.g. the settings remounts of a log entry).
+Strings BundleCommands(size_t from) {
+  Strings out;
+  for (const std::string& c : HostCommandsSince(from))
+    for (const char* prefix : {"rm -rf /tmp/", "cp /vr480/vr480.tag", "cd /tmp; unix2dos", "mv /tmp/", "zip "})
+      if (c.rfind(prefix, 0) == 0) out.push_back(c);
+  return out;
 }
 
-TEST(SystemCommands, RepliesAndHostCommands) {
-  CInProcessServer server;
-  ASSERT_TRUE(server.Started());
-  CTestClient client;
-  ASSERT_TRUE(client.Connect(server.Port()));
+Strings ExpectedBundleCommands(const std::string& zipOptions) {
+  return {"rm -rf /tmp/vr_core.zip", "cp /vr480/vr480.tag /tmp/stored_tags.txt",
+          "cd /tmp; unix2dos /tmp/stored_tags.txt", "mv /tmp/active_tags.txt.tag /tmp/active_tags.txt",
+          "cd /tmp; unix2dos /tmp/active_tags.txt", "cd /tmp; unix2dos /tmp/index.txt",
+          "zip -j " + zipOptions +
+              " /tmp/vr_core.zip /tmp/index.txt /tmp/stored_tags.txt /tmp/active_tags.txt /tmp/raw_data_sw*"
+              " /tmp/raw_spectrum_dut* /tmp/raw_fbg_spectrum.dat /tmp/raw_ffpi_spectrum.dat averages.dat"
+              " references.dat locations.dat db2counts.dat /tmp/cmd.dat",
+          "rm -rf /tmp/index.txt /tmp/stored_tags.txt /tmp/active_tags.txt /tmp/raw_data_sw* /tmp/raw_spectrum_dut*"
+          " /tmp/raw_fbg_spectrum.dat /tmp/raw_ffpi_spectrum.dat /tmp/cmd.dat"};
+}
 
+}  // namespace
+
+TEST_F(SystemSuite, RepliesAndHostCommands) {
   // Start-up appends the server, driver, synthesis and CFC releases to the identification.
-  const std::string driver = client.Command("#GET_DRIVER_VER");
-  ASSERT_TRUE(WaitFor([&] { return client.Command("#GET_SYNTHESIS_VER") != "0"; }, 30s));
-  EXPECT_EQ(client.Command("#IDN?"), "Zorvane vr480, 2.0h-" + driver + "-" + client.Command("#GET_SYNTHESIS_VER") +
-                                         "-" + client.Command("#GET_CFC_VER") + " ");
-
+  const std::string driver = Client.Command("#GET_DRIVER_VER");
+  ASSERT_TRUE(WaitFor([&] { return Client.Command("#GET_SYNTHESIS_VER") != "0"; }, 30s));
+  EXPECT_EQ(Client.Command("#IDN?"), "Zorvane vr480, 2.0h-" + driver + "-" + Client.Command("#GET_SYNTHESIS_VER") +
+                                         "-" + Client.Command("#GET_CFC_VER") + " ");
   Host().Script("uname -n", 0, "vr480-sim\n");
   Host().Script("cat /proc/cpuinfo", 0, " Simulated Processor @ 1.60GHz\n");
   const std::string header50(50, 'H');
-  const std::vector<SRow> rows = {
+  RunRows({
       {"#SET_USER_VAR 3 -7", "Setting User Variable 3 to -7", {}},
       {"#GET_USER_VAR 3", "-7", {}},
       {"#SET_USER_VAR 10 5", "!Invalid command or argument: #SET_USER_VAR 10 5.", {}},
-      {"#GET_USER_VAR -1", "!Invalid command or argument: #GET_USER_VAR -1.", {}},
       {"#SET_ZOR_VAR 9 99999999999", "Setting User Variable 9 to 2147483647", {}},
       {"#GET_ZOR_VAR 9", "2147483647", {}},
       {"#GET_USER_VAR 9", "0", {}},
       {"#SET_FPGA_WATCHDOG_ENABLE 256", "FPGA Watchdog Disabled.\n", {}},
       {"#GET_FPGA_WATCHDOG_ENABLE", "0", {}},
       {"#SET_FPGA_WATCHDOG_ENABLE 1", "FPGA Watchdog Enabled.\n", {}},
-      {"#GET_FPGA_WATCHDOG_ENABLE", "1", {}},
       {"#SET_CPU_WATCHDOG_SEC 300", "CPU Watchdog timeout set to 255 seconds.\n", {"echo w 255 >/dev/pcm9381_wd"}},
       {"#SET_CPU_WATCHDOG_SEC -5", "CPU Watchdog disabled.\n", {"echo w 0 >/dev/pcm9381_wd"}},
       {"#SET_CPU_WD_RESET_TIMER_SEC 30", "CPU Watchdog reset timer set to 30 seconds.\n", {"echo t 30 >/dev/pcm9381_wd"}},
@@ -67,67 +78,146 @@ TEST(SystemCommands, RepliesAndHostCommands) {
       {"#GET_CPU_NAME", " Simulated Processor @ 1.60GHz\n", {kCpuInfo + " &>/tmp/sys.cmd", "rm -f /tmp/sys.cmd"}},
       {"#SET_IDN_TXT Test rig  7", "Setting IDN text to >>Test rig  7<<.\n", {}},
       {"#IDN?", "Test rig  7", {}},
-      {"#GET_IDN_TXT", "Test rig  7", {}},
       {"#SET_ZOR_IDN vr480-b", "Setting ZOR IDN to >>vr480-b<<.\n", {}},
       {"#GET_ZOR_IDN", "vr480-b", {}},
       {"#SET_PRODUCT_ID 123456_654321", "Setting Product ID to >>123456_654321<<.\n", {}},
-      {"#GET_PRODUCT_ID", "123456_654321", {}},
-      {"#SET_HEADER_TXT " + header50, "Setting Header text to >>" + header50.substr(0, 39) + "<<.\n",
-       {"/bin/mount -o,remount /vr480", "/bin/sync", "/bin/mount -o,remount,ro /vr480"}},
-      {"#GET_FIRMWARE_VER", "2.0h", {}},
+      {"#SET_HEADER_TXT " + header50, "Setting Header text to >>" + header50.substr(0, 39) + "<<.\n", kRemountBracket},
       {"#GET_SN", "No S/N", {}},
       {"#SET_SN A1234", "!You do not have permission to execute this command.", {}},
-      {"#GET_SN", "No S/N", {}},
       {"#SET_ZOR_SN AB 1234", "S/N set to 'AB 1234'.\n", {}},
       {"#GET_SN", "AB 1234", {}},
       {"#GET_NVRAM_SN", "AB 1234", {}},
-  };
-  for (const SRow& row : rows) {
-    const size_t from = Host().CommandLog().size();
-    EXPECT_EQ(client.Command(row.Line), row.Reply) << row.Line;
-    EXPECT_EQ(Since(from), row.Host) << row.Line;
-  }
-  EXPECT_EQ(ReadFile(server.RootPath() + "/vr480/instid"), header50.substr(0, 39) + "\n");
-  EXPECT_FALSE(std::ifstream(server.RootPath() + "/tmp/sys.cmd").good()) << "the output file is left behind";
-  const std::string tags = client.Command("#GET_TAGS");
+  });
+  EXPECT_EQ(RootFile("/vr480/instid"), header50.substr(0, 39) + "\n");
+  EXPECT_FALSE(fs::exists(Server->RootPath() + "/tmp/sys.cmd")) << "the output file is left behind";
+  const std::string tags = Client.Command("#GET_TAGS");
   for (const char* tag : {"#SET_SN = \"AB 1234\"\n", "#SET_USER_VAR = \"3 -7\"\n", "#SET_IDN_TXT = \"Test rig  7\"\n",
                           "#SET_CPU_WATCHDOG_SEC = \"-5\"\n"})
     EXPECT_NE(tags.find(tag), std::string::npos) << tag;
   EXPECT_EQ(tags.find("#SET_HEADER_TXT"), std::string::npos);
-
   // The operator's option refuses every shell command and runs nothing.
   ServerOptions.bNoShellCommands = true;
-  const size_t from = Host().CommandLog().size();
-  for (const char* line : {"#SYSTEM uname -n", "#GET_CPU_NAME"})
-    EXPECT_EQ(client.Command(line), "!Shell commands are disabled on this instrument.\n") << line;
-  EXPECT_TRUE(Since(from).empty());
+  RunRows({{"#SYSTEM uname -n", "!Shell commands are disabled on this instrument.\n", {}},
+           {"#GET_CPU_NAME", "!Shell commands are disabled on this instrument.\n", {}}});
 }
 
-// Identification, variables and the serial number come back after #SAVE_SETTINGS and a restart.
-// The restarted server runs on the board with the marker file, whose reboot goes through that
-// board's watchdog. Before the restart the console moves to the serial port: on a workstation
-// that is the root's "dev/ttyS0" file.
-TEST(SystemCommands, IdentificationSurvivesARestartAndTheConsoleMovesToTheSerialPort) {
+// Off the instrument no text a client typed reaches a shell: every command that builds a shell
+// command line from client text only records it, whatever shell syntax the text carries.
+TEST_F(SystemSuite, ClientTextIsOnlyRecorded) {
+  CTempDir outside;  // where a shell that ran the text would leave its mark
+  const std::string mark = (fs::path(outside.Path()) / "pwned").string();
+  const Strings payloads = {"x; touch " + mark,  "x | touch " + mark, "x `touch " + mark + "`", "x $(touch " + mark + ")",
+                            "x && touch " + mark, "x' \"; touch " + mark + "; echo '", "x\ntouch " + mark};
+  const Strings lines = {"#SYSTEM ",         "#NTPQ ",        "#SET_NTP_SERVER0 ", "#SET_DATE ",
+                         "#SET_HEADER_TXT ", "#SET_IDN_TXT ", "#SET_ZOR_SN ",      "#SET_PRODUCT_ID "};
+  ASSERT_EQ(Client.Command("#SET_ENABLE_NTP 1"), "NTP Services turned ON.\n");
+  for (const std::string& payload : payloads) {
+    for (const std::string& line : lines) {
+      ASSERT_TRUE(Client.Send(line + payload));
+      bool ok = false;
+      Client.ReadFrame(&ok, 30s);
+      EXPECT_TRUE(ok) << line << payload;
+      if (payload.find('\n') != std::string::npos) Client.ReadFrame(&ok);  // the rest is a line of its own
+      EXPECT_FALSE(fs::exists(mark)) << line << payload;
+    }
+    ASSERT_EQ(Client.Command("#START_NTP").substr(0, 4), "NTP ");  // the server name goes into ntpdate's line
+  }
+  // The texts went as far as the recorded commands, whole.
+  const Strings log = Host().CommandLog();
+  for (const std::string& text : {"x; touch " + mark + " &>/tmp/sys.cmd", "ntpq -c x | touch " + mark + " &>/tmp/ntpq.dat",
+                                  "ntpdate -u x && touch " + mark})
+    EXPECT_NE(std::find(log.begin(), log.end(), text), log.end()) << text;
+  EXPECT_TRUE(fs::is_empty(outside.Path()));
+}
+
+// "#DUMP_CORE" on a ready instrument builds a real zip archive under the root: the summary,
+// the settings, raw data and query replies; "#DOWNLOAD" hands it out byte for byte.
+TEST_F(SystemSuite, DiagnosticBundle) {
+  ASSERT_TRUE(WaitReady(Client, 60s));  // the bundle of a ready laser takes seconds, not half a minute
+  ASSERT_EQ(Client.Command("#SAVE_SETTINGS", 30s), "Settings Saved.\n");  // the data files come from the last save
+  const size_t from = Host().CommandLog().size();
+  ASSERT_EQ(Client.Command("#DUMP_CORE", 120s), kCoreReply);
+  EXPECT_EQ(BundleCommands(from), ExpectedBundleCommands(" "));
+
+  const std::string zip = Server->RootPath() + "/tmp/vr_core.zip", out = Server->RootPath() + "/tmp/unpacked";
+  ASSERT_EQ(std::system(("unzip -Z1 " + zip + " > " + out + ".txt").c_str()), 0);
+  std::istringstream listing(ReadFile(out + ".txt"));
+  Strings names;
+  for (std::string name; std::getline(listing, name);) names.push_back(name);
+  EXPECT_EQ(names, (Strings{"index.txt", "stored_tags.txt", "active_tags.txt", "raw_data_sw0.dat",
+                            "raw_spectrum_dut1.dat", "raw_spectrum_dut2.dat", "raw_spectrum_dut3.dat",
+                            "raw_spectrum_dut4.dat", "raw_fbg_spectrum.dat", "raw_ffpi_spectrum.dat", "averages.dat",
+                            "references.dat", "locations.dat", "db2counts.dat", "cmd.dat"}));
+  // The working files are gone again; the archive stays.
+  EXPECT_FALSE(fs::exists(Server->RootPath() + "/tmp/index.txt"));
+  EXPECT_FALSE(fs::exists(Server->RootPath() + "/tmp/raw_data_sw0.dat"));
+
+  ASSERT_EQ(CHost::Exec({"unzip", "-q", "-o", zip, "-d", out}), 0);
+  const std::string index = ReadFile(out + "/index.txt");
+  EXPECT_EQ(index.rfind("Instrument:vr480\r\nSN:", 0), 0u) << index;
+  EXPECT_NE(index.find("\r\nMuxLevel:1\r\n"), std::string::npos) << index;
+  EXPECT_EQ(std::count(index.begin(), index.end(), '\n'), std::count(index.begin(), index.end(), '\r'));
+  EXPECT_NE(ReadFile(out + "/active_tags.txt").find("#SET_SCAN_AMP = \"40800\"\r\n"), std::string::npos);
+  EXPECT_EQ(ReadFile(out + "/raw_data_sw0.dat").size(), 6176u);
+  EXPECT_GT(ReadFile(out + "/raw_ffpi_spectrum.dat").size(), 88u);
+
+  // cmd.dat: records of command, line feed, ten-digit length and reply, back to back.
+  const std::string cmd = ReadFile(out + "/cmd.dat");
+  Strings commands;
+  size_t at = 0;
+  while (at < cmd.size()) {
+    const size_t lf = cmd.find('\n', at);
+    ASSERT_NE(lf, std::string::npos);
+    ASSERT_LE(lf + 11, cmd.size());
+    const std::string digits = cmd.substr(lf + 1, 10);
+    ASSERT_EQ(digits.find_first_not_of("0123456789"), std::string::npos) << digits;
+    commands.push_back(cmd.substr(at, lf - at));
+    at = lf + 11 + std::stoul(digits);
+  }
+  EXPECT_EQ(at, cmd.size());
+  EXPECT_NE(std::find(commands.begin(), commands.end(), "#GET_SCAN_AMP"), commands.end());
+  EXPECT_EQ(std::find(commands.begin(), commands.end(), "#GET_DATA"), commands.end());
+  ASSERT_GE(commands.size(), 4u);
+  EXPECT_EQ(Strings(commands.end() - 4, commands.end()), (Strings{"#READY?", "#IDN?", "#WHO?", "#WHOAMI?"}));
+  const std::string downloaded = Client.Command("#DOWNLOAD /tmp/vr_core.zip", 30s);
+  EXPECT_TRUE(downloaded == ReadFile(zip)) << downloaded.size() << " bytes: " << downloaded.substr(0, 80);
+
+  // A password reaches only the archive; it is one word, and the shell's own spelling of a
+  // space does not make it a command.
+  CTempDir outside;
+  const std::string password = "s3cr;et$(touch${IFS}" + outside / "pwned" + ")";
+  const size_t before = Host().CommandLog().size();
+  ASSERT_EQ(Client.Command("#DUMP_CORE " + password, 120s), kCoreReply);
+  EXPECT_EQ(BundleCommands(before), ExpectedBundleCommands("-P " + password));
+  EXPECT_NE(CHost::Exec({"unzip", "-q", "-o", "-P", "wrong", zip, "index.txt", "-d", out + "/wrong"}), 0);
+  ASSERT_EQ(CHost::Exec({"unzip", "-q", "-o", "-P", password, zip, "-d", out + "/opened"}), 0);
+  EXPECT_EQ(ReadFile(out + "/opened/index.txt").rfind("Instrument:vr480\r\n", 0), 0u);
+  EXPECT_TRUE(fs::is_empty(outside.Path()));
+}
+
+// vr480d processes beside the suite, on a thread of their own for the whole program. Identification, variables and the serial number come back
+// after #SAVE_SETTINGS and a restart; before it the console moves to the serial port (on a
+// workstation the root's "dev/ttyS0" file). The restarted server runs on the board with the
+// marker file, whose reboot goes through that board's watchdog: there, five seconds without a
+// record make the acquisition watchdog log the reset, sync and reboot 5 s later; disarmed, it
+// does nothing however long the card stays silent.
+namespace {
+void ProcessScenarios() {
   CTempDir root;
-  const std::vector<std::pair<std::string, std::string>> readBack = {
-      {"#GET_ZOR_IDN", "vr480-b"}, {"#GET_PRODUCT_ID", "123456_654321"}, {"#GET_SN", "AB 1234"},
-      {"#GET_USER_VAR 3", "-7"},   {"#GET_ZOR_VAR 0", "42"},             {"#GET_FPGA_WATCHDOG_ENABLE", "0"},
-  };
   {
     CServerProcess server(root.Path(), FreePort());
     CTestClient client;
     ASSERT_TRUE(client.Connect(server.Port()));
-    for (const char* line : {"#SET_IDN_TXT Test rig 7", "#SET_ZOR_IDN vr480-b", "#SET_PRODUCT_ID 123456_654321",
-                             "#SET_ZOR_SN AB 1234", "#SET_USER_VAR 3 -7", "#SET_ZOR_VAR 0 42",
-                             "#SET_FPGA_WATCHDOG_ENABLE 0", "#SAVE_SETTINGS"}) {
+    for (const char* line : {"#SET_IDN_TXT Test rig 7", "#SET_ZOR_IDN vr480-b", "#SET_ZOR_SN AB 1234",
+                             "#SET_USER_VAR 3 -7", "#SET_FPGA_WATCHDOG_ENABLE 0", "#SAVE_SETTINGS"}) {
       const std::string reply = client.Command(line);
       EXPECT_TRUE(!reply.empty() && reply[0] != '!') << line << " -> " << reply;
     }
     EXPECT_EQ(client.Command("#OUTPUT_TO_COM"), "Setting output to serial port.\n");
     EXPECT_EQ(client.Command("#SYSTEM true"), "Executing system command >>true<<.\n");
-    EXPECT_TRUE(WaitFor([&] { return ReadFile(root / "dev/ttyS0").find("Executing system command >>true<<\n") !=
-                                     std::string::npos; },
-                        30s));
+    EXPECT_TRUE(WaitFor([&] {
+      return ReadFile(root / "dev/ttyS0").find("Executing system command >>true<<\n") != std::string::npos;
+    }, 30s));
     EXPECT_EQ(server.Output().find("Executing system command >>true<<"), std::string::npos);
     EXPECT_EQ(server.Stop(SIGTERM), 0);
   }
@@ -135,76 +225,58 @@ TEST(SystemCommands, IdentificationSurvivesARestartAndTheConsoleMovesToTheSerial
   CServerProcess server(root.Path(), FreePort());
   CTestClient client;
   ASSERT_TRUE(client.Connect(server.Port()));
-  for (const auto& [getter, value] : readBack) EXPECT_EQ(client.Command(getter), value) << getter;
+  for (const auto& [getter, value] : std::vector<std::pair<std::string, std::string>>{
+           {"#GET_ZOR_IDN", "vr480-b"}, {"#GET_SN", "AB 1234"}, {"#GET_USER_VAR 3", "-7"},
+           {"#GET_FPGA_WATCHDOG_ENABLE", "0"}})
+    EXPECT_EQ(client.Command(getter), value) << getter;
   // Start-up appends the releases to the stored text as its last step, before acquisition starts.
   ASSERT_TRUE(server.WaitForOutput("**** FS is optimized ****", 60s));
   EXPECT_EQ(client.Command("#GET_IDN_TXT").rfind("Test rig 72.0h-", 0), 0u);
-  EXPECT_EQ(client.Command("#REBOOT"), "Rebooting...\n");
-  EXPECT_EQ(CHost(root.Path()).CommandLog().back(), "echo f >/dev/pcm9361_wd");
+
+  const std::string log = root / "vr480/vr480.log";
+  auto logged = [&] { return ReadFile(log).find(":\tFPGA Watchdog reset.\n") != std::string::npos; };
+  EXPECT_EQ(client.Command("#ENABLE_DMA 0"), "DMA Disabled.\n");
+  EXPECT_FALSE(WaitFor(logged, 7s)) << "a disarmed watchdog logged a reset";
+  const size_t before = CHost(root.Path()).CommandLog().size();
+  EXPECT_EQ(client.Command("#SET_FPGA_WATCHDOG_ENABLE 1"), "FPGA Watchdog Enabled.\n");
+  EXPECT_TRUE(WaitFor(logged, 30s));
+  Strings expected = kRemountBracket;
+  expected.insert(expected.end(), {"/bin/sync", "echo f >/dev/pcm9361_wd"});
+  EXPECT_TRUE(WaitFor([&] { return HostCommandsSince(before, CHost(root.Path()).CommandLog()).size() >= 5; }, 30s));
+  EXPECT_EQ(HostCommandsSince(before, CHost(root.Path()).CommandLog()), expected);
   EXPECT_EQ(server.Stop(SIGTERM), 0);
 }
 
-// The ready LED's words from `from` on, with the time each reached the card.
-std::vector<sim::CCommandLogEntry> Words(CInProcessServer& server, uint8_t code, size_t from) {
-  std::vector<sim::CCommandLogEntry> out;
-  const auto log = server.Card().CommandLog();
-  for (size_t i = from; i < log.size(); ++i)
-    if (log[i].Word >> 24 == code) out.push_back(log[i]);
-  return out;
-}
+class CProcessScenarios : public ::testing::Environment {
+ public:
+  void SetUp() override { Done = std::async(std::launch::async, ProcessScenarios); }
+  void TearDown() override { Done.get(); }
 
-struct SShutdown {
-  std::vector<sim::CCommandLogEntry> Ready;  // ready LED words from the command on
-  std::vector<uint32_t> Client;              // client LED values from the command on
-  std::string Console;                       // what the server printed meanwhile
+ private:
+  std::future<void> Done;
 };
+::testing::Environment* const kProcessScenarios = ::testing::AddGlobalTestEnvironment(new CProcessScenarios);
+}  // namespace
 
-// Sends "#SHUTDOWN seconds" and waits for the countdown to end; the server then idles.
-SShutdown RunShutdown(int seconds) {
-  CInProcessServer server;
-  EXPECT_TRUE(server.Started());
-  CTestClient client;
-  EXPECT_TRUE(client.Connect(server.Port()));
+// "#SHUTDOWN 11": 500 ms phases while more than 10 s remain, then ever shorter ones down to
+// 50 ms; both LEDs show each phase, the first one off; three bells, and the server idles.
+// The suite's last test: the server is done afterwards.
+TEST_F(SystemSuite, ShutdownCountdownBlinksFasterTowardsTheEnd) {
+  CInProcessServer& server = *Server;
+  bShutDown = true;
   testing::internal::CaptureStdout();
   const size_t from = server.LogSize();
-  EXPECT_EQ(client.Command("#SHUTDOWN " + std::to_string(seconds)), "Shutting down...\n");
-  EXPECT_TRUE(WaitFor([&] { return server.S().GetStatusText() == "*** Shutdown Complete ***"; },
-                      std::chrono::seconds(seconds + 30)));
+  EXPECT_EQ(Client.Command("#SHUTDOWN 11"), "Shutting down...\n");
+  EXPECT_TRUE(WaitFor([&] { return server.S().GetStatusText() == "*** Shutdown Complete ***"; }, 45s));
   std::this_thread::sleep_for(500ms);  // an idle server prints nothing more
-  SShutdown result;
-  result.Console = testing::internal::GetCapturedStdout();
-  result.Ready = Words(server, kReadyLedCode, from);
-  for (const auto& w : Words(server, kClientLedCode, from)) result.Client.push_back(w.Word & 1);
-  return result;
-}
-
-size_t Count(const std::string& text, const std::string& what) {
-  size_t n = 0;
-  for (size_t i = text.find(what); i != std::string::npos; i = text.find(what, i + 1)) ++n;
-  return n;
-}
-
-TEST(SystemCommands, ShutdownWithoutDelayTurnsTheLedsOffRingsAndIdles) {
-  const SShutdown s = RunShutdown(0);
-  ASSERT_FALSE(s.Ready.empty());
-  // No blinking: once off, the ready LED stays off.
-  bool off = false;
-  for (const auto& w : s.Ready) {
-    if (off) {
-      EXPECT_EQ(w.Word & 1, 0u);
-    }
-    off = off || (w.Word & 1) == 0;
+  const std::string console = testing::internal::GetCapturedStdout();
+  std::vector<sim::CCommandLogEntry> r;
+  std::vector<uint32_t> clientLed;
+  const auto log = server.Card().CommandLog();
+  for (size_t i = from; i < log.size(); ++i) {
+    if (log[i].Word >> 24 == kReadyLedCode) r.push_back(log[i]);
+    if (log[i].Word >> 24 == kClientLedCode) clientLed.push_back(log[i].Word & 1);
   }
-  EXPECT_EQ(s.Ready.back().Word & 1, 0u);
-  EXPECT_EQ(Count(s.Console, "\a\n"), 3u);
-  EXPECT_EQ(s.Console.find("Waiting for client threads to halt"), std::string::npos);
-}
-
-// A delay of 12 s: 500 ms phases while more than 10 s remain, then ever shorter ones down to
-// 50 ms; both LEDs show each phase, the first one off.
-TEST(SystemCommands, ShutdownCountdownBlinksFasterTowardsTheEnd) {
-  const SShutdown s = RunShutdown(12);
-  const auto& r = s.Ready;
   // The blink starts with an off phase after the two offs of the stop: the first "on" that
   // follows two offs is its second phase.
   size_t start = 0;
@@ -215,18 +287,17 @@ TEST(SystemCommands, ShutdownCountdownBlinksFasterTowardsTheEnd) {
   ASSERT_GT(end - start, 20u) << "the phases did not speed up";
   for (size_t i = start; i < end; ++i) EXPECT_EQ(r[i].Word & 1, (i - start) % 2) << "phase " << i - start;
   EXPECT_EQ(r[end].Word & 1, 0u);
-
   auto ms = [&](size_t a, size_t b) { return std::chrono::duration<double, std::milli>(r[b].When - r[a].When).count(); };
-  EXPECT_GE(ms(start, end), 11900.0);
-  for (size_t i = start; i < end && ms(start, i) < 1900.0; ++i) EXPECT_GE(ms(i, i + 1), 480.0) << "phase " << i - start;
+  EXPECT_GE(ms(start, end), 10900.0);
+  for (size_t i = start; i < end && ms(start, i) < 900.0; ++i) EXPECT_GE(ms(i, i + 1), 480.0) << "phase " << i - start;
   EXPECT_LT(ms(end - 1, end), 300.0);
-  EXPECT_LT(ms(end - 2, end - 1), ms(start + 6, start + 7));
-
+  EXPECT_LT(ms(end - 2, end - 1), ms(start + 2, start + 3));
   // The client LED shows the same phases (its last words; a closing session may add an earlier one).
-  ASSERT_GE(s.Client.size(), end - start + 1);
+  ASSERT_GE(clientLed.size(), end - start + 1);
   for (size_t k = 0; k <= end - start; ++k)
-    EXPECT_EQ(s.Client[s.Client.size() - 1 - k], r[end - k].Word & 1) << "phase from the end " << k;
-  EXPECT_EQ(Count(s.Console, "\a\n"), 3u);
+    EXPECT_EQ(clientLed[clientLed.size() - 1 - k], r[end - k].Word & 1) << "phase from the end " << k;
+  size_t bells = 0;
+  for (size_t i = console.find("\a\n"); i != std::string::npos; i = console.find("\a\n", i + 1)) ++bells;
+  EXPECT_EQ(bells, 3u);
+  EXPECT_EQ(console.find("Waiting for client threads to halt"), std::string::npos);
 }
-
-}  // namespace
