@@ -15,6 +15,7 @@ A record carries one multiplexer layer; its four DUT channels are named in dot n
 """
 from __future__ import annotations
 
+import os
 import struct
 import sys
 import time
@@ -22,8 +23,10 @@ from array import array
 from dataclasses import dataclass, field
 from typing import Dict, List, Optional, Sequence
 
-try:  # numpy is optional: arrays when it is there, lists otherwise
+try:  # numpy is optional: arrays when it is there, lists otherwise (or with VR480_NO_NUMPY=1)
     import numpy as _np
+    if os.environ.get("VR480_NO_NUMPY"):
+        _np = None
 except ImportError:  # pragma: no cover - exercised where numpy is absent
     _np = None
 
