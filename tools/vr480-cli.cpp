@@ -8,7 +8,8 @@
 // A text reply is printed as it stands; a binary reply (measurement records, the card's raw
 // record, spectra) as a one-line summary of what it holds. With --stream the client turns
 // streaming on and prints the sweep counter and sensor count of each of N records (or, with
-// --csv, one line of sweep, status, sensor count and wavelengths in nm), then ends the stream
+// --csv, one line of time, sweep, status and each sensor's wavelength in nm under the column
+// names the recorder uses, "c.m/n"), then ends the stream
 // and waits for its end token.
 //
 // Exit status: 0 when all went well, 1 when a reply began with "!", 2 when the connection
@@ -33,6 +34,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -50,7 +52,7 @@ constexpr const char* kUsage =
     "  --timeout S   seconds to wait for a reply (default 10)\n"
     "  --values      also print the wavelengths (nm) of a measurement record\n"
     "  --stream N    stream N records, printing sweep counter and sensor count of each\n"
-    "  --csv         while streaming: sweep,status,sensors,wavelengths in nm\n"
+    "  --csv         while streaming: time,sweep,status and one column per sensor (c.m/n, nm)\n"
     "\n"
     "Exit status: 0 ok, 1 a reply began with \"!\", 2 connection failed or lost, 3 no reply in time.\n";
 
@@ -289,16 +291,56 @@ int RunCommand(CConnection& conn, const std::string& line, bool values) {
   return !body.empty() && body[0] == '!' ? kExitBang : kExitOk;
 }
 
-void PrintStreamed(const std::string& record, bool csv) {
+// CSV columns as the recorder names them: time (seconds since the epoch, when the record was
+// received), sweep, status, then one column per sensor "c.m/n" (fibre c, multiplexer position
+// m, sensor n from 1) in nm. The columns grow as records show sensors not seen before (other
+// multiplexer layers); each growth prints a new header line, and a record leaves the columns of
+// sensors it did not report empty.
+class CCsvColumns {
+ public:
+  void Print(const SRecordView& r, double time) {
+    const int layer = U8(r.B, 6) & 0x03;
+    bool grown = Layout.empty();
+    for (int ch = 0; ch < 4; ++ch) {
+      uint32_t& n = Layout[{layer, ch}];
+      if (r.Count(ch) > n) {
+        n = r.Count(ch);
+        grown = true;
+      }
+    }
+    if (grown) {
+      std::printf("time,sweep,status");
+      for (const auto& [key, n] : Layout)
+        for (uint32_t j = 1; j <= n; ++j) std::printf(",%d.%d/%u", key.second + 1, key.first + 1, j);
+      std::printf("\n");
+    }
+    std::printf("%.6f,%u,%u", time, r.Sweep(), r.Status());
+    for (const auto& [key, n] : Layout) {
+      // The record's values start at its channel's first sensor; other layers' columns stay empty.
+      uint32_t first = 0;
+      for (int ch = 0; ch < key.second; ++ch) first += r.Count(ch);
+      const uint32_t have = key.first == layer ? r.Count(key.second) : 0;
+      for (uint32_t j = 0; j < n; ++j) {
+        if (j < have && 88 + 4 * (first + j + 1) <= r.B.size()) std::printf(",%.6f", r.Nm(first + j));
+        else std::printf(",");
+      }
+    }
+    std::printf("\n");
+  }
+
+ private:
+  std::map<std::pair<int, int>, uint32_t> Layout;  // (layer, channel) -> sensors, layer-major
+};
+
+void PrintStreamed(const std::string& record, CCsvColumns* csv) {
   const SRecordView r{record};
   if (record.size() < 88) {
     std::printf("short record (%zu bytes)\n", record.size());
   } else if (r.NoData()) {
     std::printf(csv ? "# no new data\n" : "no new data\n");
   } else if (csv) {
-    std::printf("%u,%u,%u", r.Sweep(), r.Status(), r.Sensors());
-    for (uint32_t i = 0; i < r.Sensors() && 88 + 4 * (i + 1) <= record.size(); ++i) std::printf(",%.6f", r.Nm(i));
-    std::printf("\n");
+    const double now = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    csv->Print(r, now);
   } else if (r.Status() != 0) {
     std::printf("sweep %u sensors %u status %u\n", r.Sweep(), r.Sensors(), r.Status());
   } else {
@@ -319,7 +361,7 @@ int Stream(CConnection& conn, long count, bool csv) {
     std::fprintf(stderr, "vr480-cli: streaming was not switched on: %s\n", body.c_str());
     return kExitBang;
   }
-  if (csv) std::printf("sweep,status,sensors,wavelengths_nm\n");
+  CCsvColumns columns;
   for (long n = 0; n < count;) {
     if (const int r = conn.ReadFrame(&body); r != kExitOk) return r;
     if (body.size() < 8) {
@@ -327,7 +369,7 @@ int Stream(CConnection& conn, long count, bool csv) {
       return kExitConnection;
     }
     const std::string record = body.substr(0, body.size() - 8);
-    PrintStreamed(record, csv);
+    PrintStreamed(record, csv ? &columns : nullptr);
     if (!SRecordView{record}.NoData()) ++n;
   }
   std::fflush(stdout);

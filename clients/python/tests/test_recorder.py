@@ -84,3 +84,14 @@ def test_a_restarted_recorder_goes_on_in_a_new_file_without_loss(fast, tmp_path)
     assert second.returncode == 0 and "resuming after sweep" in err, err
     assert len(glob.glob(str(tmp_path / "vr480-*.csv"))) == 2
     check_against_server(fast, read_rows(tmp_path, "csv"))
+
+
+def test_the_cli_streams_csv_under_the_recorders_column_names(server, tmp_path):
+    cli = os.path.join(os.path.dirname(os.environ.get("VR480D", str(HERE.parents[2] / "build/default/vr480d"))), "vr480-cli")
+    out = subprocess.run([cli, "--port", str(server.port), "--stream", "5", "--csv"], capture_output=True, text=True,
+                         timeout=60, check=True).stdout.splitlines()
+    p = recorder(server, tmp_path, "csv", "--records", "5")
+    p.communicate(timeout=60)
+    with open(glob.glob(str(tmp_path / "vr480-*.csv"))[0]) as f:
+        assert out[0] == f.readline().rstrip("\n")
+    assert len(out) == 6 and all(len(line.split(",")) == len(out[0].split(",")) for line in out)
