@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "support/ServerProcess.h"
+#include "support/TestClient.h"
 
 namespace {
 
@@ -69,49 +70,13 @@ class CCallbackLog {
   std::vector<int> ClientsAtDisconnect;
 };
 
-// A plain TCP client on 127.0.0.1.
-class CTestClient {
- public:
-  explicit CTestClient(int port, int receiveBuffer = 0) {
-    Fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (receiveBuffer > 0) ::setsockopt(Fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
-    int on = 1;
-    ::setsockopt(Fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // each Send is its own segment
-    timeval tv{5, 0};
-    ::setsockopt(Fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    bConnected = ::connect(Fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
-  }
-  ~CTestClient() { Close(); }
-  bool Connected() const { return bConnected; }
-  void Send(const std::string& s) { ASSERT_EQ(::send(Fd, s.data(), s.size(), MSG_NOSIGNAL), ssize_t(s.size())); }
-  // Reads exactly n bytes (fewer on end of file or after the 5 s receive time-out).
-  std::string Receive(size_t n) {
-    std::string out;
-    char buf[4096];
-    while (out.size() < n) {
-      ssize_t r = ::recv(Fd, buf, std::min(sizeof buf, n - out.size()), 0);
-      if (r <= 0) break;
-      out.append(buf, size_t(r));
-    }
-    return out;
-  }
-  bool AtEndOfFile() {
-    char c;
-    return ::recv(Fd, &c, 1, 0) == 0;
-  }
-  void Close() {
-    if (Fd >= 0) ::close(Fd);
-    Fd = -1;
-  }
-
- private:
-  int Fd = -1;
-  bool bConnected = false;
-};
+// Whether the server ended the connection (after what it had sent).
+bool AtEndOfFile(CTestClient& c) {
+  std::string rest;
+  bool closed = false;
+  while (c.ReadExact(1, &rest, 5s, &closed)) {}
+  return closed;
+}
 
 // Starts `s` on a random free port of 2000-9999 on the loopback address; the port, or 0.
 int Start(CSocket& s) {
@@ -164,6 +129,20 @@ bool WaitConnected(CCallbackLog& log, const std::string& event, size_t times = 1
   return true;
 }
 
+// A server on the loopback address with its callbacks logged. The log outlives the server,
+// whose destructor still calls back.
+class SocketTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    Log.Attach(*S);
+    Port = Start(*S);
+    ASSERT_NE(Port, 0);
+  }
+  CCallbackLog Log;
+  std::unique_ptr<CSocket> S = std::make_unique<CSocket>();
+  int Port = 0;
+};
+
 }  // namespace
 
 TEST(SocketInit, RefusesPortsOutsideOneTo9999AndKeepsDefaults) {
@@ -196,12 +175,10 @@ TEST(SocketInit, RefusesPortsOutsideOneTo9999AndKeepsDefaults) {
   EXPECT_EQ(s.TransferFile(3, "/nonexistent"), -1);
 }
 
-TEST(SocketSlots, ConnectAndDisconnectRunCallbacksAndCountClients) {
-  CCallbackLog log;  // outlives the server, whose destructor still calls back
-  auto s = std::make_unique<CSocket>();
-  log.Attach(*s);
-  int port = Start(*s);
-  ASSERT_NE(port, 0);
+TEST_F(SocketTest, ConnectAndDisconnectRunCallbacksAndCountClients) {
+  auto& s = S;
+  auto& log = Log;
+  const int port = Port;
 
   testing::internal::CaptureStdout();
   CTestClient a(port);
@@ -255,45 +232,43 @@ TEST(SocketSlots, ConnectAndDisconnectRunCallbacksAndCountClients) {
   EXPECT_TRUE(log.WaitFor("D0", 2));
   EXPECT_TRUE(log.WaitFor("D1"));
   EXPECT_TRUE(log.WaitFor("D2"));
-  EXPECT_TRUE(b.AtEndOfFile());
-  EXPECT_TRUE(c.AtEndOfFile());
-  EXPECT_TRUE(d.AtEndOfFile());
+  EXPECT_TRUE(AtEndOfFile(b));
+  EXPECT_TRUE(AtEndOfFile(c));
+  EXPECT_TRUE(AtEndOfFile(d));
 }
 
-TEST(SocketReadCmd, AssemblesCutsAndKeepsLines) {
-  CCallbackLog log;  // outlives the server, whose destructor still calls back
-  CSocket s;
-  log.Attach(s);
-  int port = Start(s);
-  ASSERT_NE(port, 0);
+TEST_F(SocketTest, AssemblesCutsAndKeepsLines) {
+  CSocket& s = *S;
+  auto& log = Log;
+  const int port = Port;
   CTestClient client(port);
   ASSERT_TRUE(log.WaitFor("C0"));
   char buf[512];
 
   // A line split over several segments is delivered whole once its line feed arrives; until
   // then each call delivers nothing and the partial line is kept.
-  client.Send("#GET");
+  client.SendRaw("#GET");
   ASSERT_EQ(s.WaitReadable(0, 2000), 1);
   EXPECT_EQ(s.ReadCmd(0, buf, sizeof buf), -1);
   EXPECT_STREQ(buf, "");
-  client.Send("_DA");
+  client.SendRaw("_DA");
   std::this_thread::sleep_for(20ms);
-  client.Send("TA\n");
+  client.SendRaw("TA\n");
   EXPECT_EQ(ReadLine(s, 0), "#GET_DATA");
 
   // Over-long lines: the 257th character is dropped and ends the line.
   const std::string a256(256, 'a'), b43(43, 'b');
-  client.Send(a256 + "X" + b43 + "\n");
+  client.SendRaw(a256 + "X" + b43 + "\n");
   EXPECT_EQ(ReadLine(s, 0), a256);
   EXPECT_EQ(ReadLine(s, 0), b43);
   // So a 257-character line leaves an empty command behind it.
-  client.Send(a256 + "Y\n");
+  client.SendRaw(a256 + "Y\n");
   EXPECT_EQ(ReadLine(s, 0), a256);
   EXPECT_EQ(ReadLine(s, 0), "");
 
   // A carriage return is an ordinary character; an empty line is an empty command; two
   // lines in one segment come one per call.
-  client.Send("abc\r\n\none\ntwo\n");
+  client.SendRaw("abc\r\n\none\ntwo\n");
   EXPECT_EQ(ReadLine(s, 0), "abc\r");
   EXPECT_EQ(ReadLine(s, 0), "");
   EXPECT_EQ(ReadLine(s, 0), "one");
@@ -301,14 +276,14 @@ TEST(SocketReadCmd, AssemblesCutsAndKeepsLines) {
 
   // Bytes after a line stay buffered: the next line, or data read with ReadData (an upload's
   // first bytes often come in the segment of its command line).
-  client.Send("#UPLOAD f 5\nHELLO");
+  client.SendRaw("#UPLOAD f 5\nHELLO");
   EXPECT_EQ(ReadLine(s, 0), "#UPLOAD f 5");
   char data[16];
   EXPECT_EQ(s.ReadData(0, data, sizeof data), 5);
   EXPECT_EQ(std::string(data, 5), "HELLO");
 
   // A small buffer gets a terminated prefix; the line is still consumed whole.
-  client.Send("0123456789\nnext\n");
+  client.SendRaw("0123456789\nnext\n");
   ASSERT_EQ(s.WaitReadable(0, 2000), 1);
   char small[5];
   EXPECT_EQ(s.ReadCmd(0, small, sizeof small), 0);
@@ -317,16 +292,15 @@ TEST(SocketReadCmd, AssemblesCutsAndKeepsLines) {
 
   // After all that the session still answers.
   EXPECT_EQ(s.WriteData(0, std::string("0000000003ok\n"), 13), 0);
-  EXPECT_EQ(client.Receive(13), "0000000003ok\n");
+  std::string got;
+  EXPECT_TRUE(client.ReadExact(13, &got) && got == "0000000003ok\n") << got;
   EXPECT_EQ(s.GetNumClients(), 1);
 }
 
-TEST(SocketSlots, EleventhClientWaitsInTheQueueUntilASlotFrees) {
-  CCallbackLog log;  // outlives the server, whose destructor still calls back
-  auto s = std::make_unique<CSocket>();
-  log.Attach(*s);
-  int port = Start(*s);
-  ASSERT_NE(port, 0);
+TEST_F(SocketTest, EleventhClientWaitsInTheQueueUntilASlotFrees) {
+  auto& s = S;
+  auto& log = Log;
+  const int port = Port;
 
   testing::internal::CaptureStdout();
   std::vector<std::unique_ptr<CTestClient>> clients;
@@ -354,10 +328,11 @@ TEST(SocketSlots, EleventhClientWaitsInTheQueueUntilASlotFrees) {
   ASSERT_TRUE(WaitConnected(log, "C3", 2));
   EXPECT_EQ(s->GetNumClients(), 10);
 
-  eleventh.Send("hello\n");
+  eleventh.SendRaw("hello\n");
   EXPECT_EQ(ReadLine(*s, 3), "hello");
   EXPECT_EQ(s->WriteData(3, "hi", 2), 0);
-  EXPECT_EQ(eleventh.Receive(2), "hi");
+  std::string got;
+  EXPECT_TRUE(eleventh.ReadExact(2, &got) && got == "hi") << got;
 
   // All slots full again: the accept thread waits for a free slot, yet stops at once.
   auto t0 = Clock::now();
@@ -369,12 +344,10 @@ TEST(SocketSlots, EleventhClientWaitsInTheQueueUntilASlotFrees) {
   EXPECT_FALSE(Contains(out, "find_free_client_connection_point")) << out;
 }
 
-TEST(SocketWrite, VanishedPeerClosesTheSlotWithoutSigpipe) {
-  CCallbackLog log;  // outlives the server, whose destructor still calls back
-  CSocket s;
-  log.Attach(s);
-  int port = Start(s);
-  ASSERT_NE(port, 0);
+TEST_F(SocketTest, VanishedPeerClosesTheSlotWithoutSigpipe) {
+  CSocket& s = *S;
+  auto& log = Log;
+  const int port = Port;
 
   // init ignores SIGPIPE for the process; undo that so that only the write's own flag stands
   // between a vanished peer and the signal. Blocked here, a raised SIGPIPE would stay pending.
@@ -420,13 +393,11 @@ TEST(SocketWrite, VanishedPeerClosesTheSlotWithoutSigpipe) {
 
 // A reply that cannot be sent whole within the budget would leave the client reading its next
 // frame from the middle of this one: the connection is closed instead.
-TEST(SocketWrite, StalledPeerExhaustsTheRetryBudgetAndIsClosed) {
-  CCallbackLog log;  // outlives the server, whose destructor still calls back
-  CSocket s;
-  log.Attach(s);
-  int port = Start(s);
-  ASSERT_NE(port, 0);
-  CTestClient client(port, 4096);  // a small window, and it never reads
+TEST_F(SocketTest, StalledPeerExhaustsTheRetryBudgetAndIsClosed) {
+  CSocket& s = *S;
+  auto& log = Log;
+  const int port = Port;
+  CTestClient client(port, 20s, 4096);  // a small window, and it never reads
   ASSERT_TRUE(WaitConnected(log, "C0"));
 
   const int len = 16 * 1024 * 1024;  // far more than both socket buffers hold
@@ -494,11 +465,7 @@ TEST(SocketInit, BindIsRetriedEverySecondUntilThePortFrees) {
   EXPECT_NE(s.init(port), 0);
   std::this_thread::sleep_for(1500ms);  // a retry or two fails meanwhile
   ::close(blocker);
-  auto client = std::make_unique<CTestClient>(port);
-  for (auto until = Clock::now() + 10s; !client->Connected() && Clock::now() < until;) {
-    std::this_thread::sleep_for(100ms);
-    client = std::make_unique<CTestClient>(port);
-  }
+  auto client = std::make_unique<CTestClient>(port, 10s);
   ASSERT_TRUE(client->Connected());
   ASSERT_TRUE(WaitConnected(log, "C0"));
   std::string out = testing::internal::GetCapturedStdout();
@@ -507,6 +474,6 @@ TEST(SocketInit, BindIsRetriedEverySecondUntilThePortFrees) {
                                 "Retrying bind on port " + std::to_string(port) + " every second.\n")) << out;
   EXPECT_EQ(out.find("Retrying"), out.rfind("Retrying")) << "said once";
   EXPECT_TRUE(Contains(out, "Server socket bound to port " + std::to_string(port) + "; accepting clients.\n")) << out;
-  client->Send("ping\n");
+  client->SendRaw("ping\n");
   EXPECT_EQ(ReadLine(s, 0), "ping");
 }

@@ -10,15 +10,18 @@
 #include <cerrno>
 #include <thread>
 
-CTestClient::CTestClient(int port, std::chrono::milliseconds connectTimeout) { Connect(port, connectTimeout); }
+CTestClient::CTestClient(int port, std::chrono::milliseconds connectTimeout, int receiveBuffer) {
+  Connect(port, connectTimeout, receiveBuffer);
+}
 
 CTestClient::~CTestClient() { Close(); }
 
-bool CTestClient::Connect(int port, std::chrono::milliseconds timeout) {
+bool CTestClient::Connect(int port, std::chrono::milliseconds timeout, int receiveBuffer) {
   Close();
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   while (std::chrono::steady_clock::now() < deadline) {
     int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (receiveBuffer > 0) ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<uint16_t>(port));
@@ -40,6 +43,12 @@ void CTestClient::Close() {
   Fd = -1;
 }
 
+void CTestClient::Abort() {
+  linger hard{1, 0};
+  if (Fd >= 0) ::setsockopt(Fd, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+  Close();
+}
+
 bool CTestClient::SendRaw(const std::string& bytes) {
   size_t sent = 0;
   while (sent < bytes.size()) {
@@ -53,8 +62,9 @@ bool CTestClient::SendRaw(const std::string& bytes) {
 
 bool CTestClient::Send(const std::string& line) { return SendRaw(line + "\n"); }
 
-bool CTestClient::ReadExact(size_t n, std::string* out, std::chrono::milliseconds timeout) {
+bool CTestClient::ReadExact(size_t n, std::string* out, std::chrono::milliseconds timeout, bool* closed) {
   out->clear();
+  if (closed) *closed = false;
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   char buf[65536];
   while (out->size() < n) {
@@ -67,7 +77,10 @@ bool CTestClient::ReadExact(size_t n, std::string* out, std::chrono::millisecond
     size_t want = std::min(sizeof buf, n - out->size());
     ssize_t got = ::recv(Fd, buf, want, 0);
     if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return false;
+    if (got <= 0) {
+      if (closed) *closed = true;
+      return false;
+    }
     out->append(buf, static_cast<size_t>(got));
   }
   return true;

@@ -9,21 +9,28 @@
 class CTestClient {
  public:
   CTestClient() = default;
-  explicit CTestClient(int port, std::chrono::milliseconds connectTimeout = std::chrono::seconds(20));
+  // `receiveBuffer` > 0 shrinks the socket's receive buffer (a reader that stalls then fills
+  // the server's send path quickly).
+  explicit CTestClient(int port, std::chrono::milliseconds connectTimeout = std::chrono::seconds(20), int receiveBuffer = 0);
   ~CTestClient();
   CTestClient(const CTestClient&) = delete;
   CTestClient& operator=(const CTestClient&) = delete;
 
   // Connects to 127.0.0.1:port, retrying until the timeout (the server may still be starting).
-  bool Connect(int port, std::chrono::milliseconds timeout = std::chrono::seconds(20));
+  bool Connect(int port, std::chrono::milliseconds timeout = std::chrono::seconds(20), int receiveBuffer = 0);
   bool Connected() const { return Fd >= 0; }
+  int Descriptor() const { return Fd; }
   void Close();
+  // Closes with a reset instead of an orderly end: the server's next read or write fails at once.
+  void Abort();
 
   // Sends `line` followed by a line feed.
   bool Send(const std::string& line);
   bool SendRaw(const std::string& bytes);
-  // Reads exactly n bytes (false on time-out or a closed connection).
-  bool ReadExact(size_t n, std::string* out, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  // Reads exactly n bytes (false on time-out or a closed connection, *closed telling which; on
+  // failure *out holds what did arrive).
+  bool ReadExact(size_t n, std::string* out, std::chrono::milliseconds timeout = std::chrono::seconds(10),
+                 bool* closed = nullptr);
   // Reads one frame and returns its body; *ok is false on time-out, a closed connection or a
   // malformed length.
   std::string ReadFrame(bool* ok = nullptr, std::chrono::milliseconds timeout = std::chrono::seconds(10));
