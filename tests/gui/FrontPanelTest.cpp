@@ -1,6 +1,6 @@
 // The front panel on a virtual X display: its widget tree against the server's state, the
-// embedded-mode page, the quit button, the watchdog on the window's timer, and a server
-// without a display. Screenshots for the README are taken when VR480_SCREENSHOTS=1.
+// embedded-mode page, the watchdog on the window's timer and the quit button in one server's
+// life, and beside it vr480d processes with and without a display. Screenshots for the README are taken when VR480_SCREENSHOTS=1.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
@@ -136,7 +136,18 @@ class FrontPanelTest : public ::testing::Test {
   int WindowStart = -2;
 };
 
-TEST_F(FrontPanelTest, WidgetTreeShowsTheServerState) {
+TEST_F(FrontPanelTest, WidgetTreeWatchdogAndQuit) {
+  // Meanwhile vr480d as a process: with a display the window comes up (its display commands
+  // are recorded on a workstation); without one, one console line and the server goes on
+  // headless. Each takes DISPLAY as it starts.
+  CTempDir roots[2];
+  std::vector<std::unique_ptr<CServerProcess>> processes;
+  for (int withDisplay = 0; withDisplay < 2; ++withDisplay) {
+    if (withDisplay) setenv("DISPLAY", X->Display.c_str(), 1);
+    else unsetenv("DISPLAY");
+    processes.push_back(std::make_unique<CServerProcess>(roots[withDisplay].Path(), FreePort(),
+                                                         std::vector<std::string>{"--front-panel"}));
+  }
   Start({"#SET_2KHZ_MODE = \"1\""}, "Bench interrogator 7\nsecond line\n");
   CTestClient a, b;
   ASSERT_TRUE(a.Connect(Server->Port()));
@@ -231,82 +242,10 @@ TEST_F(FrontPanelTest, WidgetTreeShowsTheServerState) {
   EXPECT_TRUE(Shows("label_Hz", "250.0 Hz"));
   EXPECT_EQ(FrontPanelSnapshot().Widgets["label_mux_level"].Text, "4");
   EXPECT_TRUE(FrontPanelSnapshot().Widgets["label_num_duts4"].bVisible);
+  b.Close();
 
-}
-
-TEST_F(FrontPanelTest, EmbeddedModeShowsPageOne) {
-  Start({"#SET_EMBEDDED_MODE = \"1\""});
-  SPanelSnapshot p;
-  ASSERT_TRUE(WaitFor([&] { return (p = FrontPanelSnapshot()).Page == 1; }, 30s));
-  EXPECT_EQ(p.Widgets["label_embedded_mode"].Text, Server->S().GetStatusText());
-  EXPECT_NE(p.Widgets["label_embedded_mode"].Text.find("monitor"), std::string::npos);
-  EXPECT_EQ(p.Widgets["label_Hz"].Text, "1000 Hz") << "no status field is refreshed in embedded mode";
-  Screenshot("front-panel-embedded.png");
-}
-
-// The window's timer alone counts the watchdog: between two looks taken on the window's
-// thread the counter moves exactly as many ticks as the window made. Five seconds without
-// records then log the reset as the headless tick does.
-TEST_F(FrontPanelTest, WatchdogTicksOnTheWindowTimer) {
-  Start({});
-  CTestClient client;
-  ASSERT_TRUE(client.Connect(Server->Port()));
-  ASSERT_TRUE(FrontPanelServicesWatchdog());
-  bFpgaWatchDogEnabled = false;
-  EXPECT_EQ(client.Command("#ENABLE_DMA 0"), "DMA Disabled.\n");
-  std::this_thread::sleep_for(1s);  // the last record has been taken
-  uint32_t counter = 0;
-  ASSERT_TRUE(FrontPanelInvoke([&] {
-    FpgaWatchDog = 0;
-    bFpgaWatchDogEnabled = true;
-  }));
-  // About 3 s of ticks, well below the 20 that reset. The window ticks 4 times a second at
-  // most (a loaded machine delays its timer, never hurries it); a second tick beside it would
-  // double that.
-  const auto from = std::chrono::steady_clock::now();
-  std::this_thread::sleep_for(3s);
-  ASSERT_TRUE(FrontPanelInvoke([&] {
-    counter = FpgaWatchDog;
-    bFpgaWatchDogEnabled = false;
-  }));
-  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - from).count();
-  EXPECT_GE(counter, 1u);
-  EXPECT_LE(counter, static_cast<uint32_t>(4 * seconds + 3)) << "a headless tick runs beside the window's";
-
-  const std::string logPath = Server->RootPath() + "/vr480/vr480.log";
-  bFpgaWatchDogEnabled = true;
-  EXPECT_TRUE(WaitFor([&] { return ReadFile(logPath).find(":\tFPGA Watchdog reset.\n") != std::string::npos; }, 30s));
-}
-
-TEST_F(FrontPanelTest, QuitButtonStopsTheServer) {
-  Start({});
-  ASSERT_TRUE(WaitFor([] { return bGuiRunning.load(); }, 10s));
-  ASSERT_TRUE(FrontPanelClick("button_quit"));
-  ASSERT_TRUE(WaitFor([&] { return Server->RunEnded(); }, 60s)) << "Run did not return";
-  EXPECT_EQ(Server->RunResultCode(), 0);
-  EXPECT_FALSE(bGuiRunning);
-  EXPECT_TRUE(FrontPanelSnapshot().Widgets.empty()) << "the window is closed";
-}
-
-// vr480d as a process: with a display the window comes up (its display commands are recorded
-// on a workstation); without one, one console line and the server goes on headless.
-TEST(FrontPanelProcessTest, DisplayOrNot) {
-  CTempDir root;
-  for (bool withDisplay : {false, true}) {
-    CXvfb* x = nullptr;
-    const char* saved = std::getenv("DISPLAY");
-    const std::string keep = saved ? saved : "";
-    if (withDisplay) {
-      if (!Exists(kXvfb)) GTEST_SKIP() << "Xvfb is not installed (Debian package xvfb)";
-      x = new CXvfb();
-      ASSERT_FALSE(x->Display.empty());
-      setenv("DISPLAY", x->Display.c_str(), 1);
-    } else {
-      unsetenv("DISPLAY");
-    }
-    CServerProcess server(root.Path(), FreePort(), {"--front-panel"});
-    if (saved) setenv("DISPLAY", keep.c_str(), 1);
-    else unsetenv("DISPLAY");
+  for (int withDisplay = 0; withDisplay < 2; ++withDisplay) {
+    CServerProcess& server = *processes[withDisplay];
     ASSERT_TRUE(server.WaitForOutput("**** FS is optimized ****", 60s)) << server.Output();
     CTestClient client;
     ASSERT_TRUE(client.Connect(server.Port()));
@@ -315,14 +254,54 @@ TEST(FrontPanelProcessTest, DisplayOrNot) {
     int displayLines = 0;  // the toolkit adds no warnings of its own to the server's line
     std::istringstream lines(out);
     for (std::string line; std::getline(lines, line);) displayLines += line.find("isplay") != std::string::npos;
-    EXPECT_EQ(displayLines, withDisplay ? 0 : 1) << out;
+    EXPECT_EQ(displayLines, 1 - withDisplay) << out;
     EXPECT_EQ(out.find("Front panel: cannot open display") != std::string::npos, !withDisplay) << out;
-    const std::string xset = "/usr/X11R6/bin/xset -d :0 s off";
-    EXPECT_EQ(ReadFile(root.Path() + "/tmp/host-commands.log").find(xset) != std::string::npos, withDisplay);
+    const std::string log = ReadFile(roots[withDisplay].Path() + "/tmp/host-commands.log");
+    EXPECT_EQ(log.find("/usr/X11R6/bin/xset -d :0 s off") != std::string::npos, withDisplay == 1);
     EXPECT_EQ(server.Stop(SIGTERM, 60s), 0);
-    WriteFile(root.Path() + "/tmp/host-commands.log", "");
-    delete x;
   }
+
+  // Embedded mode shows page one with the status text, and no status field is refreshed.
+  EXPECT_EQ(a.Command("#SET_EMBEDDED_MODE 1"), "Embedded Mode enabled (network restart or reboot required).\n");
+  a.Command("#SET_MUX_LEVEL 1");
+  p = FrontPanelSnapshot();
+  EXPECT_EQ(p.Page, 1);
+  EXPECT_EQ(p.Widgets["label_embedded_mode"].Text, s.GetStatusText());
+  EXPECT_NE(p.Widgets["label_embedded_mode"].Text.find("monitor"), std::string::npos);
+  EXPECT_EQ(p.Widgets["label_Hz"].Text, "250.0 Hz");
+  Screenshot("front-panel-embedded.png");
+
+  // The window's timer alone counts the watchdog: between two looks taken on the window's
+  // thread the counter moves exactly as many ticks as the window made. Five seconds without
+  // records then log the reset as the headless tick does.
+  ASSERT_TRUE(FrontPanelServicesWatchdog());
+  bFpgaWatchDogEnabled = false;
+  EXPECT_EQ(a.Command("#ENABLE_DMA 0"), "DMA Disabled.\n");
+  std::this_thread::sleep_for(1s);  // the last record has been taken
+  uint32_t counter = 0;
+  ASSERT_TRUE(FrontPanelInvoke([&] {
+    FpgaWatchDog = 0;
+    bFpgaWatchDogEnabled = true;
+  }));
+  // About 2 s of ticks, well below the 20 that reset. The window ticks 4 times a second at
+  // most (a loaded machine delays its timer, never hurries it); a second tick beside it would
+  // double that. The count goes on towards the reset.
+  const auto from = std::chrono::steady_clock::now();
+  std::this_thread::sleep_for(2s);
+  ASSERT_TRUE(FrontPanelInvoke([&] { counter = FpgaWatchDog; }));
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - from).count();
+  EXPECT_GE(counter, 1u);
+  EXPECT_LE(counter, static_cast<uint32_t>(4 * seconds + 3)) << "a headless tick runs beside the window's";
+  EXPECT_TRUE(WaitFor([&] { return ReadFile(Server->RootPath() + "/vr480/vr480.log").find(":\tFPGA Watchdog reset.\n") !=
+                                   std::string::npos; }, 30s));
+
+  // The quit button stops the server and closes the window.
+  ASSERT_TRUE(bGuiRunning.load());
+  ASSERT_TRUE(FrontPanelClick("button_quit"));
+  ASSERT_TRUE(WaitFor([&] { return Server->RunEnded(); }, 60s)) << "Run did not return";
+  EXPECT_EQ(Server->RunResultCode(), 0);
+  EXPECT_FALSE(bGuiRunning);
+  EXPECT_TRUE(FrontPanelSnapshot().Widgets.empty()) << "the window is closed";
 }
 
 }  // namespace
