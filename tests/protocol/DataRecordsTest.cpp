@@ -111,20 +111,19 @@ uint32_t FreePercentFor(int unread) { return static_cast<uint32_t>(std::floor((k
 
 }  // namespace
 
-TEST(DataRecords, FirstReadAfterConnectIsTheNewestRecordAsItStandsInTheRing) {
+TEST(DataRecords, ReadsServeEveryRecordInOrderFromItsSlotAndReportTheBacklog) {
   CRingHarness h;
   h.PublishMany(5);
   h.Connect(0);
   EXPECT_EQ(h.Command(0, "#GET_BUFFER_COUNT").Body, "1");
-
+  // The first read after connecting is the newest record, sent from the slot itself and marked
+  // in use until the session layer has written it.
   const int slot = h.Newest();
   const SReply reply = h.Command(0, "#GET_DATA", false);
   ASSERT_EQ(reply.Code, kReplyRecord);
-  // Sent from the slot itself, marked in use until the session layer has written it.
   EXPECT_EQ(reinterpret_cast<const uint8_t*>(reply.Pointer), h.Slot(slot) + 12);
   EXPECT_EQ(h.Slot(slot)[4608], 1);
   EXPECT_EQ(h.S->ClientRecordInUse[0], slot);
-
   const SRecord rec = reply.Record();
   ASSERT_EQ(rec.Size(), 88u + 4 * 12);
   EXPECT_EQ(rec.Type(), 1u);
@@ -132,65 +131,79 @@ TEST(DataRecords, FirstReadAfterConnectIsTheNewestRecordAsItStandsInTheRing) {
   EXPECT_EQ(rec.Sweep(), h.NextSweep - 1);
   EXPECT_EQ(rec.Status(), 0u);
   EXPECT_EQ(rec.Granularity(), 1000000u);
-  for (int ch = 0; ch < 4; ++ch) EXPECT_EQ(rec.Count(ch), 3u);
   EXPECT_TRUE(rec.LengthMatchesCounts());
-  for (int ch = 0; ch < 4; ++ch)
-    for (int i = 0; i < 3; ++i)
-      EXPECT_NEAR(rec.Value(ch, i), proc_test::Fm(proc_test::NmBetween(kTeethOf[ch][i], 0.25)), 1.0);
-  // Every byte but the two the reply patches is the pipeline's.
-  const std::string ring(reinterpret_cast<const char*>(h.Slot(slot) + 12), rec.Size());
-  for (size_t i = 0; i < rec.Size(); ++i) {
-    if (i == 7 || i == 48) continue;
-    ASSERT_EQ(rec.Bytes[i], ring[i]) << "body byte " << i;
+  for (int ch = 0; ch < 4; ++ch) {
+    EXPECT_EQ(rec.Count(ch), 3u);
+    for (int i = 0; i < 3; ++i) EXPECT_NEAR(rec.Value(ch, i), proc_test::Fm(proc_test::NmBetween(kTeethOf[ch][i], 0.25)), 1.0);
   }
-
+  // Every byte but the two the reply patches is the pipeline's.
+  std::string ring(reinterpret_cast<const char*>(h.Slot(slot) + 12), rec.Size());
+  ring[7] = rec.Bytes[7];
+  ring[48] = rec.Bytes[48];
+  EXPECT_TRUE(ring == rec.Bytes);
   h.S->ReleaseClientRecord(0);
   EXPECT_EQ(h.Slot(slot)[4608], 0);
   EXPECT_EQ(h.S->ClientRecordInUse[0], -1);
   EXPECT_EQ(h.Command(0, "#GET_BUFFER_COUNT").Body, "0");
-}
 
-TEST(DataRecords, BufferedReadsServeEveryRecordInOrderAndReportTheBacklog) {
-  CRingHarness h;
-  h.Publish();
-  h.Connect(0);
-  const uint32_t first = h.NextSweep - 1;
+  // Buffered reads serve every record in order, with the free space of the ring.
+  const uint32_t first = h.Publish();
   h.PublishMany(299);
   EXPECT_EQ(h.Command(0, "#GET_BUFFER_COUNT").Body, "300");
   for (int n = 300; n >= 1; --n) {
-    const SRecord rec = h.Command(0, "#GET_DATA").Record();
-    ASSERT_EQ(rec.Sweep(), first + static_cast<uint32_t>(300 - n)) << "unread " << n;
-    ASSERT_EQ(rec.FreePercent(), FreePercentFor(n)) << "unread " << n;
+    const SRecord r = h.Command(0, "#GET_DATA").Record();
+    ASSERT_EQ(r.Sweep(), first + static_cast<uint32_t>(300 - n)) << "unread " << n;
+    ASSERT_EQ(r.FreePercent(), FreePercentFor(n)) << "unread " << n;
   }
   EXPECT_EQ(FreePercentFor(300), 98u);
   EXPECT_EQ(h.Command(0, "#GET_BUFFER_COUNT").Body, "0");
 }
 
-TEST(DataRecords, ReadingWaitsForTheNextRecordWithoutHoldingOtherClientsUp) {
+// A flush drops the backlog (the next read waits); an unbuffered read takes the newest and
+// leaves the buffered position alone; with buffers off each read is the next unread record
+// and drops the rest (newest-first is not asked for).
+TEST(DataRecords, FlushUnbufferedReadsAndBuffersOff) {
   CRingHarness h;
-  h.PublishMany(2);
-  h.Connect(0);
-  h.Connect(1);
-  h.Command(0, "#GET_DATA");
-
-  std::atomic<bool> answered{false};
-  SReply waited;
-  std::thread reader([&] {
-    waited = h.Command(0, "#GET_DATA");
-    answered = true;
+  h.PublishMany(4);
+  h.Connect(3);
+  h.PublishMany(6);
+  EXPECT_EQ(h.Command(3, "#GET_BUFFER_COUNT").Body, "7");
+  EXPECT_EQ(h.Command(3, "#FLUSH_BUFFER").Body, "Client 3 buffers flushed.\n");
+  EXPECT_EQ(h.Command(3, "#GET_BUFFER_COUNT").Body, "0");
+  std::thread later([&] {
+    std::this_thread::sleep_for(50ms);
+    h.Publish();
   });
-  std::this_thread::sleep_for(100ms);
-  EXPECT_FALSE(answered);
-  // Another client's commands go on while client 0 waits.
-  const auto t0 = Clock::now();
-  EXPECT_EQ(h.Command(1, "#GET_BUFFER_COUNT").Body, "1");
-  EXPECT_EQ(h.Command(1, "#GET_DATA").Record().Sweep(), h.NextSweep - 1);
-  EXPECT_LT(Clock::now() - t0, 100ms);
-  const uint32_t sweep = h.Publish();
-  reader.join();
-  ASSERT_EQ(waited.Code, kReplyRecord);
-  EXPECT_EQ(waited.Record().Sweep(), sweep);
-  EXPECT_EQ(waited.Record().FreePercent(), 100u);
+  const SRecord rec = h.Command(3, "#GET_DATA").Record();
+  later.join();
+  EXPECT_EQ(rec.Sweep(), h.NextSweep - 1);
+  EXPECT_EQ(rec.FreePercent(), 100u);
+
+  const uint32_t first = h.Publish();
+  h.PublishMany(10);
+  EXPECT_EQ(h.Command(3, "#GET_DATA").Record().Sweep(), first);
+  SRecord newest = h.Command(3, "#GET_UNBUFFERED_DATA").Record();
+  EXPECT_EQ(newest.Sweep(), h.NextSweep - 1);
+  EXPECT_EQ(newest.Type(), 1u);
+  EXPECT_EQ(newest.FreePercent(), 99u);
+  EXPECT_TRUE(newest.LengthMatchesCounts());
+  newest = h.Command(3, "#GET_UNBUFFERED_DATA_AND_LEVELS").Record();
+  EXPECT_EQ(newest.Sweep(), h.NextSweep - 1);
+  EXPECT_EQ(newest.Type(), 5u);
+  EXPECT_EQ(h.Command(3, "#GET_DATA").Record().Sweep(), first + 1);
+  EXPECT_EQ(h.Command(3, "#GET_BUFFER_COUNT").Body, "9");
+  // A stray argument is no unbuffered read; the next command is still answered.
+  EXPECT_EQ(h.Command(3, "#GET_UNBUFFERED_DATA 1").Body, "!Invalid command or argument: #GET_UNBUFFERED_DATA 1.");
+  EXPECT_EQ(h.Command(3, "#GET_BUFFER_COUNT").Body, "9");
+
+  h.S->bBufferEnable[3] = false;
+  const uint32_t a = h.Command(3, "#GET_DATA").Record().Sweep();
+  EXPECT_EQ(h.Command(3, "#GET_BUFFER_COUNT").Body, "0");
+  h.PublishMany(3);
+  const uint32_t b = h.Command(3, "#GET_DATA").Record().Sweep();
+  EXPECT_EQ(b, h.NextSweep - 3);
+  EXPECT_GT(b, a);
+  EXPECT_EQ(h.Command(3, "#GET_BUFFER_COUNT").Body, "0");
 }
 
 TEST(DataRecords, AReadWaitsForTheNextRecordAndOnlyAModeChangeOrAStopEndsItEmpty) {
@@ -200,15 +213,19 @@ TEST(DataRecords, AReadWaitsForTheNextRecordAndOnlyAModeChangeOrAStopEndsItEmpty
   h.Command(0, "#GET_DATA");
   const uint16_t position = h.S->ProcessedReadIndex[0];
 
-  // An idle card: the wait outlasts its one-second wakes and ends with the next record.
-  std::thread late([&] {
-    std::this_thread::sleep_for(2500ms);
-    h.Publish();
-  });
-  SReply reply = h.Command(0, "#GET_DATA");
-  late.join();
+  // An idle card: the wait outlasts its one-second wakes and ends with the next record, while
+  // another client's commands go on.
+  h.Connect(1);
+  SReply reply;
+  std::thread reader([&] { reply = h.Command(0, "#GET_DATA"); });
+  std::this_thread::sleep_for(2500ms);
+  EXPECT_EQ(h.Command(1, "#GET_BUFFER_COUNT").Body, "1");
+  EXPECT_EQ(h.Command(1, "#GET_DATA").Record().Sweep(), h.NextSweep - 1);
+  const uint32_t sweep = h.Publish();
+  reader.join();
   ASSERT_EQ(reply.Code, kReplyRecord);
-  EXPECT_EQ(reply.Record().Sweep(), h.NextSweep - 1);
+  EXPECT_EQ(reply.Record().Sweep(), sweep);
+  EXPECT_EQ(reply.Record().FreePercent(), 100u);
 
   // A broadcast for a trigger mode change ends the wait with the "no new data" header.
   const uint16_t caughtUp = h.S->ProcessedReadIndex[0];
@@ -236,46 +253,11 @@ TEST(DataRecords, AReadWaitsForTheNextRecordAndOnlyAModeChangeOrAStopEndsItEmpty
   EXPECT_TRUE(reply.Record().IsNoDataHeader());
 
   // Each client has its own header: one client's frame digits never reach another's reply.
-  h.Connect(1);
   h.S->ProcessedReadIndex[1] = h.S->ProcessedWriteIndex.load();
   const SReply other = h.Command(1, "#GET_DATA");
   h.S->bClosingSessions = false;
   EXPECT_TRUE(other.Record().IsNoDataHeader());
   EXPECT_NE(other.Pointer, reply.Pointer);
-}
-
-TEST(DataRecords, FlushDropsTheBacklogAndTheNextReadWaits) {
-  CRingHarness h;
-  h.PublishMany(4);
-  h.Connect(3);
-  h.PublishMany(6);
-  EXPECT_EQ(h.Command(3, "#GET_BUFFER_COUNT").Body, "7");
-  EXPECT_EQ(h.Command(3, "#FLUSH_BUFFER").Body, "Client 3 buffers flushed.\n");
-  EXPECT_EQ(h.Command(3, "#GET_BUFFER_COUNT").Body, "0");
-  std::thread later([&] {
-    std::this_thread::sleep_for(50ms);
-    h.Publish();
-  });
-  const SRecord rec = h.Command(3, "#GET_DATA").Record();
-  later.join();
-  EXPECT_EQ(rec.Sweep(), h.NextSweep - 1);
-  EXPECT_EQ(rec.FreePercent(), 100u);
-}
-
-TEST(DataRecords, WithBuffersOffEachReadIsANewerRecordThanTheLast) {
-  CRingHarness h;
-  h.PublishMany(3);
-  h.Connect(0);
-  h.S->bBufferEnable[0] = false;
-  h.PublishMany(5);
-  // Newest-first is not asked for: the read serves the next unread record and drops the rest.
-  const uint32_t a = h.Command(0, "#GET_DATA").Record().Sweep();
-  EXPECT_EQ(h.Command(0, "#GET_BUFFER_COUNT").Body, "0");
-  h.PublishMany(3);
-  const uint32_t b = h.Command(0, "#GET_DATA").Record().Sweep();
-  EXPECT_EQ(b, h.NextSweep - 3);
-  EXPECT_GT(b, a);
-  EXPECT_EQ(h.Command(0, "#GET_BUFFER_COUNT").Body, "0");
 }
 
 TEST(DataRecords, InterleaveServesEveryNthSweepPerMultiplexerCycle) {
@@ -298,30 +280,6 @@ TEST(DataRecords, InterleaveServesEveryNthSweepPerMultiplexerCycle) {
   got.clear();
   for (int i = 0; i < 8; ++i) got.push_back(h.Command(0, "#GET_DATA").Record().Sweep());
   EXPECT_EQ(got, (std::vector<uint32_t>{240, 241, 242, 243, 280, 281, 282, 283}));
-}
-
-TEST(DataRecords, UnbufferedReadsTheNewestAndLeavesTheBufferedPositionAlone) {
-  CRingHarness h;
-  h.Publish();
-  h.Connect(0);
-  const uint32_t first = h.NextSweep - 1;
-  h.PublishMany(10);
-  EXPECT_EQ(h.Command(0, "#GET_DATA").Record().Sweep(), first);
-
-  SRecord newest = h.Command(0, "#GET_UNBUFFERED_DATA").Record();
-  EXPECT_EQ(newest.Sweep(), h.NextSweep - 1);
-  EXPECT_EQ(newest.Type(), 1u);
-  EXPECT_EQ(newest.FreePercent(), 99u);
-  EXPECT_TRUE(newest.LengthMatchesCounts());
-  newest = h.Command(0, "#GET_UNBUFFERED_DATA_AND_LEVELS").Record();
-  EXPECT_EQ(newest.Sweep(), h.NextSweep - 1);
-  EXPECT_EQ(newest.Type(), 5u);
-
-  EXPECT_EQ(h.Command(0, "#GET_DATA").Record().Sweep(), first + 1);
-  EXPECT_EQ(h.Command(0, "#GET_BUFFER_COUNT").Body, "9");
-  // A stray argument is no unbuffered read; the next command is still answered.
-  EXPECT_EQ(h.Command(0, "#GET_UNBUFFERED_DATA 1").Body, "!Invalid command or argument: #GET_UNBUFFERED_DATA 1.");
-  EXPECT_EQ(h.Command(0, "#GET_BUFFER_COUNT").Body, "9");
 }
 
 TEST(DataRecords, LevelsFollowTheWavelengthsAndCarryAbsoluteWavelengths) {
@@ -463,6 +421,23 @@ TEST(DataRecords, CountsTurnEachWavelengthBackIntoTheCardsSweepPosition) {
   EXPECT_EQ(h.Slot(h.Newest())[4608], 0);
 }
 
+// A producer of sweeps numbered from `base` on its own thread, until `stop`: `fill` puts the
+// sensors and marks of sweep k into the record.
+template <class Fill>
+std::thread Producer(CRingHarness& h, std::atomic<bool>& stop, Fill fill) {
+  return std::thread([&h, &stop, fill] {
+    std::vector<struct_dma_peaks_data> sweeps(64);
+    for (uint32_t k = 0; !stop; ++k) {
+      auto& r = sweeps[k % sweeps.size()];
+      r = proc_test::MakeSweep();
+      fill(r, k);
+      h.S->pPeaks = &r;
+      h.S->pLastPeaks = &r;
+      ProcessingAccess::Process(*h.S);
+    }
+  });
+}
+
 // Several clients read the ring while it is being filled and frame their replies in place, as
 // the session layer does; two of them always want the same records. Every reply must be one
 // whole sweep with nobody else's patches.
@@ -470,39 +445,22 @@ TEST(DataRecords, ContendingClientsEachReceiveWholeRecords) {
   CRingHarness h;
   h.PublishMany(2);
   for (int c = 0; c < 4; ++c) h.Connect(c);
-  h.S->bUseReferences = false;
-
   std::atomic<bool> stop{false};
-  std::thread producer([&] {
-    std::vector<struct_dma_peaks_data> sweeps(64);
-    for (uint32_t k = 0; !stop; ++k) {
-      auto& r = sweeps[k % sweeps.size()];
-      r = proc_test::MakeSweep();
-      const uint32_t sweep = 100000 + k;
-      r.status.SweepCounter = sweep;
-      r.status.Reserved0 = static_cast<uint8_t>(sweep * 7 + 1);
-      for (int j = 0; j < 12; ++j) r.status.Reserved32[j] = static_cast<uint8_t>(sweep + j);
-      for (int ch = 0; ch < 4; ++ch)
-        for (uint32_t i = 0; i < 1 + (sweep + ch) % 3; ++i)
-          proc_test::AddSensor(r, ch, proc_test::CountBetween(kTeethOf[ch][i], 0.25));
-      h.S->pPeaks = &r;
-      h.S->pLastPeaks = &r;
-      ProcessingAccess::Process(*h.S);
-      std::this_thread::sleep_for(50us);
-    }
+  std::thread producer = Producer(h, stop, [](struct_dma_peaks_data& r, uint32_t k) {
+    const uint32_t sweep = r.status.SweepCounter = 100000 + k;
+    r.status.Reserved0 = static_cast<uint8_t>(sweep * 7 + 1);
+    for (int j = 0; j < 12; ++j) r.status.Reserved32[j] = static_cast<uint8_t>(sweep + j);
+    for (int ch = 0; ch < 4; ++ch)
+      for (uint32_t i = 0; i < 1 + (sweep + ch) % 3; ++i) proc_test::AddSensor(r, ch, proc_test::CountBetween(kTeethOf[ch][i], 0.25));
+    std::this_thread::sleep_for(50us);
   });
-  std::vector<double> expected(12);
-  for (int ch = 0; ch < 4; ++ch)
-    for (int i = 0; i < 3; ++i) expected[ch * 3 + i] = proc_test::Fm(proc_test::NmBetween(kTeethOf[ch][i], 0.25));
-
   std::atomic<int> records{0}, faults{0};
-  auto client = [&](int c, const char* command) {
+  auto client = [&](int c, const std::string command) {
     uint32_t last = 0;
-    const auto end = Clock::now() + 1500ms;
-    while (Clock::now() < end) {
+    for (const auto end = Clock::now() + 1500ms; Clock::now() < end;) {
       char* body = nullptr;
       unsigned length = 0;
-      const int code = h.S->ProcessCmd(static_cast<short>(c), command, &body, &length);
+      const int code = h.S->ProcessCmd(static_cast<short>(c), command.c_str(), &body, &length);
       // Framing in place: digits before the body, a zero on the first byte, then restored.
       const char first = body[0];
       std::memcpy(body - 10, "0000000000", 10);
@@ -512,25 +470,22 @@ TEST(DataRecords, ContendingClientsEachReceiveWholeRecords) {
       h.S->ReleaseClientRecord(static_cast<uint16_t>(c));
       if (code != kReplyRecord || rec.IsNoDataHeader() || rec.Sweep() < 100000) continue;  // not yet the producer's
       const uint32_t sweep = rec.Sweep();
-      bool whole = rec.Size() >= 88 && rec.Status() == 0;
-      whole = whole && data_wire::U8(rec.Bytes, 0) == static_cast<uint8_t>(sweep * 7 + 1);
+      bool whole = rec.Size() >= 88 && rec.Status() == 0 && data_wire::U8(rec.Bytes, 0) == static_cast<uint8_t>(sweep * 7 + 1);
       for (int j = 0; whole && j < 12; ++j) whole = data_wire::U8(rec.Bytes, 32 + j) == static_cast<uint8_t>(sweep + j);
       for (int ch = 0; whole && ch < 4; ++ch) whole = rec.Count(ch) == 1 + (sweep + ch) % 3;
-      if (whole && std::string(command) == "#GET_DATA") whole = rec.LengthMatchesCounts() && rec.Type() == 1;
-      if (whole && std::string(command) == "#GET_DATA_AND_LEVELS") whole = rec.Type() == 5;
+      if (command == "#GET_DATA") whole = whole && rec.LengthMatchesCounts() && rec.Type() == 1 && (last == 0 || sweep == last + 1);
+      if (command == "#GET_DATA_AND_LEVELS") whole = whole && rec.Type() == 5;
       for (int ch = 0; whole && ch < 4; ++ch)
-        for (uint32_t i = 0; whole && i < rec.Count(ch); ++i) whole = std::abs(rec.Value(ch, i) - expected[ch * 3 + i]) <= 1.0;
-      if (whole && last != 0 && std::string(command) == "#GET_DATA") whole = sweep == last + 1;
+        for (uint32_t i = 0; whole && i < rec.Count(ch); ++i)
+          whole = std::abs(rec.Value(ch, i) - proc_test::Fm(proc_test::NmBetween(kTeethOf[ch][i], 0.25))) <= 1.0;
       last = sweep;
       ++records;
-      if (!whole) ++faults;
+      faults += !whole;
     }
   };
   std::vector<std::thread> clients;
-  clients.emplace_back(client, 0, "#GET_DATA");
-  clients.emplace_back(client, 1, "#GET_DATA");
-  clients.emplace_back(client, 2, "#GET_DATA_AND_LEVELS");
-  clients.emplace_back(client, 3, "#GET_UNBUFFERED_DATA");
+  for (const char* command : {"#GET_DATA", "#GET_DATA", "#GET_DATA_AND_LEVELS", "#GET_UNBUFFERED_DATA"})
+    clients.emplace_back(client, static_cast<int>(clients.size()), command);
   for (auto& t : clients) t.join();
   stop = true;
   producer.join();
@@ -547,32 +502,23 @@ TEST(DataRecords, CopiesRacingTheProducerAreWholeOrDropped) {
   h.PublishMany(2);
   h.Connect(0);
   std::atomic<bool> stop{false};
-  std::thread producer([&] {
-    std::vector<struct_dma_peaks_data> sweeps(64);
-    for (uint32_t k = 0; !stop; ++k) {
-      auto& r = sweeps[k % sweeps.size()];
-      r = proc_test::MakeSweep();
-      r.status.SweepCounter = 200000 + k;
-      for (int j = 0; j < 12; ++j) r.status.Reserved32[j] = static_cast<uint8_t>(r.status.SweepCounter + j);
-      // 30000 is no multiple of 7: the record a lap later has another sensor count.
-      for (uint32_t i = 0; i < 1 + k % 7; ++i) proc_test::AddSensor(r, 0, proc_test::CountBetween(20 + 2 * i, 0.25));
-      h.S->pPeaks = &r;
-      h.S->pLastPeaks = &r;
-      ProcessingAccess::Process(*h.S);
-    }
+  std::thread producer = Producer(h, stop, [](struct_dma_peaks_data& r, uint32_t k) {
+    r.status.SweepCounter = 200000 + k;
+    for (int j = 0; j < 12; ++j) r.status.Reserved32[j] = static_cast<uint8_t>(r.status.SweepCounter + j);
+    // 30000 is no multiple of 7: the record a lap later has another sensor count.
+    for (uint32_t i = 0; i < 1 + k % 7; ++i) proc_test::AddSensor(r, 0, proc_test::CountBetween(20 + 2 * i, 0.25));
   });
   // The copy of the slot the producer is about to overwrite is dropped more often the faster
   // the producer runs; read until enough copies got through, however loaded the machine.
   int served = 0, faults = 0;
-  const auto end = Clock::now() + 20s;
-  while (served < 100 && Clock::now() < end) {
+  for (const auto end = Clock::now() + 20s; served < 100 && Clock::now() < end;) {
     h.S->ProcessedReadIndex[0] = static_cast<uint16_t>((h.S->ProcessedWriteIndex + 1) % kRing);
     const SRecord rec = h.Command(0, "#GET_DATA").Record();
     if (rec.IsNoDataHeader() || rec.Sweep() < 200000) continue;
     ++served;
     bool whole = rec.LengthMatchesCounts() && rec.Count(0) == 1 + (rec.Sweep() - 200000) % 7;
     for (int j = 0; whole && j < 12; ++j) whole = data_wire::U8(rec.Bytes, 32 + j) == static_cast<uint8_t>(rec.Sweep() + j);
-    if (!whole) ++faults;
+    faults += !whole;
   }
   stop = true;
   producer.join();

@@ -169,6 +169,15 @@ TEST_F(EndToEnd, EachCommandGetsOneFrameAndTheInvalidReplyNamesTheLine) {
   ASSERT_TRUE(c.SendRaw("\n\r\n"));
   EXPECT_EQ(c.ReadFrame(), std::string(kInvalid) + " .");
   EXPECT_EQ(c.Command("#GET_DOT_NOTATION 1"), "1.1");
+  // A line is cut at 256 characters: the 257th is dropped and ends it. A command split over
+  // segments is served whole.
+  const std::string line = "#TEST_CMD 1 2 " + std::string(241, ' ') + "3";
+  ASSERT_TRUE(c.SendRaw(line + "X#GET_DOT_NOTATION 7\n#GET_LEG"));
+  EXPECT_EQ(c.ReadFrame(), "Test command set to 1 2 3.\n");
+  EXPECT_EQ(c.ReadFrame(), "3.2");
+  std::this_thread::sleep_for(100ms);
+  ASSERT_TRUE(c.SendRaw("ACY_NOTATION 4.4\n"));
+  EXPECT_EQ(c.ReadFrame(), "16");
 }
 
 // A client that sends many commands and reads only afterwards gets whole frames; when a reply
