@@ -1,11 +1,9 @@
 // The whole server in this process: a fresh workstation root, the simulated card pacing its
-// records in real time, Init and Run exactly as vr480d runs them (Run on a thread of its own),
-// and the TCP command server on a free loopback port. Tests talk to it as clients do and read
-// back what the card received (command log, LEDs, applied settings) through the card's
-// control API, which a separate vr480d process would hide.
-//
-// One at a time per process: the server uses the process-wide host, card seam, options and
-// stop flags.
+// records in real time, Init and Run as vr480d runs them (Run on a thread of its own), and the
+// TCP command server on a free loopback port. Tests talk to it as clients do and read back what
+// the card received through the card's control API, which a separate vr480d process would
+// hide. One at a time per process: the server uses the process-wide host, card seam, options
+// and stop flags.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -73,7 +71,6 @@ class CInProcessServer {
     ServerOptions.ListenAddress = "127.0.0.1";
 
     if (beforeInit) beforeInit(Root.Path());
-
     bStopSignalled = false;
     Server = std::make_unique<CVr480Server>();
     InitCode = Server->Init();
