@@ -9,12 +9,18 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cmath>
+#include <sys/stat.h>
+
+#include <filesystem>
 #include <memory>
+#include <random>
 #include <regex>
+#include <set>
 #include <thread>
 
 #include "DataWire.h"
+#include "host/ConfinedPath.h"
+#include "host/Host.h"
 #include "protocol/HelpTexts.h"
 #include "sim/SimCard.h"
 #include "support/ServerProcess.h"
@@ -25,6 +31,7 @@ using namespace std::chrono_literals;
 using data_wire::SRecord;
 using data_wire::U32;
 using data_wire::U8;
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -432,4 +439,171 @@ TEST_F(EndToEnd, CommandLineClientPrintsRepliesAndStreams) {
   EXPECT_EQ(lines, 20) << out;
   run(FreePort(), "'#GET_DATA'");
   EXPECT_EQ(status, 2);
+}
+
+// #DOWNLOAD and #UPLOAD: byte-exact round trips (also two clients at once), hostile paths that
+// must neither read nor touch anything outside the root, refused byte counts, and a client that
+// vanishes mid-upload.
+namespace {
+
+std::string RandomBytes(size_t n, unsigned seed) {
+  std::mt19937 gen(seed);
+  std::string s(n, '\0');
+  for (char& ch : s) ch = static_cast<char>(gen());
+  return s;
+}
+std::string Frame(const std::string& body) {
+  char digits[16];
+  std::snprintf(digits, sizeof digits, "%010zu", body.size());
+  return digits + body;
+}
+std::set<std::string> Listing(const std::string& dir) {
+  std::set<std::string> names;
+  for (const auto& e : fs::directory_iterator(dir)) names.insert(e.path().filename().string());
+  return names;
+}
+bool HasUploadLeftovers(const std::string& dir) {
+  for (const auto& name : Listing(dir))
+    if (name.rfind(".vr480-upload-", 0) == 0) return true;
+  return false;
+}
+
+// The raw download reply: frame digits and body.
+std::string Download(CTestClient& c, const std::string& path) {
+  const SFrame f = RawFrame(c, "#DOWNLOAD " + path, 60s);
+  return f.Ok ? f.Digits + f.Body : "<no reply>";
+}
+std::string Upload(CTestClient& c, const std::string& path, const std::string& bytes) {
+  bool ok = c.Send("#UPLOAD " + std::to_string(bytes.size()) + " " + path) && c.SendRaw(bytes);
+  const std::string reply = c.ReadFrame(&ok, 60s);
+  return ok ? reply : "<no reply>";
+}
+
+}  // namespace
+
+TEST_F(EndToEnd, FileTransferRoundTripsAreByteExactAlsoForTwoClientsAtOnce) {
+  CTestClient Client(Port());
+  const std::string dir = Root->Path() + "/vr480";  // where relative names land
+  const std::pair<std::string, std::string> rows[] = {
+      {"empty.bin", ""}, {"forty.bin", RandomBytes(40000, 1)}, {"big.bin", RandomBytes(10 << 20, 2)}};
+  for (const auto& [name, content] : rows) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(Upload(Client, name, content), std::to_string(content.size()) + " bytes received.\n");
+    EXPECT_TRUE(ReadFile(dir + "/" + name) == content);
+    EXPECT_TRUE(Download(Client, name) == Frame(content));
+  }
+  EXPECT_EQ(Download(Client, "empty.bin"), "0000000000");
+  EXPECT_TRUE(Download(Client, "/vr480/forty.bin") == Frame(rows[1].second));
+  EXPECT_FALSE(HasUploadLeftovers(dir));
+
+  // One client downloads the big file while another uploads a different one and then
+  // downloads the small one: each gets exactly its own bytes. A reply that cannot be sent
+  // whole within the write budget closes the connection: both clients allow 10 s, so that a
+  // machine too busy to read for a while fails no download.
+  const auto patient = [](CTestClient& c) {
+    c.Command("#SET_SOCKET_RECOVERY_ATTEMPTS 40000");
+    c.Command("#SET_STREAMING_DATA 0");  // takes the new budget
+  };
+  patient(Client);
+  const std::string other = RandomBytes(10 << 20, 3);
+  std::string downloaded[2], uploadReply, small[20];
+  std::thread second([&] {
+    CTestClient c(Port());
+    patient(c);
+    uploadReply = Upload(c, "other.bin", other);
+    for (auto& s : small) s = Download(c, "forty.bin");
+  });
+  for (auto& d : downloaded) d = Download(Client, "big.bin");
+  second.join();
+  for (const auto& d : downloaded) EXPECT_TRUE(d == Frame(rows[2].second));
+  EXPECT_EQ(uploadReply, std::to_string(other.size()) + " bytes received.\n");
+  EXPECT_TRUE(ReadFile(dir + "/other.bin") == other);
+  for (const auto& s : small) EXPECT_TRUE(s == Frame(rows[1].second));
+  EXPECT_EQ(Client.Command("#SET_SOCKET_RECOVERY_ATTEMPTS 40"), "Setting socket write recovery # attempts to 40.\n");
+}
+
+TEST_F(EndToEnd, FileTransferHostilePathsAndCountsAreRefusedAndNothingOutsideTheRootIsTouched) {
+  CTestClient Client(Port());
+  const std::string dir = Root->Path() + "/vr480";  // where relative names land
+  CTempDir outside;  // beside the root: must stay untouched
+  const std::string sentinel = outside / "sentinel";
+  WriteFile(sentinel, "secret");
+  WriteFile(dir + "/inside.txt", "inside");
+  const std::string outName = fs::path(outside.Path()).filename().string();
+  // Each would reach the sentinel if the text were handed to the kernel as it is.
+  const std::string climb = fs::relative(sentinel, dir).string();
+  ASSERT_EQ(climb, "../../" + outName + "/sentinel");
+  fs::create_symlink(sentinel, dir + "/link");
+  fs::create_symlink(outside.Path(), dir + "/outdir");
+  fs::create_symlink("/dev/null", dir + "/devnull");
+  fs::create_symlink(dir + "/inside.txt", dir + "/inlink");  // stays inside: allowed
+  ASSERT_EQ(::mkfifo((dir + "/fifo").c_str(), 0600), 0);
+  fs::create_directory(dir + "/subdir");
+  const std::set<std::string> outsideBefore = Listing(outside.Path());
+
+  for (const std::string& path : {climb, "/../" + outName + "/sentinel", "a/../../../" + outName + "/sentinel",
+                                  std::string("link"), std::string("outdir/sentinel"), std::string("devnull"),
+                                  std::string("fifo"), std::string("subdir"), "/vr480/../../" + outName + "/sentinel"}) {
+    SCOPED_TRACE(path);
+    EXPECT_EQ(Download(Client, path), Frame("!File Not Found.\n"));
+    // Refused before any byte is read, so the client sends none.
+    EXPECT_EQ(Client.Command("#UPLOAD 6 " + path), "!Failed to open output file >>" + path + "<<.\n");
+  }
+  EXPECT_EQ(Client.Command("#UPLOAD 6 outdir/new.bin"), "!Failed to open output file >>outdir/new.bin<<.\n");
+  EXPECT_EQ(Download(Client, "inlink"), Frame("inside"));
+  for (const std::string count : {"-5", "abc", "12abc", "9000000000000000000"})
+    EXPECT_EQ(Client.Command("#UPLOAD " + count + " x.bin"), "!Failed to open output file >>x.bin<<.\n") << count;
+  EXPECT_EQ(Client.Command("#UPLOAD 5").rfind(kInvalid, 0), 0u);
+  EXPECT_EQ(Upload(Client, "zero.bin", ""), "0 bytes received.\n");
+
+  EXPECT_EQ(ReadFile(sentinel), "secret");
+  EXPECT_EQ(Listing(outside.Path()), outsideBefore);
+  EXPECT_TRUE(fs::is_symlink(dir + "/link"));
+  EXPECT_TRUE(fs::is_fifo(dir + "/fifo"));
+  EXPECT_FALSE(fs::exists(dir + "/x.bin"));
+  EXPECT_TRUE(fs::exists(dir + "/zero.bin"));
+  EXPECT_FALSE(HasUploadLeftovers(dir));
+}
+
+TEST_F(EndToEnd, FileTransferAClientVanishingMidUploadLeavesNoFileAndTheServerGoesOn) {
+  CTestClient Client(Port());
+  const std::string dir = Root->Path() + "/vr480";  // where relative names land
+  const auto waitFor = [](auto condition) {
+    for (const auto end = std::chrono::steady_clock::now() + 30s; std::chrono::steady_clock::now() < end;
+         std::this_thread::sleep_for(50ms))
+      if (condition()) return true;
+    return false;
+  };
+  {
+    CTestClient quitter(Port());
+    ASSERT_TRUE(quitter.Send("#UPLOAD 100000 half.bin") && quitter.SendRaw(RandomBytes(5000, 4)));
+    ASSERT_TRUE(waitFor([&] { return HasUploadLeftovers(dir); })) << "the upload never started";
+    EXPECT_EQ(Client.Command("#IDN?").substr(0, 7), "Zorvane");  // served while the upload waits
+  }
+  EXPECT_TRUE(waitFor([&] { return Client.Command("#WHO?") == "127.0.0.1" && !HasUploadLeftovers(dir); }));
+  EXPECT_FALSE(fs::exists(dir + "/half.bin"));
+}
+
+// On the instrument paths are used as given, but a FIFO or a directory must still be refused
+// at once rather than block the client's thread; a link is written through to its file.
+TEST(FileTransferOnInstrument, NonRegularFilesAreRefusedWithoutBlocking) {
+  ASSERT_TRUE(Host().IsInstrument());
+  CTempDir dir;
+  ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
+  WriteFile(dir / "file", "12345");
+  fs::create_symlink(dir / "file", dir / "link");
+  int64_t size = -1;
+  EXPECT_EQ(OpenClientFileForReading(dir / "fifo", &size), -1);
+  EXPECT_EQ(OpenClientFileForReading(dir.Path(), &size), -1);
+  const int fd = OpenClientFileForReading(dir / "link", &size);
+  EXPECT_GE(fd, 0);
+  EXPECT_EQ(size, 5);
+  if (fd >= 0) ::close(fd);
+  std::string why;
+  CUploadTarget fifo, link;
+  EXPECT_FALSE(fifo.Open(dir / "fifo", 1, &why));
+  ASSERT_TRUE(link.Open(dir / "link", 3, &why)) << why;
+  EXPECT_TRUE(link.Write("abc", 3, &why) && link.Commit(&why)) << why;
+  EXPECT_TRUE(fs::is_symlink(dir / "link"));
+  EXPECT_EQ(ReadFile(dir / "file"), "abc");
 }
