@@ -4,7 +4,6 @@
 // client is still served and that the acquisition still runs. One server takes the abuse; two
 // more, started beside it, are stopped at the end (one with #QUIT!, one with SIGTERM).
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -137,21 +136,6 @@ int ConnectedClients(CTestClient& c) {
 
 // The dot notation the server gives for legacy channel n (1-16).
 std::string Dot(int n) { return std::to_string((n - 1) % 4 + 1) + "." + std::to_string((n - 1) / 4 + 1); }
-
-// A port bound and listened on by the test, standing for the connections a killed server
-// leaves lingering for about a minute; -1 if none could be had.
-int HoldPort(int* port) {
-  for (int attempt = 0; attempt < 20; ++attempt) {
-    *port = FreePort();
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(*port));
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 && ::listen(fd, 1) == 0) return fd;
-    ::close(fd);
-  }
-  return -1;
-}
 
 // A server with a new root whose tag file adds 2 kHz sweeping to the instrument's baseline.
 struct SServer {

@@ -154,6 +154,19 @@ int FreePort() {
   return 0;
 }
 
+int HoldPort(int* port) {
+  for (int attempt = 0; attempt < 20; ++attempt) {
+    *port = FreePort();
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(*port));
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 && ::listen(fd, 1) == 0) return fd;
+    ::close(fd);
+  }
+  return -1;
+}
+
 int RunServerToExit(const std::vector<std::string>& args, std::string* output, std::chrono::milliseconds timeout) {
   int fd = -1;
   pid_t pid = SpawnServer(args, &fd);

@@ -42,6 +42,9 @@ class CServerProcess {
 
 // A TCP port that nothing on this machine listens on right now.
 int FreePort();
+// Binds and listens on a free port on every address (standing for the connections a killed
+// server leaves lingering on its port); the descriptor, or -1. *port receives the port.
+int HoldPort(int* port);
 // Runs vr480d with these arguments to completion; returns its exit status and output.
 int RunServerToExit(const std::vector<std::string>& args, std::string* output,
                     std::chrono::milliseconds timeout = std::chrono::seconds(30));
