@@ -11,6 +11,7 @@
 
 #include "server/Globals.h"
 #include "server/Vr480Server.h"
+#include "system/ServiceNotify.h"
 
 bool CVr480Server::GetData() {
   if (bEnableSensorBins) {
@@ -50,6 +51,7 @@ bool CVr480Server::GetData() {
 }
 
 void CVr480Server::AcquisitionPass() {
+  NotifyServiceAcquisition(bReady);
   if (!GetData()) return;  // stopping, and the card delivers nothing
   if (bMuxLevelChanged.exchange(false)) RebuildAveragingForMuxLevel();
   if (!bRun) return;

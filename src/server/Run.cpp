@@ -16,6 +16,7 @@
 #include "server/Vr480Server.h"
 #include "server/WatchdogTick.h"
 #include "system/Network.h"
+#include "system/ServiceNotify.h"
 
 namespace {
 
@@ -48,6 +49,7 @@ int CVr480Server::Run() {
   if (!FrontPanelServicesWatchdog()) watchdog.Start();
   RunStartupPhase();
   while (bRun) AcquisitionPass();
+  NotifyServiceStopping();
   watchdog.Stop();
   return StopAcquisition();
 }
