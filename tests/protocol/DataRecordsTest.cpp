@@ -1,7 +1,7 @@
 // The processed-record replies against a server object without a card: the real peak pipeline
 // fills the ring from hand-built sweeps, and the tests run the data commands through the
 // dispatcher as a client's service thread does, decoding the bodies with the client-side
-// reader of DataWire.h. The end-to-end tests (DataEndToEndTest.cpp) do the same over TCP.
+// reader of DataWire.h. The end-to-end tests (ProtocolTest.cpp) do the same over TCP.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -55,14 +55,11 @@ class CRingHarness {
     proc_test::Feed(*S, Sweeps.back());
     return sweep;
   }
-  void PublishMany(int n) {
-    for (int i = 0; i < n; ++i) Publish();
-  }
+  void PublishMany(int n) { while (n-- > 0) Publish(); }
 
   // What the session layer does when a client connects.
   void Connect(int client) {
-    const int w = S->ProcessedWriteIndex;
-    S->ProcessedReadIndex[client] = static_cast<uint16_t>(w == 0 ? kRing - 1 : w - 1);
+    S->ProcessedReadIndex[client] = static_cast<uint16_t>(Newest());
     S->bStreaming[client] = false;
     S->bBufferEnable[client] = true;
     S->DataInterleave[client] = 1;
@@ -82,24 +79,12 @@ class CRingHarness {
     return reply;
   }
 
-  // The same, as the server stops: a read with nothing to serve answers at once with the
-  // "no new data" header instead of waiting for the next record.
-  SReply CommandWhileStopping(int client, const char* line) {
-    S->bClosingSessions = true;
-    SReply reply = Command(client, line);
-    S->bClosingSessions = false;
-    return reply;
-  }
-
   const uint8_t* Slot(int index) const { return S->ProcessedData + static_cast<size_t>(index) * kSlotBytes; }
   bool InRing(const char* p) const {
     const auto* u = reinterpret_cast<const uint8_t*>(p);
     return u >= S->ProcessedData && u < S->ProcessedData + kRing * kSlotBytes;
   }
-  int Newest() const {
-    const int w = S->ProcessedWriteIndex;
-    return w == 0 ? kRing - 1 : w - 1;
-  }
+  int Newest() const { return (S->ProcessedWriteIndex + kRing - 1) % kRing; }
 
   std::unique_ptr<CVr480Server> S = proc_test::MakeServer();
   std::vector<struct_dma_peaks_data> Sweeps;
@@ -270,8 +255,11 @@ TEST(DataRecords, InterleaveServesEveryNthSweepPerMultiplexerCycle) {
   std::vector<uint32_t> got;
   for (int i = 0; i < 12; ++i) got.push_back(h.Command(0, "#GET_DATA").Record().Sweep());
   EXPECT_EQ(got, (std::vector<uint32_t>{110, 120, 130, 140, 150, 160, 170, 180, 190, 200, 210, 220}));
-  // Nothing acceptable left: the skipped records are gone, and the read would wait.
-  EXPECT_TRUE(h.CommandWhileStopping(0, "#GET_DATA").Record().IsNoDataHeader());
+  // Nothing acceptable left: the skipped records are gone, and the read would wait (as the
+  // server stops, it answers at once with the "no new data" header instead).
+  h.S->bClosingSessions = true;
+  EXPECT_TRUE(h.Command(0, "#GET_DATA").Record().IsNoDataHeader());
+  h.S->bClosingSessions = false;
   EXPECT_EQ(h.Command(0, "#GET_BUFFER_COUNT").Body, "0");
 
   // Four multiplexer layers: one cycle is four sweeps, and whole cycles are kept.

@@ -140,6 +140,8 @@ TEST_F(AcquisitionTest, FetchedRecordsArePatchedBeforeAnyoneReadsThem) {
   EXPECT_GT(rec->status.NumPeaks[3], 0);
   EXPECT_EQ(rec->status.NumPeaks[4], 0) << "a disabled channel reports no peaks";
   EXPECT_EQ(FpgaWatchDog.load(), 0u);
+  // The grating temperature the server reads from the thermistor is the card's.
+  EXPECT_NEAR(Server->thermistor_Vth2degC(rec->status.Vth), Card->Card().GratingTemperature(), 0.01);
 
   // The grating taken from DUT channel 1's list: its first 16 peaks.
   Server->FbgChannel = 3;
