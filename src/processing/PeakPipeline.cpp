@@ -49,6 +49,7 @@ int CVr480Server::ProcessPeaksData() {
   const struct_dma_peaks_data* last = pLastPeaks.load();
   const struct_dma_peaks_status& hdr = last ? last->status : rec.status;
   const bool learning = bSensorBinLearning;
+  CountSweep(hdr.SweepCounter);
   if (bAveragingDepthsChanged.load(std::memory_order_relaxed) && bAveragingDepthsChanged.exchange(false))
     ApplyAveragingDepths();
   if (bAvgResetsPending.load(std::memory_order_relaxed) && bAvgResetsPending.exchange(false)) ApplyAveragesResets();
@@ -265,7 +266,20 @@ void CVr480Server::WriteAnalogOutputs() {
     Driver.WriteReg32(kAnalogOutputRegs[r], static_cast<uint32_t>(out[2 * r]) | static_cast<uint32_t>(out[2 * r + 1]) << 16);
 }
 
+// The metrics' view of the card's sweeps: every record counts, and a sweep counter that jumps
+// by more than one means the card dropped sweeps in between. Only the acquisition thread calls.
+void CVr480Server::CountSweep(uint32_t sweep) {
+  const uint64_t n = RecordsProcessed.fetch_add(1, std::memory_order_relaxed);
+  const uint32_t step = sweep - LastSweepSeen;
+  if (n > 0 && step > 1 && step < 0x80000000u) {
+    SweepGaps.fetch_add(1, std::memory_order_relaxed);
+    SweepsMissed.fetch_add(step - 1, std::memory_order_relaxed);
+  }
+  LastSweepSeen = sweep;
+}
+
 void CVr480Server::AdvanceProcessedRing() {
+  RecordsPublished.fetch_add(1, std::memory_order_relaxed);
   std::lock_guard<std::mutex> g(DataMutex);
   const uint16_t index = ProcessedWriteIndex;
   ProcessedWriteIndex = index >= kProcessedRingSlots - 1 ? 0 : static_cast<uint16_t>(index + 1);

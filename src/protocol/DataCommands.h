@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 class CCommandContext;
 class CVr480Server;
@@ -58,5 +59,7 @@ int GetRawSpectrum(CCommandContext& c);
 
 // ---- Status (DataStatus.cpp) ----
 int WebStatus(CCommandContext& c);
+// The #WEB_STATUS line itself, for readers that are not clients (the HTTP status page).
+std::string WebStatusLine(CVr480Server& s);
 
 }  // namespace data_commands

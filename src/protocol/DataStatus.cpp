@@ -1,6 +1,7 @@
 // #WEB_STATUS: the instrument's state in one line of 21 fields separated by "$", for the
 // instrument's web page. Most fields are what the front panel last displayed; they change only
 // while the front panel runs and are empty (numbers 0) before its first refresh.
+#include <cstdio>
 #include <cstring>
 #include <string>
 
@@ -11,8 +12,7 @@
 
 namespace data_commands {
 
-int WebStatus(CCommandContext& c) {
-  CVr480Server& s = c.Server;
+std::string WebStatusLine(CVr480Server& s) {
   CVr480Server::SPanelTexts panel;
   {
     std::lock_guard<std::mutex> g(s.PanelTextsLock);
@@ -22,7 +22,8 @@ int WebStatus(CCommandContext& c) {
   const int config = CurrentNetworkConfig.load() == 1 ? 1 : 0;
   const struct_dma_peaks_data* last = s.pLastPeaks.load();
   const double transmitterDegC = last ? last->status.InternalTemp / 128.0 : 0.0;
-  return c.Reply("%s$%s$%d$%d$%s$%d$%s$%s$%s$%d$%0.2f$%s$%s$%s$%s$%s$%d$%s$%s$%s$%s", serial.c_str(),
+  char line[2048];
+  std::snprintf(line, sizeof line, "%s$%s$%d$%d$%s$%d$%s$%s$%s$%d$%0.2f$%s$%s$%s$%s$%s$%d$%s$%s$%s$%s", serial.c_str(),
                  panel.SweepRate.c_str(), s.CfcVersion, panel.DriverVersion, kServerRelease, panel.FirmwareVersion,
                  panel.IpAddress.c_str(), panel.Netmask.c_str(), bUseDhcp[config] ? "Enabled" : "Disabled",
                  s.Socket.GetNumClients(), transmitterDegC, panel.DateTime.c_str(),
@@ -31,6 +32,9 @@ int WebStatus(CCommandContext& c) {
                  panel.TriggerMode.c_str(), panel.TriggerState.c_str(), s.MuxLevel.load(),
                  panel.SensorCounts[0].c_str(), panel.SensorCounts[1].c_str(), panel.SensorCounts[2].c_str(),
                  panel.SensorCounts[3].c_str());
+  return line;
 }
+
+int WebStatus(CCommandContext& c) { return c.Reply("%s", WebStatusLine(c.Server).c_str()); }
 
 }  // namespace data_commands

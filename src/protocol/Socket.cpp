@@ -577,6 +577,7 @@ int CSocket::WriteData(uint16_t client, const char* head, int headLen, const cha
     msg.msg_iovlen = static_cast<size_t>(2 - first);
     const ssize_t n = ::sendmsg(conn->Fd, &msg, MSG_NOSIGNAL);
     if (n > 0) {
+      BytesSent[client].fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
       written += static_cast<int>(n);
       for (size_t left = static_cast<size_t>(n); left > 0;) {
         const size_t take = std::min(left, parts[first].iov_len);
@@ -700,6 +701,7 @@ int64_t CSocket::TransferFile(uint16_t client, int fd, int64_t size, const char*
       }
       const ssize_t n = ::send(conn->Fd, chunk.get() + done, want - done, MSG_NOSIGNAL);
       if (n > 0) {
+        BytesSent[client].fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
         done += static_cast<size_t>(n);
         continue;
       }

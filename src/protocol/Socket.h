@@ -130,6 +130,10 @@ class CSocket {
   // written; the errno of any other failure, after closing the slot ("Broken Pipe"); -1 for a
   // free slot. When the budget runs out the reply cannot be sent whole: "Write failed. (" is
   // printed, the slot is closed, and the count written is returned (-1 when none was).
+  // Bytes written to the clients of a slot since the server started (all its sessions).
+  uint64_t GetBytesSent(uint16_t client) const {
+    return client < kMaxClients ? BytesSent[client].load(std::memory_order_relaxed) : 0;
+  }
   int WriteData(uint16_t client, const char* data, int len);
   int WriteData(uint16_t client, const std::string& data, int len);
   // The same for a reply in two pieces (a record frame and its stream token, or frame digits
@@ -227,6 +231,7 @@ class CSocket {
   ClientCallback PreDisconnectCallback;
   ClientCallback DisconnectCallback;
 
+  std::atomic<uint64_t> BytesSent[kMaxClients] = {};  // bytes written to each slot's clients since start; metrics
   std::atomic<uint32_t> WriteRecoveryAttempts[kMaxClients];  // EAGAIN retries per WriteData; session commands
   std::atomic<uint32_t> WriteRecoveryDelayUs[kMaxClients];   // us slept after each EAGAIN; session commands
 };

@@ -28,6 +28,8 @@ const char* UsageText() {
          "  --root DIR       directory that stands for \"/\" (created with vr480/ and tmp/)\n"
          "  --port N         TCP command port (1-9999, default 1852)\n"
          "  --listen ADDR    address to bind (default: any; 127.0.0.1 with --root)\n"
+         "  --http-port N    serve a read-only status page, JSON and metrics on port N\n"
+         "                   (1-65535; off by default; bound to the --listen address)\n"
          "  --sim            use the simulated card even if /dev/vr480 exists\n"
          "  --scene FILE     scene of the simulated card (default <root>/vr480/sim_scene.txt)\n"
          "  --free-run       the simulated card records as fast as the server takes its\n"
@@ -65,6 +67,17 @@ bool ParseOptions(int argc, char** argv, CServerOptions& options, std::string& e
     } else if (arg == "--listen") {
       if (!NeedsValue(i, argc, arg, error)) return false;
       options.ListenAddress = argv[++i];
+    } else if (arg == "--http-port") {
+      if (!NeedsValue(i, argc, arg, error)) return false;
+      const char* text = argv[++i];
+      char* end = nullptr;
+      errno = 0;
+      long port = std::strtol(text, &end, 10);
+      if (errno != 0 || end == text || *end != '\0' || port < 1 || port > 65535) {
+        error = std::string("invalid HTTP port '") + text + "' (1-65535)";
+        return false;
+      }
+      options.HttpPort = static_cast<int>(port);
     } else if (arg == "--sim") {
       options.bForceSim = true;
     } else if (arg == "--scene") {

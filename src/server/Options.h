@@ -14,6 +14,7 @@ struct CServerOptions {
   std::string SceneFile;        // the simulated card's scene; empty = <root>/vr480/sim_scene.txt, else built in
   bool bFreeRun = false;        // the simulated card records as fast as the server takes records
   double TimeScale = 1.0;       // the simulated card's clock runs this many times faster than real time
+  int HttpPort = 0;             // read-only HTTP status page and metrics; 0 = off
   bool bNoShellCommands = false;  // #SYSTEM and #NTPQ answer a refusal, even on the instrument
   bool bFrontPanel = true;      // show the front panel
   bool bHelp = false;           // print the usage and exit

@@ -309,6 +309,12 @@ class CVr480Server {
   std::mutex DataMutex;                   // processed-data ring and trigger changes
   std::condition_variable DataCond;       // broadcast when a record is published or the trigger mode changes
   std::atomic<uint32_t> DataModeChanges{0};  // DataCond broadcasts for a trigger mode change (not a record); acquisition
+  // Counters for the metrics page (never reset while the server runs); acquisition.
+  std::atomic<uint64_t> RecordsProcessed{0};   // card records through the pipeline
+  std::atomic<uint64_t> RecordsPublished{0};   // records put in the processed-data ring
+  std::atomic<uint64_t> SweepGaps{0};          // jumps of the card's sweep counter (sweeps the card dropped)
+  std::atomic<uint64_t> SweepsMissed{0};       // sweeps in those jumps
+  uint32_t LastSweepSeen = 0;                  // sweep counter of the previous record; acquisition
   std::mutex SpectrumMutex;               // spectrum hand-over to #GET_SPECTRUM
   std::condition_variable SpectrumCond;
   std::mutex FsCalMutex;                  // raw spectrum hand-over to the calibration thread
@@ -584,6 +590,7 @@ class CVr480Server {
                            uint32_t skip, uint8_t* slot);
   void WriteAnalogOutputs();
   void AdvanceProcessedRing();
+  void CountSweep(uint32_t sweep);
 
   std::atomic<int32_t> SensorBinLearnRecords{0};  // published records seen since learning started; acquisition, StartSensorTracking
   friend struct ProcessingAccess;                 // the processing tests and the pipeline benchmark drive the private stages

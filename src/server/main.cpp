@@ -17,6 +17,7 @@
 #include "gui/FrontPanel.h"
 #include "host/Host.h"
 #include "server/Globals.h"
+#include "server/HttpStatus.h"
 #include "server/Options.h"
 #include "server/Vr480Server.h"
 #include "sim/SimCardProvider.h"
@@ -118,6 +119,9 @@ int main(int argc, char** argv) {
     return code;
   }
 
+  CHttpStatus httpStatus(Vr480Server);
+  if (options.HttpPort) httpStatus.Start(options.ListenAddress, options.HttpPort);
+
   bGuiRunning = false;
   bool run = true;
   if (options.bFrontPanel) {
@@ -144,6 +148,7 @@ int main(int argc, char** argv) {
     else std::printf("Warning: GUI failed to shutdown after %d""seconds.  Abondoning GUI shutdown attempts.\n", 10);
   }
   EndFrontPanel();
+  httpStatus.Stop();
   Vr480Server.Shutdown();
   std::fflush(stdout);
   std::printf("\nServer Terminated Normally.\n");

@@ -32,7 +32,7 @@ def free_port() -> int:
 
 
 class Server:
-    def __init__(self, root: pathlib.Path, scene: str = None, args=()):
+    def __init__(self, root: pathlib.Path, scene: str = None, args=(), http: bool = False):
         self.root = root
         (root / "vr480").mkdir(parents=True, exist_ok=True)
         if scene is not None:
@@ -40,8 +40,10 @@ class Server:
         binary = os.environ.get("VR480D", str(REPO / "build" / "default" / "vr480d"))
         for _ in range(20):
             self.port = free_port()
+            self.http_port = free_port() if http else None
+            extra = ["--http-port", str(self.http_port)] if http else []
             self.log = open(root / "console.log", "wb")
-            self.proc = subprocess.Popen([binary, "--root", str(root), "--port", str(self.port), *args],
+            self.proc = subprocess.Popen([binary, "--root", str(root), "--port", str(self.port), *extra, *args],
                                          stdout=self.log, stderr=subprocess.STDOUT)
             if self._wait_listening():
                 break
