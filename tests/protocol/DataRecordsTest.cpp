@@ -175,6 +175,7 @@ TEST(DataRecords, FlushUnbufferedReadsAndBuffersOff) {
   newest = h.Command(3, "#GET_UNBUFFERED_DATA_AND_LEVELS").Record();
   EXPECT_EQ(newest.Sweep(), h.NextSweep - 1);
   EXPECT_EQ(newest.Type(), 5u);
+  ASSERT_EQ(h.Command(3, "#GET_BUFFER_COUNT").Body, "10") << "the unbuffered reads moved the position";
   EXPECT_EQ(h.Command(3, "#GET_DATA").Record().Sweep(), first + 1);
   EXPECT_EQ(h.Command(3, "#GET_BUFFER_COUNT").Body, "9");
   // A stray argument is no unbuffered read; the next command is still answered.

@@ -89,6 +89,12 @@ class EndToEnd : public ::testing::Test {
   static inline bool bStarted = false;
 };
 
+std::string Frame(const std::string& body) {
+  char digits[16];
+  std::snprintf(digits, sizeof digits, "%010zu", body.size());
+  return digits + body;
+}
+
 // A frame read byte for byte: the ten digits and the body.
 struct SFrame {
   std::string Digits, Body;
@@ -200,10 +206,7 @@ TEST_F(EndToEnd, ASlowReaderGetsWholeFramesOrAClosedConnection) {
     c.ReadExact(64 * 1024, &chunk, 200ms);
     stream += chunk;
   }
-  const std::string help(kFullHelpText, kFullHelpLength);
-  char header[11];
-  std::snprintf(header, sizeof header, "%010zu", help.size());
-  const std::string whole = header + help;
+  const std::string whole = Frame(std::string(kFullHelpText, kFullHelpLength));
   size_t at = 0, frames = 0;
   for (; stream.size() - at >= whole.size(); at += whole.size(), ++frames)
     ASSERT_EQ(stream.compare(at, whole.size(), whole), 0) << "frame " << frames;
@@ -457,11 +460,6 @@ std::string RandomBytes(size_t n, unsigned seed) {
   std::string s(n, '\0');
   for (char& ch : s) ch = static_cast<char>(gen());
   return s;
-}
-std::string Frame(const std::string& body) {
-  char digits[16];
-  std::snprintf(digits, sizeof digits, "%010zu", body.size());
-  return digits + body;
 }
 std::set<std::string> Listing(const std::string& dir) {
   std::set<std::string> names;

@@ -35,7 +35,76 @@ std::string NvramBytesOf(const std::string& root) { return ReadFile(sim::NvramPa
 
 }  // namespace
 
-TEST(ServerLifecycle, FreshRootStartsOnTheSimulatedCardAndStopsOnSigterm) {
+namespace {
+
+// What start-up ends with, by what the root holds: a blank bridge or a too-old configuration
+// memory is rewritten and start-up ends there (the new image takes effect at the next
+// power-up); without a card, or with a card that is no vr480, the server says so. The runs go
+// side by side: each is mostly waiting.
+struct SRow {
+  const char* Name;
+  std::function<void(const std::string& root)> Prepare;
+  int Code;
+  std::vector<std::string> Texts;  // in this order
+};
+const std::vector<SRow>& Rows() {
+  static const std::vector<SRow> rows = {
+      {"blank", [](const std::string& r) { WriteNvram(r, sim::ENvramImage::Blank); }, 4,
+       {"\n\n\n********************************\n***** Found an AMCC S5335. *****\n"
+        "********************************\nBuilding ZOR device...\n",
+        "** Warning: No RID was specified.  Assuming a Rev. 3 ZOR device... **\n",
+        "Initialization of vr480 failed with error code 4.\n"}},
+      // Revision 2 on the board that needs revision 3: rewritten, serial number kept.
+      {"rev2 on the new board",
+       [](const std::string& r) {
+         WriteNvram(r, sim::ENvramImage::Rev2);
+         WriteFile(r + "/vr480.9361.id", "");
+       },
+       5,
+       {"***** Found a Rev. 2 ZOR vr480. *****\n", "**********  Reflashing ZOR device... **********\n",
+        "Initialization of vr480 failed with error code 5.\n"}},
+      {"rev1", [](const std::string& r) { WriteNvram(r, sim::ENvramImage::Rev1); }, 5, {}},  // too old on any board
+      {"no card", [](const std::string& r) { WriteFile(r + "/vr480/sim_scene.txt", "card_absent 1\n"); }, 1,
+       {"Could not find an AMCC/ZOR device.\nMake sure an vr480 card is installed before running this program.\n"
+        "Initialization of vr480 failed with error code 1.\n"}},
+      {"unknown card", [](const std::string& r) { WriteFile(r + "/vr480/sim_scene.txt", "device_id 0x1234\n"); }, 1,
+       {"Warning: Unknown Device ID 4660.\nPlease notify engineering.\nInitialization of vr480 failed with error code 1.\n"}},
+  };
+  return rows;
+}
+
+// The runs start with the suite, beside its other cases.
+class ServerLifecycle : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    WriteNvram(Rev2Root.Path(), sim::ENvramImage::Rev2);
+    Rev2 = std::make_unique<CServerProcess>(Rev2Root.Path(), FreePort());
+    for (const auto& row : Rows()) {
+      Roots.push_back(std::make_unique<CTempDir>());
+      row.Prepare(Roots.back()->Path());
+      Runs.push_back(std::async(std::launch::async, [root = Roots.back()->Path()] {
+        std::string out;
+        const int code = RunServerToExit({"--root", root, "--port", std::to_string(FreePort())}, &out, std::chrono::seconds(90));
+        return std::make_pair(code, out);
+      }));
+    }
+  }
+  static void TearDownTestSuite() {
+    for (auto& run : Runs)
+      if (run.valid()) run.wait();
+    Runs.clear();
+    Roots.clear();
+    Rev2.reset();
+  }
+  static inline CTempDir Rev2Root;
+  static inline std::unique_ptr<CServerProcess> Rev2;
+  static inline std::vector<std::unique_ptr<CTempDir>> Roots;
+  static inline std::vector<std::future<std::pair<int, std::string>>> Runs;
+};
+
+}  // namespace
+
+TEST_F(ServerLifecycle, FreshRootStartsOnTheSimulatedCardAndStopsOnSigterm) {
   CTempDir root;
   CServerProcess server(root.Path(), FreePort());
   ASSERT_TRUE(server.WaitForOutput("**FsCountOffset = ", std::chrono::seconds(40))) << server.Output().substr(0, 4000);
@@ -81,53 +150,12 @@ TEST(ServerLifecycle, FreshRootStartsOnTheSimulatedCardAndStopsOnSigterm) {
   EXPECT_EQ(log[1], "stty -F /dev/ttyS0 ospeed 115200 cs8 -cstopb -parenb");
 }
 
-// What start-up ends with, by what the root holds: a blank bridge or a too-old configuration
-// memory is rewritten and start-up ends there (the new image takes effect at the next
-// power-up); without a card, or with a card that is no vr480, the server says so. The runs go
-// side by side: each is mostly waiting.
-TEST(ServerLifecycle, RootDecidesTheStartupCode) {
-  struct SRow {
-    const char* Name;
-    std::function<void(const std::string& root)> Prepare;
-    int Code;
-    std::vector<std::string> Texts;  // in this order
-  };
-  const std::vector<SRow> rows = {
-      {"blank", [](const std::string& r) { WriteNvram(r, sim::ENvramImage::Blank); }, 4,
-       {"\n\n\n********************************\n***** Found an AMCC S5335. *****\n"
-        "********************************\nBuilding ZOR device...\n",
-        "** Warning: No RID was specified.  Assuming a Rev. 3 ZOR device... **\n",
-        "Initialization of vr480 failed with error code 4.\n"}},
-      // Revision 2 on the board that needs revision 3: rewritten, serial number kept.
-      {"rev2 on the new board",
-       [](const std::string& r) {
-         WriteNvram(r, sim::ENvramImage::Rev2);
-         WriteFile(r + "/vr480.9361.id", "");
-       },
-       5,
-       {"***** Found a Rev. 2 ZOR vr480. *****\n", "**********  Reflashing ZOR device... **********\n",
-        "Initialization of vr480 failed with error code 5.\n"}},
-      {"rev1", [](const std::string& r) { WriteNvram(r, sim::ENvramImage::Rev1); }, 5, {}},  // too old on any board
-      {"no card", [](const std::string& r) { WriteFile(r + "/vr480/sim_scene.txt", "card_absent 1\n"); }, 1,
-       {"Could not find an AMCC/ZOR device.\nMake sure an vr480 card is installed before running this program.\n"
-        "Initialization of vr480 failed with error code 1.\n"}},
-      {"unknown card", [](const std::string& r) { WriteFile(r + "/vr480/sim_scene.txt", "device_id 0x1234\n"); }, 1,
-       {"Warning: Unknown Device ID 4660.\nPlease notify engineering.\nInitialization of vr480 failed with error code 1.\n"}},
-  };
-  std::vector<std::unique_ptr<CTempDir>> roots;
-  std::vector<std::future<std::pair<int, std::string>>> runs;
-  for (const auto& row : rows) {
-    roots.push_back(std::make_unique<CTempDir>());
-    row.Prepare(roots.back()->Path());
-    runs.push_back(std::async(std::launch::async, [root = roots.back()->Path()] {
-      std::string out;
-      const int code = RunServerToExit({"--root", root, "--port", std::to_string(FreePort())}, &out, std::chrono::seconds(60));
-      return std::make_pair(code, out);
-    }));
-  }
+TEST_F(ServerLifecycle, RootDecidesTheStartupCode) {
+  const auto& rows = Rows();
+  auto& roots = Roots;
   for (size_t i = 0; i < rows.size(); ++i) {
     SCOPED_TRACE(rows[i].Name);
-    const auto [code, out] = runs[i].get();
+    const auto [code, out] = Runs[i].get();
     EXPECT_EQ(code, rows[i].Code) << out;
     ExpectInOrder(out, rows[i].Texts);
   }
@@ -142,17 +170,14 @@ TEST(ServerLifecycle, RootDecidesTheStartupCode) {
             (std::vector<std::string>{"/sbin/hwclock --hctosys", "stty -F /dev/ttyS0 ospeed 115200 cs8 -cstopb -parenb"}));
 }
 
-TEST(ServerLifecycle, RevisionTwoWithoutTheBoardMarkerStartsNormally) {
-  CTempDir root;
-  WriteNvram(root.Path(), sim::ENvramImage::Rev2);
-  CServerProcess server(root.Path(), FreePort());
-  ASSERT_TRUE(server.WaitForOutput("**** FS is optimized ****", std::chrono::seconds(30)));
-  EXPECT_NE(server.Output().find("***** Found a Rev. 2 ZOR vr480. *****"), std::string::npos);
-  EXPECT_EQ(server.Output().find("Reflashing"), std::string::npos);
-  EXPECT_EQ(server.Stop(SIGINT, std::chrono::seconds(15)), 0);
+TEST_F(ServerLifecycle, RevisionTwoWithoutTheBoardMarkerStartsNormally) {
+  ASSERT_TRUE(Rev2->WaitForOutput("**** FS is optimized ****", std::chrono::seconds(60)));
+  EXPECT_NE(Rev2->Output().find("***** Found a Rev. 2 ZOR vr480. *****"), std::string::npos);
+  EXPECT_EQ(Rev2->Output().find("Reflashing"), std::string::npos);
+  EXPECT_EQ(Rev2->Stop(SIGINT, std::chrono::seconds(15)), 0);
 }
 
-TEST(ServerLifecycle, HelpAndBadOptions) {
+TEST_F(ServerLifecycle, HelpAndBadOptions) {
   std::string out;
   EXPECT_EQ(RunServerToExit({"--help"}, &out), 0);
   EXPECT_EQ(out, UsageText());
