@@ -18,6 +18,19 @@ bool NeedsValue(int i, int argc, const std::string& name, std::string& error) {
   return false;
 }
 
+// A port number from 1 to `highest`; false with a message naming `what` otherwise.
+bool ParsePort(const char* text, long highest, const char* what, int& port, std::string& error) {
+  char* end = nullptr;
+  errno = 0;
+  const long value = std::strtol(text, &end, 10);
+  if (errno != 0 || end == text || *end != '\0' || value < 1 || value > highest) {
+    error = std::string("invalid ") + what + " '" + text + "' (1-" + std::to_string(highest) + ")";
+    return false;
+  }
+  port = static_cast<int>(value);
+  return true;
+}
+
 }  // namespace
 
 const char* UsageText() {
@@ -54,30 +67,13 @@ bool ParseOptions(int argc, char** argv, CServerOptions& options, std::string& e
       options.Root = argv[++i];
       rootGiven = true;
     } else if (arg == "--port") {
-      if (!NeedsValue(i, argc, arg, error)) return false;
-      const char* text = argv[++i];
-      char* end = nullptr;
-      errno = 0;
-      long port = std::strtol(text, &end, 10);
-      if (errno != 0 || end == text || *end != '\0' || port < 1 || port > 9999) {
-        error = std::string("invalid port '") + text + "' (1-9999)";
-        return false;
-      }
-      options.Port = static_cast<int>(port);
+      if (!NeedsValue(i, argc, arg, error) || !ParsePort(argv[++i], 9999, "port", options.Port, error)) return false;
     } else if (arg == "--listen") {
       if (!NeedsValue(i, argc, arg, error)) return false;
       options.ListenAddress = argv[++i];
     } else if (arg == "--http-port") {
-      if (!NeedsValue(i, argc, arg, error)) return false;
-      const char* text = argv[++i];
-      char* end = nullptr;
-      errno = 0;
-      long port = std::strtol(text, &end, 10);
-      if (errno != 0 || end == text || *end != '\0' || port < 1 || port > 65535) {
-        error = std::string("invalid HTTP port '") + text + "' (1-65535)";
+      if (!NeedsValue(i, argc, arg, error) || !ParsePort(argv[++i], 65535, "HTTP port", options.HttpPort, error))
         return false;
-      }
-      options.HttpPort = static_cast<int>(port);
     } else if (arg == "--sim") {
       options.bForceSim = true;
     } else if (arg == "--scene") {
