@@ -40,8 +40,8 @@ constexpr double kSceneNm[4][3] = {
 constexpr char kInvalid[] = "!Invalid command or argument: ";
 
 class EndToEnd : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
+ public:
+  static void Start() {
     Root = new CTempDir;
     std::string tags, scene;
     for (const auto& line : sim::BaselineTagLines()) tags += line + "\n";
@@ -50,12 +50,19 @@ class EndToEnd : public ::testing::Test {
       for (double nm : kSceneNm[ch]) scene += std::to_string(ch + 1) + " " + std::to_string(nm) + " 0 12000\n";
     WriteFile(*Root / "scene.txt", scene);
     Server = new CServerProcess(Root->Path(), FreePort(), {"--scene", *Root / "scene.txt"});
+  }
+
+ protected:
+  static void SetUpTestSuite() {
+    if (!Server) Start();
     // Clients are served from early in start-up; the offset line ends it.
     bStarted = Server->WaitForOutput("**FsCountOffset = ", 90s) && Server->WaitForOutput("**\n", 5s);
   }
   static void TearDownTestSuite() {
     delete Server;
     delete Root;
+    Server = nullptr;
+    Root = nullptr;
   }
   void SetUp() override { ASSERT_TRUE(bStarted) << Server->Output().substr(0, 4000); }
 
@@ -88,6 +95,17 @@ class EndToEnd : public ::testing::Test {
   static inline CServerProcess* Server = nullptr;
   static inline bool bStarted = false;
 };
+
+// Start-up takes seconds, mostly waiting: the server starts with the program, beside the
+// suites that run before this one.
+class CEarlyStart : public testing::Environment {
+  void SetUp() override {
+    auto* unit = testing::UnitTest::GetInstance();
+    for (int i = 0; i < unit->total_test_suite_count(); ++i)
+      if (std::string(unit->GetTestSuite(i)->name()) == "EndToEnd" && unit->GetTestSuite(i)->should_run()) EndToEnd::Start();
+  }
+};
+testing::Environment* const kEarlyStart = testing::AddGlobalTestEnvironment(new CEarlyStart);
 
 std::string Frame(const std::string& body) {
   char digits[16];
