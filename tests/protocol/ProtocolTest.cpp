@@ -1,15 +1,14 @@
-// The command protocol and the data commands as real TCP clients see them: one real vr480d on
-// the simulated card serves the whole suite, every test opening its own connections. Replies
-// are decoded with DataWire.h alone, and frames are read byte for byte.
+// The command protocol, the data commands and file transfer as real TCP clients see them: one
+// real vr480d on the simulated card serves the whole suite, every test opening its own
+// connections. Replies are decoded with DataWire.h alone, and frames are read byte for byte.
 //
 // The root's tag file is the instrument's baseline (the laser's drive and scan amplitude) plus
 // a few lines of the test's own; the scene puts three gratings on each DUT channel of the
 // first multiplexer layer, at no distance (so the time of flight needs no compensation).
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <memory>
