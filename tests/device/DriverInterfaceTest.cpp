@@ -185,7 +185,9 @@ TEST_F(DriverTest, CommandWordsAndShadows) {
   for (const Row& r : rows) {
     EXPECT_EQ(r.Set(), 0);
     EXPECT_EQ(LastCommand(), r.Word) << std::hex << r.Word;
-    if (r.Shadow) EXPECT_EQ(r.Shadow(), r.Kept) << std::hex << r.Word;
+    if (r.Shadow) {
+      EXPECT_EQ(r.Shadow(), r.Kept) << std::hex << r.Word;
+    }
   }
   EXPECT_TRUE(d.GetChNtvResetOnZc(3));  // the constructor's default
 
@@ -228,17 +230,16 @@ TEST_F(DriverTest, CommandWordsAndShadows) {
 // ---------------------------------------------------------------------------------------------
 // The mailbox
 
-TEST_F(DriverTest, WaitsForTheFpgaToTakeEachWord) {
+// Each word waits for the FPGA to take the one before; a mailbox that stays full loses the
+// command but the shadow keeps it.
+TEST_F(DriverTest, MailboxWaitsForTheFpgaAndAStallLosesTheCommand) {
   Open();
   Fake().MailboxBusyReads = 50;
   Driver.SetScanAmp(40000);
   Driver.SetSOADrive(30000);
   EXPECT_EQ(Fake().Commands, (std::vector<uint32_t>{0x04009C40, 0x18007530}));
   EXPECT_EQ(Fake().WritesWhileFull, 0);
-}
-
-TEST_F(DriverTest, StalledMailboxLosesTheCommandButKeepsTheShadow) {
-  Open();
+  Fake().Commands.clear();
   Fake().MailboxStalled = true;
   CaptureStdout();
   auto t0 = std::chrono::steady_clock::now();
@@ -292,28 +293,7 @@ TEST_F(DriverTest, MailboxLockSerialisesThreadsAndInstances) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Registers, identification, records
-
-TEST_F(DriverTest, RegistersAndIdentification) {
-  Open();
-  EXPECT_EQ(Driver.WriteReg32(0x04, 0x12345678), 0);
-  EXPECT_EQ(Driver.ReadReg32(0x04), 0x12345678u);
-  EXPECT_EQ(Driver.ReadReg16(0x04), 0x5678);
-  EXPECT_EQ(Driver.ReadReg8(0x04), 0x78);
-  Driver.WriteReg16(0x08, 0xBEEF);
-  Driver.WriteReg8(0x0C, 0x5A);
-  EXPECT_EQ(Fake().Registers[0x08], 0xBEEFu);
-  EXPECT_EQ(Fake().Registers[0x0C], 0x5Au);
-
-  EXPECT_EQ(Driver.GetDID(), 0x8882);
-  EXPECT_EQ(Driver.GetDriverVersion(), 52);
-  EXPECT_EQ(Driver.GetMWAR(3), FakeCardState::kBusBase + 3 * 8192);
-  EXPECT_EQ(Driver.DataReady(), 0);
-  Fake().WaitIndices = {1};
-  EXPECT_NE(Driver.DataReady(), 0);
-  Driver.Vr480Debug(5);
-  EXPECT_GE(Fake().FirstRequest(kVrDebug), 0);
-}
+// Records
 
 // An index outside the ring is never used: WaitForData reports -1 and GetData waits for the
 // next valid record.
@@ -339,28 +319,18 @@ TEST_F(DriverTest, RecordIndexOutsideRingIsRejected) {
 // ---------------------------------------------------------------------------------------------
 // Configuration memory
 
-TEST_F(DriverTest, NvRamBytesAndSerialNumberRoundTrip) {
+TEST_F(DriverTest, NvRamSerialNumberAndConfigurationImage) {
   Open();
   EXPECT_EQ(Driver.nvRAM_write(0x10, 0xAB), 0);
-  EXPECT_EQ(Fake().NvRam[0x10], 0xAB);
   EXPECT_EQ(Driver.nvRAM_read(0x10), 0xAB);
   EXPECT_EQ(Sleeps, std::vector<unsigned long>{10000});  // the EEPROM's programming time
-
   char sn[kSerialNumberLength];
   std::memcpy(sn, "VR480-0001234567", kSerialNumberLength);
   EXPECT_EQ(Driver.write_nvRAM_SN(sn), 0);
-  EXPECT_EQ(std::memcmp(&Fake().NvRam[0x80], "VR480-0001234567", 16), 0);
   char back[kSerialNumberLength] = {};
   EXPECT_EQ(Driver.read_nvRAM_SN(back), 0);
   EXPECT_EQ(std::memcmp(back, sn, kSerialNumberLength), 0);
   EXPECT_EQ(Fake().NvRam[0x90], 0xFF);  // exactly 16 bytes
-}
-
-TEST_F(DriverTest, ConfigurationImage) {
-  Open();
-  char sn[kSerialNumberLength];
-  std::memcpy(sn, "VR480-0001234567", kSerialNumberLength);
-  Driver.write_nvRAM_SN(sn);
   Fake().NvRam[0x20] = 0x00;
 
   EXPECT_EQ(Driver.make_ZOR_device(3), 0);

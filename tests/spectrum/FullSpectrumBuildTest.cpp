@@ -6,12 +6,27 @@
 #include <cstring>
 #include <memory>
 
-#include "FullSpectrumHarness.h"
-
-using fstest::Feed;
-using fstest::MakeRecord;
+#include "SpectrumBench.h"
 
 namespace {
+
+// A record of the given sampling phase, layer and amplitude channel whose sample i reads
+// `base` + i, with the level bits of multiplexer level `level`.
+struct_dma_peaks_data MakeRecord(int phase, int layer = 0, int ampChannel = 0, int level = 1, int base = 1000) {
+  struct_dma_peaks_data r;
+  std::memset(&r, 0, sizeof r);
+  r.status.CurrentLayer = static_cast<uint8_t>(phase);
+  r.status.Status3 = static_cast<uint8_t>(0x20 | ampChannel);
+  r.status.flags1_lo = static_cast<uint8_t>(layer | (level == 4 ? 3 : level - 1) << 2);
+  for (int i = 0; i < kFsSamplesPerRecord; ++i) r.FsSamples[i] = 0xA5A50000u | static_cast<uint32_t>(base + i);
+  return r;
+}
+
+// Hands a record over the way the acquisition loop does.
+void Feed(CVr480Server& s, struct_dma_peaks_data& r) {
+  s.pPeaks = &r;
+  s.pLastPeaks = &r;
+}
 
 std::unique_ptr<CVr480Server> MakeServer() {
   auto s = std::make_unique<CVr480Server>();

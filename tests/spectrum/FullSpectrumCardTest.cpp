@@ -9,13 +9,47 @@
 #include <thread>
 #include <vector>
 
-#include "FullSpectrumHarness.h"
+#include "SpectrumBench.h"
 #include "protocol/DataWire.h"
 
 using namespace std::chrono_literals;
-using fstest::CSpectrumBench;
+using bench::CBench;
 
 namespace {
+
+// The lines of a calibrated spectrum (a #GET_SPECTRUM body): each run of points above 3000,
+// located at the centroid of its part above half its height. Wavelengths in nm.
+std::vector<double> SpectrumLinesNm(const std::string& body) {
+  std::vector<double> lines;
+  if (body.size() != 88 + 2 * 32768) return lines;
+  auto i32 = [&](size_t at) {
+    int32_t v;
+    std::memcpy(&v, body.data() + at, 4);
+    return v;
+  };
+  auto point = [&](int i) {
+    int16_t v;
+    std::memcpy(&v, body.data() + 88 + 2 * i, 2);
+    return static_cast<int>(v);
+  };
+  const double lo = i32(80) / double(i32(72)), hi = i32(84) / double(i32(72));
+  for (int i = 0; i < 32768;) {
+    if (point(i) <= 3000) {
+      ++i;
+      continue;
+    }
+    int end = i, top = i;
+    for (; end < 32768 && point(end) > 3000; ++end)
+      if (point(end) > point(top)) top = end;
+    const double half = point(top) / 2.0;
+    double sum = 0.0, weighted = 0.0;
+    for (int k = top; k >= 0 && point(k) > half; --k) sum += point(k) - half, weighted += (point(k) - half) * k;
+    for (int k = top + 1; k < 32768 && point(k) > half; ++k) sum += point(k) - half, weighted += (point(k) - half) * k;
+    lines.push_back(lo + (weighted / sum) * (hi - lo) / 32768);
+    i = end;
+  }
+  return lines;
+}
 
 // The default scene, with DUT channel 1's first two sensors at the instrument and its third
 // 400 m down the fibre (its light comes back late: it shows at a longer wavelength).
@@ -32,7 +66,7 @@ constexpr int kSpectrumClient = 3;
 }  // namespace
 
 TEST(FullSpectrumCard, OffsetCalibrationFindsTheDetectorLatency) {
-  CSpectrumBench bench(Scene());
+  CBench bench(Scene(), sim::EProducerMode::FreeRunning);
   CVr480Server& s = bench.S();
   ASSERT_TRUE(bench.Settle());
   // Start-up leaves the card on DUT channel 1's detector through the converter's control register.
@@ -58,22 +92,22 @@ TEST(FullSpectrumCard, OffsetCalibrationFindsTheDetectorLatency) {
   s.FsCountOffset = 75;
   sim::CSimFaults faults;
   faults.ExtraGratingPeaks = 1;
-  bench.SimCard().SetFaults(faults);
+  bench.Card().SetFaults(faults);
   testing::internal::CaptureStdout();
   EXPECT_EQ(FullSpectrumAccess::CalibrateFsOffset(s), -2);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "CalibrateFsOffset() failed: 2 grating peaks were found.\n");
   EXPECT_EQ(s.FsCountOffset, 75);
   EXPECT_EQ(s.Driver.GetAmpCh(), channel);
-  bench.SimCard().SetFaults(sim::CSimFaults{});
+  bench.Card().SetFaults(sim::CSimFaults{});
   for (int i = 0; i < 20; ++i) bench.Pass();
   ASSERT_EQ(s.pLastPeaks.load()->AmplitudeChannel(), channel);
 
   // The card never takes the grating channel (its mailbox is stuck): -1 after 562 records.
-  bench.SimCard().SetMailboxStall(true);
+  bench.Card().SetMailboxStall(true);
   testing::internal::CaptureStdout();
   EXPECT_EQ(FullSpectrumAccess::CalibrateFsOffset(s), -1);
   const std::string out = testing::internal::GetCapturedStdout();
-  bench.SimCard().SetMailboxStall(false);
+  bench.Card().SetMailboxStall(false);
   EXPECT_NE(out.find("CalibrateFsOffset() failed: Failed to set selected amp channel to grating channel\n"),
             std::string::npos)
       << out;
@@ -82,7 +116,7 @@ TEST(FullSpectrumCard, OffsetCalibrationFindsTheDetectorLatency) {
 
 TEST(FullSpectrumCard, CalibratedSpectraShowTheScenesLinesUnderConcurrentReaders) {
   const sim::CSimScene scene = Scene();
-  CSpectrumBench bench(scene);
+  CBench bench(scene, sim::EProducerMode::FreeRunning);
   CVr480Server& s = bench.S();
   ASSERT_TRUE(bench.Settle());
   testing::internal::CaptureStdout();
@@ -97,7 +131,7 @@ TEST(FullSpectrumCard, CalibratedSpectraShowTheScenesLinesUnderConcurrentReaders
   std::atomic<int> received{0};
   auto reader = [&](int client) {
     while (!stop) {
-      const std::string body = bench.Command(client, "#GET_SPECTRUM");
+      const std::string body = bench.Command("#GET_SPECTRUM", client);
       if (body.empty()) continue;
       EXPECT_EQ(body.size(), 65624u);
       EXPECT_EQ(static_cast<uint8_t>(body[0]), 15);
@@ -108,7 +142,7 @@ TEST(FullSpectrumCard, CalibratedSpectraShowTheScenesLinesUnderConcurrentReaders
   std::thread a(reader, kSpectrumClient), b(reader, kSpectrumClient + 1);
   std::thread window([&] {
     while (!stop) {
-      bench.Command(kSpectrumClient + 2, "#GET_HIGH_SPEED_FS_START_WVL");
+      bench.Command("#GET_HIGH_SPEED_FS_START_WVL", kSpectrumClient + 2);
       std::this_thread::sleep_for(1ms);
     }
   });
@@ -130,10 +164,10 @@ TEST(FullSpectrumCard, CalibratedSpectraShowTheScenesLinesUnderConcurrentReaders
   // (the amplitude channel) at their uncompensated wavelengths, the scene's for the sensors at
   // the instrument and where the server reports the far one.
   bench.Connect(kSpectrumClient + 4);
-  const std::string newest = bench.Command(kSpectrumClient + 4, "#GET_SPECTRUM");
-  const std::vector<double> lines = fstest::SpectrumLinesNm(newest);
+  const std::string newest = bench.Command("#GET_SPECTRUM", kSpectrumClient + 4);
+  const std::vector<double> lines = SpectrumLinesNm(newest);
   ASSERT_EQ(lines.size(), 3u);
-  const data_wire::SRecord rec{bench.Command(kSpectrumClient + 5, "#GET_UNBUFFERED_DATA")};
+  const data_wire::SRecord rec{bench.Command("#GET_UNBUFFERED_DATA", kSpectrumClient + 5)};
   ASSERT_EQ(rec.Count(0), 3u);
   const double granularity = rec.Granularity();
   for (int j = 0; j < 3; ++j) {
@@ -161,7 +195,7 @@ TEST(FullSpectrumCard, CalibratedSpectraShowTheScenesLinesUnderConcurrentReaders
 // How many times a waiter wakes is not counted: broadcasts that come close together reach a
 // waiter that has not yet taken the lock back as one.
 TEST(FullSpectrumCard, ChannelChangeDropsThreeSpectraThenAPublishedOneWakesWaiters) {
-  CSpectrumBench bench(Scene());
+  CBench bench(Scene(), sim::EProducerMode::FreeRunning);
   CVr480Server& s = bench.S();
   ASSERT_TRUE(bench.Settle());
   ASSERT_TRUE(bench.StartThread());
@@ -212,7 +246,7 @@ TEST(FullSpectrumCard, ChannelChangeDropsThreeSpectraThenAPublishedOneWakesWaite
 
 TEST(FullSpectrumCard, PeakLevelsMatchTheScenesAmplitudesOnEveryChannel) {
   const sim::CSimScene scene = Scene();
-  CSpectrumBench bench(scene);
+  CBench bench(scene, sim::EProducerMode::FreeRunning);
   CVr480Server& s = bench.S();
   ASSERT_TRUE(bench.Settle());
   testing::internal::CaptureStdout();
@@ -225,7 +259,7 @@ TEST(FullSpectrumCard, PeakLevelsMatchTheScenesAmplitudesOnEveryChannel) {
     s.bFsRestart = true;
     // The card switches a few records later; then the history refills.
     for (int i = 0; i < 3 * 128; ++i) bench.Pass();
-    const data_wire::SRecord rec{bench.Command(0, "#GET_UNBUFFERED_DATA_AND_LEVELS")};
+    const data_wire::SRecord rec{bench.Command("#GET_UNBUFFERED_DATA_AND_LEVELS", 0)};
     ASSERT_EQ(rec.AmplitudeChannel(), static_cast<uint32_t>(channel));
     const int dut = channel - 2;
     ASSERT_EQ(rec.Count(dut), 3u);
