@@ -128,23 +128,3 @@ TEST(SimScene, CardUsesDefaultOrFileScene) {
   EXPECT_EQ(ParseLogicalChannel("0"), std::nullopt);
   EXPECT_EQ(ParseLogicalChannel("1."), std::nullopt);
 }
-
-TEST(SimScene, BaselineTagFileOnlyWhenMissing) {
-  const auto path = std::filesystem::temp_directory_path() / ("vr480-tag-" + std::to_string(::getpid()) + ".tag");
-  std::filesystem::remove(path);
-  ASSERT_TRUE(EnsureBaselineTagFile(path.string()));
-  std::ifstream in(path);
-  std::string first;
-  std::getline(in, first);
-  EXPECT_EQ(first, "#SET_SOA_DRIVE = \"30000\"");
-  in.close();
-  {
-    std::ofstream f(path);
-    f << "#SET_BIAS = \"1\"\n";
-  }
-  ASSERT_TRUE(EnsureBaselineTagFile(path.string()));
-  std::ifstream again(path);
-  std::getline(again, first);
-  EXPECT_EQ(first, "#SET_BIAS = \"1\"") << "an existing tag file is kept";
-  std::filesystem::remove(path);
-}

@@ -8,7 +8,6 @@
 
 #include <array>
 #include <chrono>
-#include <cmath>
 #include <memory>
 #include <string>
 #include <vector>
@@ -29,13 +28,10 @@ inline CSimOptions StepOptions() {
 
 // FPGA command codes the tests use.
 namespace cmd {
-constexpr uint8_t kDma = 0x01, kBias = 0x03, kScanAmp = 0x04, kGain = 0x06, kClkDiv = 0x0C,
-                  kThresh = 0x0D, kLockout = 0x0E, kNoiseThreshEnable = 0x0F, kConverter = 0x12,
-                  kDataRateDivider = 0x17, kSoaDrive = 0x18, kSoaEnable = 0x19, kAlign = 0x1E,
-                  kOperatingMode = 0x20, kTrigEnable = 0x21, kTrigSource = 0x22, kSwStart = 0x23,
-                  kSwStop = 0x24, kTrigStopType = 0x25, kTrigStartEdge = 0x26, kTrigStopEdge = 0x27,
-                  kTrigAcq = 0x28, kAutoReTrig = 0x29, kOptoA = 0x2A, kOptoB = 0x2B, kSoaOn = 0x2D,
-                  kSoaOff = 0x2E, kMaxDutPeaks = 0x2F, k2kHz = 0x30;
+constexpr uint8_t kDma = 0x01, kBias = 0x03, kScanAmp = 0x04, kGain = 0x06, kThresh = 0x0D, kLockout = 0x0E,
+                  kNoiseThreshEnable = 0x0F, kConverter = 0x12, kDataRateDivider = 0x17, kSoaDrive = 0x18,
+                  kSoaEnable = 0x19, kAlign = 0x1E, kTrigEnable = 0x21, kTrigSource = 0x22, kSwStart = 0x23,
+                  kTrigStopType = 0x25, kTrigAcq = 0x28, kOptoA = 0x2A, kOptoB = 0x2B, kMaxDutPeaks = 0x2F;
 }
 
 class CTestDriver {
@@ -73,35 +69,22 @@ class CTestDriver {
     return Command(code, (static_cast<uint32_t>(offset30 ? 0x30 + ch : ch) << 16) | v);
   }
 
-  void WaitNvram() {
+  // The nvRAM interface: an access code to 0x3F once the busy bit clears, then a byte through
+  // 0x3E (address low, address high, data to write) or a read of it.
+  void NvWait() {
     for (int i = 0; i < 100000 && (Read(1, 0x3F) & 0x80); ++i) {
     }
   }
-  // Latches an nvRAM address: low byte, then high byte.
-  void NvAddress(uint16_t addr) {
-    WaitNvram();
-    Write(1, 0x3F, 0x80);
-    Write(1, 0x3E, addr & 0xFF);
-    WaitNvram();
-    Write(1, 0x3F, 0xA0);
-    Write(1, 0x3E, addr >> 8);
+  void Nv(uint8_t code, int data = -1) {
+    NvWait();
+    Write(1, 0x3F, code);
+    if (data >= 0) Write(1, 0x3E, static_cast<uint32_t>(data));
   }
   uint8_t NvRead(uint16_t addr) {
-    NvAddress(addr);
-    WaitNvram();
-    Write(1, 0x3F, 0xE0);
-    WaitNvram();
+    Nv(0x80, addr & 0xFF), Nv(0xA0, addr >> 8), Nv(0xE0), NvWait();
     return static_cast<uint8_t>(Read(1, 0x3E));
   }
-  void NvWrite(uint16_t addr, uint8_t b) {
-    NvAddress(addr);
-    WaitNvram();
-    Write(1, 0x3F, 0x00);
-    WaitNvram();
-    Write(1, 0x3E, b);
-    Write(1, 0x3F, 0xC0);
-    WaitNvram();
-  }
+  void NvWrite(uint16_t addr, uint8_t b) { Nv(0x80, addr & 0xFF), Nv(0xA0, addr >> 8), Nv(0x00, b), Nv(0xC0), NvWait(); }
 
   uint16_t Get16(unsigned long request) {
     uint16_t v = 0xFFFF;
@@ -161,51 +144,6 @@ class CTestDriver {
   std::unique_ptr<CDeviceFile> File;
   std::array<struct_dma_peaks_data*, kDmaBuffers> Buffers{};
   int LastIndex = -1;
-};
-
-// The server's wavelength scale on one record: places the comb with the grating's
-// thermistor-derived frequency and converts counts by interpolation between comb teeth.
-struct CTestScale {
-  bool bValid = false;
-  double WvlCorrCoef = 0.0;
-  int RefIndex = 0;  // comb index of the reference tooth
-  std::vector<double> ToothThz;
-
-  explicit CTestScale(const struct_dma_peaks_data& r, double fsrGhz = 100.0, double refThz = 194.0) {
-    const int n = r.status.NumPeaks[1];
-    if (n < 11 || r.status.NumPeaks[0] != 1) return;
-    const double fsr = fsrGhz / 1000.0;
-    const uint32_t* P = r.FfpiPeaks;
-    const double pf = r.FbgPeaks[0];
-    int k = 0;
-    while (k < n && P[k] <= pf) ++k;
-    if (k == 0 || k == n) return;
-    // The server's grating frequency from its thermistor table (reference reading 32767).
-    const double tRef = ServerThermistorDegC(32767);
-    const double wvl = (ServerThermistorDegC(r.status.Vth) - tRef) * 0.01 + 1550.0;
-    const double fbgThz = 299792458.0 * 0.001 / wvl;
-    WvlCorrCoef = (fbgThz + (pf - P[k - 1]) * fsr / (P[k] - P[k - 1]) - refThz) / fsr;
-    const int m = static_cast<int>(std::nearbyint(WvlCorrCoef));
-    const int ref = k + m - 1;
-    RefIndex = ref;
-    for (int i = 0; i < n; ++i) ToothThz.push_back(refThz + (ref - i) * fsr);
-    Peaks.assign(P, P + n);
-    bValid = true;
-  }
-
-  double Counts2Wvl(double x) const {
-    const int n = static_cast<int>(Peaks.size());
-    int k = 1;
-    if (x > Peaks[n - 1]) {
-      k = n - 1;
-    } else if (x >= Peaks[0]) {
-      while (k < n - 1 && Peaks[k] < x) ++k;
-    }
-    const double f = ToothThz[k - 1] - (x - Peaks[k - 1]) * (ToothThz[k - 1] - ToothThz[k]) / (Peaks[k] - Peaks[k - 1]);
-    return 299792458.0 * 0.001 / f;
-  }
-
-  std::vector<double> Peaks;
 };
 
 }  // namespace simtest
