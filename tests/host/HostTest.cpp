@@ -9,24 +9,22 @@
 #include "server/Options.h"
 #include "support/TempDir.h"
 
-TEST(HostPaths, WorkstationPathsStayInsideTheRoot) {
+TEST(HostPaths, WorkstationPathsStayInsideTheRootInstrumentPathsAreUnchanged) {
   CTempDir root;
   CHost host(root.Path());
   EXPECT_FALSE(host.IsInstrument());
-  EXPECT_EQ(host.Path("/vr480/vr480.tag"), root / "vr480/vr480.tag");
-  EXPECT_EQ(host.Path("references.dat"), root / "vr480/references.dat");  // the working directory
-  EXPECT_EQ(host.Path("/tmp//./a/../DistMeas.log"), root / "tmp/DistMeas.log");
-  EXPECT_EQ(host.Path("/../../etc/passwd"), root / "etc/passwd");
-  EXPECT_EQ(host.Path("../../../etc/shadow"), root / "etc/shadow");
+  const std::pair<const char*, const char*> rows[] = {
+      {"/vr480/vr480.tag", "vr480/vr480.tag"},   {"references.dat", "vr480/references.dat"},  // the working directory
+      {"/tmp//./a/../DistMeas.log", "tmp/DistMeas.log"}, {"/../../etc/passwd", "etc/passwd"},
+      {"../../../etc/shadow", "etc/shadow"},
+  };
+  for (const auto& [path, inside] : rows) EXPECT_EQ(host.Path(path), root / inside) << path;
   EXPECT_EQ(host.Path("/"), root.Path());
-}
 
-TEST(HostPaths, InstrumentPathsAreUnchanged) {
-  CHost host("/");
-  EXPECT_TRUE(host.IsInstrument());
-  EXPECT_EQ(host.Path("/vr480/vr480.tag"), "/vr480/vr480.tag");
-  EXPECT_EQ(host.Path("vr480.log"), "/vr480/vr480.log");
-  EXPECT_EQ(host.Path("/mnt/ram7/ntp/ntp.conf"), "/mnt/ram7/ntp/ntp.conf");
+  CHost instrument("/");
+  EXPECT_TRUE(instrument.IsInstrument());
+  EXPECT_EQ(instrument.Path("/mnt/ram7/ntp/ntp.conf"), "/mnt/ram7/ntp/ntp.conf");
+  EXPECT_EQ(instrument.Path("vr480.log"), "/vr480/vr480.log");
 }
 
 TEST(HostCommands, WorkstationRecordsCommandsInOrderAndRunsNone) {
@@ -103,10 +101,9 @@ TEST(ServerOptions, ParsesWorkstationOptions) {
   EXPECT_TRUE(w.bForceSim);
   EXPECT_EQ(w.SceneFile, "s.txt");
 
-  CServerOptions any;
+  CServerOptions any, fp;
   ASSERT_TRUE(parse({"nogui"}, any, err));  // any argument only suppresses the window
   EXPECT_FALSE(any.bFrontPanel);
-  CServerOptions fp;
   ASSERT_TRUE(parse({"--listen", "0.0.0.0", "--front-panel"}, fp, err));
   EXPECT_TRUE(fp.bFrontPanel);
   EXPECT_EQ(fp.ListenAddress, "0.0.0.0");

@@ -16,10 +16,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
-#include <vector>
 
-#include "device/CardSeam.h"
-#include "device/DriverInterface.h"
 #include "processing/ProcessedRecord.h"
 #include "server/Vr480Server.h"
 
@@ -138,46 +135,5 @@ std::string Console(F&& f) {
   std::fflush(stdout);
   return testing::internal::GetCapturedStdout();
 }
-
-// A card that only records what the bridge registers receive: enough for the analog outputs
-// (mailboxes 2-4) and the rate commands.
-struct RegisterLog {
-  std::vector<std::pair<uint32_t, uint32_t>> Writes;  // (register, value) in order
-  uint32_t Last(uint32_t reg) const {
-    for (auto it = Writes.rbegin(); it != Writes.rend(); ++it)
-      if (it->first == reg) return it->second;
-    return 0xDEADBEEF;
-  }
-};
-
-class RecordingDevice : public CDeviceFile {
- public:
-  explicit RecordingDevice(RegisterLog* log) : Log(log), Buffers(kDmaBuffers) {}
-  int Ioctl(unsigned long request, uintptr_t arg) override {
-    if (request == kVrWriteReg32 || request == kVrWriteReg16 || request == kVrWriteReg8) {
-      auto* access = reinterpret_cast<VrRegisterAccess*>(arg);
-      Log->Writes.emplace_back(access->reg, access->value);
-    } else if (request == kVrReadReg8 || request == kVrReadReg16 || request == kVrReadReg32) {
-      reinterpret_cast<VrRegisterAccess*>(arg)->value = 0;  // mailbox always empty
-    } else if (request == kVrGetDriverVersion) {
-      *reinterpret_cast<uint16_t*>(arg) = 40;  // an old driver: no client wait, no buffer addresses
-    }
-    return 0;
-  }
-  void* Map(size_t) override { return &Buffers[Mapped++ % kDmaBuffers]; }
-  int Unmap(void*, size_t) override { return 0; }
-  int Close() override { return 0; }
-
- private:
-  RegisterLog* Log;
-  std::vector<struct_dma_peaks_data> Buffers;
-  int Mapped = 0;
-};
-
-class RecordingCard : public CCardProvider {
- public:
-  std::unique_ptr<CDeviceFile> Open(const std::string&) override { return std::make_unique<RecordingDevice>(&Log); }
-  RegisterLog Log;
-};
 
 }  // namespace proc_test

@@ -46,16 +46,12 @@ TEST(SimInstrument, CountersPhaseAndDivider) {
     EXPECT_EQ(r.status.SweepCounter, prevSweep + 3) << "dropped sweeps count too";
     EXPECT_EQ(r.status.CurrentLayer, (prevPhase + 1) % 128);
     EXPECT_EQ(r.status.DataRateDivider, 3);
-    EXPECT_EQ(r.status.fw_version, 101);
-    EXPECT_TRUE(r.status.Status3 & 0x20) << "publish bit";
     prevCounter = r.status.RecordCounter;
     prevSweep = r.status.SweepCounter;
     prevPhase = r.status.CurrentLayer;
   }
   d.Command(cmd::kDataRateDivider, 0);  // 0 counts as 1
-  d.Advance(2);
-  EXPECT_EQ(d.StepNext().status.DataRateDivider, 1);
-
+  EXPECT_EQ(d.Advance(3).status.DataRateDivider, 1);
 }
 
 TEST(SimInstrument, BiasAndScanAmplitudeMoveThePeaks) {
@@ -120,7 +116,6 @@ TEST(SimInstrument, DetectionRules) {
 
   d.Command(cmd::kMaxDutPeaks, 2);
   EXPECT_EQ(d.StepNext().status.NumPeaks[2], 2);
-
 }
 
 TEST(SimModes, MultiplexerLevelsAndLayers) {
@@ -177,7 +172,6 @@ TEST(SimModes, SoftwareTriggerWindows) {
   EXPECT_EQ(d.Card().TriggerState(), ETriggerState::Done);
   d.Command(cmd::kSwStart, 0);
   EXPECT_FALSE(d.StepNext().InTriggerWindow()) << "done: a start needs a new enable";
-
 }
 
 TEST(SimSamples, LinesLieWhereThePeakDetectorSeesThemLessItsLatencyAndAlignmentCounts) {

@@ -5,6 +5,8 @@
 
 #include <cmath>
 #include <cstring>
+#include <iterator>
+#include <utility>
 #include <vector>
 
 #include "device/PeaksData.h"
@@ -91,7 +93,7 @@ TEST(SpectrumCalibration, LinesLandAtTheirWavelengthsAndTheCombEndsAreMarked) {
   }
 }
 
-TEST(SpectrumCalibration, MultiplexedLayersKeepTheirOwnParts) {
+TEST(SpectrumCalibration, MultiplexedLayersKeepTheirOwnPartsAndReversedLimitsMarkTheGrid) {
   // Two layers: layer 0 in points 0-16383 (sweep point j at j/2), layer 1 in 16384-32767.
   const CSyntheticComb comb;
   std::vector<int16_t> raw(fs::kPoints);
@@ -110,17 +112,14 @@ TEST(SpectrumCalibration, MultiplexedLayersKeepTheirOwnParts) {
       else ASSERT_EQ(v, s == 0 ? 1000 : 2000) << s << " " << i;
     }
   }
-}
 
-TEST(SpectrumCalibration, ReversedLimitsMarkTheGrid) {
-  const CSyntheticComb comb;
-  std::vector<int16_t> raw(fs::kPoints, 500);
-  fs::CCalibrationSettings settings;
+  // Reversed limits: only the lower limit itself lies on the comb; the rest of the grid is marked.
+  settings = {};
   settings.LowerNm = 1550.0;
   settings.UpperNm = 1540.0;
-  const CResult r = Resample(raw, comb, settings);
-  EXPECT_EQ(r.Out[0], 500) << "the lower limit itself lies on the comb";
-  for (int i = 1; i < fs::kPoints; ++i) ASSERT_EQ(r.Out[i], fs::kBelowReversedLimit) << i;
+  const CResult reversed = Resample(std::vector<int16_t>(fs::kPoints, 500), comb, settings);
+  EXPECT_EQ(reversed.Out[0], 500);
+  for (int i = 1; i < fs::kPoints; ++i) ASSERT_EQ(reversed.Out[i], fs::kBelowReversedLimit) << i;
 }
 
 TEST(SpectrumCalibration, SweepWindowFollowsTheScanLoopsCombStretch) {
@@ -156,19 +155,14 @@ TEST(SpectrumCalibration, SweepWindowFollowsTheScanLoopsCombStretch) {
 
 TEST(SpectrumCalibration, OnlyAnOrderedCombOfThreeTeethIsUsable) {
   const CSyntheticComb comb;
-  EXPECT_TRUE(fs::CombIsUsable(comb.Scale()));
-  EXPECT_TRUE(fs::CombIsUsable(CSyntheticComb(3).Scale()));
-  EXPECT_FALSE(fs::CombIsUsable(CSyntheticComb(2).Scale()));
-  EXPECT_FALSE(fs::CombIsUsable(CSyntheticComb(5, 0).Scale())) << "teeth on one point";
-  CSyntheticComb rising = comb;
+  CSyntheticComb rising = comb, outside = comb, lastUnchecked = comb;
   rising.Thz[3] = rising.Thz[2] + 0.05;
-  EXPECT_FALSE(fs::CombIsUsable(rising.Scale()));
-  CSyntheticComb outside = comb;
   outside.Points[kTeeth - 2] = fs::kPoints;
-  EXPECT_FALSE(fs::CombIsUsable(outside.Scale()));
-  outside.Points[kTeeth - 1] = -5;  // the last tooth is not used, so it is not checked
-  outside.Points[kTeeth - 2] = fs::kPoints - 1;
-  EXPECT_TRUE(fs::CombIsUsable(outside.Scale()));
+  lastUnchecked.Points[kTeeth - 1] = -5;  // the last tooth is not used, so it is not checked
+  const std::pair<CSyntheticComb, bool> rows[] = {{comb, true},          {CSyntheticComb(3), true},
+                                                  {CSyntheticComb(2), false}, {CSyntheticComb(5, 0), false},
+                                                  {rising, false},       {outside, false}, {lastUnchecked, true}};
+  for (size_t i = 0; i < std::size(rows); ++i) EXPECT_EQ(fs::CombIsUsable(rows[i].first.Scale()), rows[i].second) << i;
 }
 
 TEST(SpectrumCalibration, RecordCarriesHeaderScaleAndLength) {
