@@ -45,9 +45,11 @@
 // ring no longer held shows as a jump of the sweep counter, counted in "gaps" and "lost". A
 // queue that fills while the broker is away (--queue batches per instrument, default 2000)
 // drops its oldest batches, counted in "dropped" and "dropped_records". A broker without
-// persistence forgets what it acknowledged but had not delivered when it stops, so after a
-// reconnect the bridge sends again the batches acknowledged in the last two seconds before
-// the loss: consumers see those sweeps twice and keep the first.
+// persistence forgets what it acknowledged but had not delivered when it stops, and its
+// subscribers must subscribe again before anything reaches them; so after a reconnect the
+// bridge waits --settle-s seconds (default 3), then sends again the batches that were not
+// acknowledged and those acknowledged in the last two seconds before the loss, then the
+// queue: consumers may see some sweeps twice and keep the first.
 #include <mosquitto.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -93,12 +95,16 @@ constexpr const char* kUsage =
     "  --flush-ms MS     send a batch once its first record is this old (default 100)\n"
     "  --rate HZ         sensors messages per second (default 10, 0 none)\n"
     "  --queue N         batches kept per instrument while the broker lags (default 2000)\n"
-    "  --status-s S      seconds between status messages (default 3)\n";
+    "  --status-s S      seconds between status messages (default 3)\n"
+    "  --settle-s S      after the broker comes back, seconds before records flow again (default 3)\n";
 
 constexpr size_t kBatchHeader = 32;
 constexpr int kWindow = 32;                // batches sent and not yet acknowledged
 constexpr auto kReplay = 2s;               // acknowledged batches sent again after a broker loss
 constexpr auto kRetry = 1s;                // between attempts to reach an instrument
+// A stream silent this long is asked for again (resuming after its last sweep): an instrument
+// that was still starting up when the stream began may never send on it.
+constexpr auto kSilence = 5s;
 
 std::atomic<bool> gStop{false};
 
@@ -133,8 +139,14 @@ void Nap(SClock::duration d) {
 class CLink {
  public:
   ~CLink() { Close(); }
+  // Closes with a reset: when the instrument went away first, its side of the connection then
+  // ends at once instead of lingering, and a restarted server can listen on its port again.
   void Close() {
-    if (Fd >= 0) ::close(Fd);
+    if (Fd >= 0) {
+      const linger abort{1, 0};
+      ::setsockopt(Fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+      ::close(Fd);
+    }
     Fd = -1;
     In.clear();
     At = 0;
@@ -263,6 +275,7 @@ struct SOptions {
   double Rate = 10;
   size_t Queue = 2000;
   int StatusSeconds = 3;
+  int SettleSeconds = 3;
 };
 
 class CBridge {
@@ -303,6 +316,8 @@ class CBridge {
   };
   std::map<int, SInFlight> InFlight;
   std::set<int> EarlyAcks;  // acknowledged before Publish() noted the message
+  std::set<int> Forgotten;  // batches already put back in their queue after a broker loss
+  SClock::time_point HoldUntil;  // no batches before then: consumers subscribe again first
   int Batches = 0;          // batches in InFlight
 };
 
@@ -327,6 +342,7 @@ void CBridge::OnPublish(mosquitto*, void* self, int mid) { static_cast<CBridge*>
 
 void CBridge::Acked(int mid) {
   std::lock_guard lock(M);
+  if (Forgotten.erase(mid)) return;
   auto it = InFlight.find(mid);
   if (it == InFlight.end()) {
     EarlyAcks.insert(mid);
@@ -351,6 +367,7 @@ bool CBridge::Publish(const std::string& topic, const std::string& payload, int 
                                    retain);
   std::lock_guard lock(M);
   if (rc != MOSQ_ERR_SUCCESS) return false;
+  Forgotten.erase(mid);
   if (EarlyAcks.erase(mid)) {
     if (of) {
       batch->Acked = SClock::now();
@@ -396,14 +413,20 @@ void CBridge::Publisher() {
       Announce = false;
       out.push_back({BridgeTopic, "online", 1, true, nullptr, {}});
       for (auto& in : Instruments) in->StatusDirty = true;
-      // Put back, oldest first, what the broker acknowledged just before it went away.
+      // After a loss: put back, oldest first, what was not acknowledged and what the broker
+      // acknowledged just before it went away, and give consumers time to subscribe again.
       if (LostAt) {
+        for (auto it = InFlight.rbegin(); it != InFlight.rend(); ++it)
+          if (it->second.Of) it->second.Of->Queue.push_front(std::move(it->second.Batch)), Forgotten.insert(it->first);
+        for (auto it = InFlight.begin(); it != InFlight.end();) it = it->second.Of ? InFlight.erase(it) : std::next(it);
+        Batches = 0;
         for (auto& in : Instruments) {
           for (auto it = in->Recent.rbegin(); it != in->Recent.rend(); ++it)
             if (*LostAt - it->Acked < kReplay) in->Queue.push_front(std::move(*it));
           in->Recent.clear();
         }
         LostAt.reset();
+        HoldUntil = SClock::now() + std::chrono::seconds(O.SettleSeconds);
       }
     }
     for (auto& in : Instruments) {
@@ -413,12 +436,16 @@ void CBridge::Publisher() {
       if (in->Sensors) out.push_back({base + "sensors", std::move(*in->Sensors), 0, false, nullptr, {}});
       in->Sensors.reset();
     }
-    for (size_t tried = 0, taken = 0; Batches + taken < kWindow && tried < Instruments.size(); ++tried) {
+    const bool hold = SClock::now() < HoldUntil;
+    for (size_t idle = 0, taken = 0; !hold && Batches + taken < kWindow && idle < Instruments.size();) {
       SInstrument& in = *Instruments[next++ % Instruments.size()];
-      if (in.Queue.empty()) continue;
+      if (in.Queue.empty()) {
+        ++idle;
+        continue;
+      }
       out.push_back({"vr480/" + in.Name + "/records", {}, 1, false, &in, std::move(in.Queue.front())});
       in.Queue.pop_front();
-      ++taken, tried = 0;
+      ++taken, idle = 0;
     }
     lock.unlock();
     for (auto& o : out) {
@@ -550,6 +577,7 @@ void CBridge::Read(SInstrument& in) {
     }
   };
 
+  bool silent = false;
   while (!gStop) {
     if (!link.Open(in.Host, in.Port)) {
       SetOnline(in, false);
@@ -571,11 +599,15 @@ void CBridge::Read(SInstrument& in) {
       Nap(kRetry);
       continue;
     }
-    Log("%s: streaming from %s:%d", in.Name.c_str(), in.Host.c_str(), in.Port);
+    if (!silent) Log("%s: streaming from %s:%d", in.Name.c_str(), in.Host.c_str(), in.Port);
     SetOnline(in, true);
     std::string body;
+    const uint64_t before = in.Records.load();
+    auto heard = SClock::now();
+    silent = false;
     for (int got; !gStop && (got = link.Frame(&body, 20)) >= 0;) {
       if (got == 1) {
+        heard = SClock::now();
         const size_t n = body.size();
         const bool token = n >= 8 && (body.compare(n - 8, 8, "XXXXXXXX") == 0 || body.compare(n - 8, 8, "ZZZZZZZZ") == 0);
         // A stopping server sends its last record without a token.
@@ -584,6 +616,10 @@ void CBridge::Read(SInstrument& in) {
           take(body, size);
       }
       const auto now = SClock::now();
+      if (now - heard > kSilence) {
+        silent = true;
+        break;
+      }
       if (count && now - started >= std::chrono::milliseconds(O.FlushMs)) flush();
       if (now >= nextMean) {
         if (meanRecords) publishMeans();
@@ -593,6 +629,11 @@ void CBridge::Read(SInstrument& in) {
     flush();
     link.Close();
     if (gStop) break;
+    if (silent) {  // an idle card, or a stream that stopped: ask again, quietly if idle
+      if (in.Records.load() != before) Log("%s: no record for %lld s, streaming again", in.Name.c_str(),
+                                           static_cast<long long>(kSilence / 1s));
+      continue;
+    }
     Log("%s: connection lost, reconnecting every second", in.Name.c_str());
     SetOnline(in, false);
     Nap(kRetry);
@@ -696,6 +737,7 @@ int CBridge::Run() {
     {
       std::lock_guard lock(M);
       in->Online = false;
+      in->Ready.reset(), in->Temperature.reset(), in->Clients.reset(), in->Rate = 0;
       status = StatusJson(*in);
       Log("%s: %llu records, %llu gaps, %llu lost, %llu restarts, %llu batches dropped", in->Name.c_str(),
           static_cast<unsigned long long>(in->Records.load()), static_cast<unsigned long long>(in->Gaps),
@@ -775,6 +817,8 @@ bool ParseArgs(int argc, char** argv, SOptions* o, std::vector<std::unique_ptr<S
       if (!number(&o->Rate, 0)) return false;
     } else if (a == "--queue") {
       if (!number(&o->Queue, 1)) return false;
+    } else if (a == "--settle-s") {
+      if (!number(&o->SettleSeconds, 0)) return false;
     } else if (a == "--status-s") {
       if (!number(&o->StatusSeconds, 1)) return false;
     } else if (a == "--config") {

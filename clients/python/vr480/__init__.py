@@ -7,3 +7,11 @@ __all__ = ["Instrument", "Stream", "Vr480Error", "Vr480ConnectionError", "PORT",
            "RawRecord", "Spectrum", "channel_name", "decode_record", "decode_spectrum", "decode_raw",
            "sensor_column", "to_dot", "to_legacy"]
 __version__ = "1.0.0"
+
+
+def __getattr__(name):
+    # The broker subscriber loads on first use, so that paho-mqtt stays optional.
+    if name == "Subscriber":
+        from .subscriber import Subscriber
+        return Subscriber
+    raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
