@@ -70,14 +70,6 @@ TEST(WavelengthScale, CombIsPlacedAgainstTheGrating) {
   EXPECT_EQ(s->FfpiRefPeakIndex, kRefTooth);
   EXPECT_EQ(s->ProcessedWriteIndex, write);
   EXPECT_NEAR(s->FfpiPeakThz[100], ToothThz(100), 1e-9);
-
-  // A failed record keeps the previous placement.
-  auto broken = MakeSweep();
-  broken.status.NumPeaks[0] = 0;
-  Console([&] { Feed(*s, broken); });
-  EXPECT_FALSE(s->bScaleValid);
-  EXPECT_EQ(s->FfpiRefPeakIndex, kRefTooth);
-  EXPECT_NEAR(s->FfpiPeakThz[60], ToothThz(60), 1e-9);
 }
 
 TEST(WavelengthScale, GratingBetweenWholeTeethIsMarked) {

@@ -129,15 +129,6 @@ TEST(SimDevice, NvramPersistsAndDeviceIdLatchesAtPowerUp) {
   EXPECT_EQ(again.NvRead(0x48), 3);
   EXPECT_EQ(again.NvRead(0x80), 'Q');
   std::filesystem::remove_all(o.Root);
-
-  o.Root.clear();
-  o.NvramImage = ENvramImage::Rev1;
-  CTestDriver rev1(o);
-  EXPECT_EQ(rev1.NvRead(0x48), 1);
-  o.NvramImage.reset();
-  o.DeviceIdOverride = 0x1234;
-  CTestDriver unknown(o);
-  EXPECT_EQ(unknown.Get16(0x80043506), 0x1234);
 }
 
 TEST(SimRing, LappingKeepsNewestAndSparesTheHeldBuffer) {

@@ -1,7 +1,7 @@
-// The instrument behind the simulated card: counters, sweep, grating and thermistor, the comb and
-// the sensors at their wavelengths, detection rules, multiplexer layers, triggered windows, and
-// the full-spectrum samples. (Time of flight shows in the distance measurement's results, the
-// sensors' wavelengths in the end-to-end records.)
+// The instrument behind the simulated card: counters, sweep, grating and thermistor, detection
+// rules, triggered windows, and the full-spectrum samples. (Time of flight shows in the distance
+// measurement's results, the sensors' wavelengths in the end-to-end records, the multiplexer
+// layers in the acquisition suite.)
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -21,13 +21,6 @@ struct CReadyCard : CTestDriver {
     Advance(8);
   }
 };
-
-// Waits (in records) until the card reports multiplexer level `level`; returns the records taken.
-int AwaitLevel(CTestDriver& d, int level) {
-  for (int i = 1; i <= 16; ++i)
-    if (d.StepNext().AppliedLevelBits() == level - 1) return i;
-  return -1;
-}
 
 int SampleOf(const struct_dma_peaks_data& r, int i) { return static_cast<int>(r.FsSamples[i] & 0xFFFF); }
 
@@ -118,32 +111,6 @@ TEST(SimInstrument, DetectionRules) {
   EXPECT_EQ(d.StepNext().status.NumPeaks[2], 2);
 }
 
-TEST(SimModes, MultiplexerLevelsAndLayers) {
-  CReadyCard d;
-  // A distinct sensor on DUT channel 0 of every layer tells which layer a sweep shows.
-  for (int layer = 0; layer < 2; ++layer) d.Card().SetSensors(layer * 4, {CSimSensor{1530.0 + 5 * layer, 0.0}});
-
-  d.Command(cmd::kOptoA, 0);
-  d.Command(cmd::kOptoB, 1);
-  const int taken = AwaitLevel(d, 2);
-  EXPECT_GE(taken, 1);
-  EXPECT_LE(taken, 4) << "applied at the next cycle boundary";
-  for (int i = 0; i < 40; ++i) {
-    auto& r = d.StepNext();
-    const int layer = ConvertLayerBits(r.status.flags1_lo) & 3;  // the server's numbering
-    EXPECT_EQ(r.AppliedLevelBits(), 1);
-    EXPECT_EQ(layer, static_cast<int>(r.status.SweepCounter % 2));
-    EXPECT_EQ(r.status.flags1_lo & 3, layer == 1 ? 2 : 0) << "the card numbers layers 1 and 2 swapped";
-    EXPECT_EQ(r.status.CurrentLayer % 2, layer) << "phase aligned with the layer";
-    ASSERT_EQ(r.status.NumPeaks[2], 1);
-  }
-
-  d.Command(cmd::kOptoA, 0);
-  d.Command(cmd::kOptoB, 0);
-  ASSERT_GT(AwaitLevel(d, 1), 0);
-  EXPECT_EQ(d.StepNext().Layer(), 0);
-}
-
 TEST(SimModes, SoftwareTriggerWindows) {
   CReadyCard d;
   d.Command(cmd::kTrigSource, 0);
@@ -174,49 +141,20 @@ TEST(SimModes, SoftwareTriggerWindows) {
   EXPECT_FALSE(d.StepNext().InTriggerWindow()) << "done: a start needs a new enable";
 }
 
-TEST(SimSamples, LinesLieWhereThePeakDetectorSeesThemLessItsLatencyAndAlignmentCounts) {
-  // One sensor at the instrument and one 400 m out: light from the far one comes back late, in
-  // the samples as in the peak list.
-  // Sweeps interleave as the server assembles its spectrum: sample i of phase p looks at
-  // count 256 i + 2 p.
+// The alignment pattern numbers the 32768 points of a spectrum in order, sample i of phase p
+// at point 128 i + p. (Where the lines lie in the samples shows in the full spectrum's offset
+// calibration and calibrated spectra.)
+TEST(SimSamples, AlignmentPatternNumbersThePointsInOrder) {
   CReadyCard d;
-  d.Card().SetSensors(0, {CSimSensor{1530.0, 0.0, 12000.0}, CSimSensor{1560.0, 400.0, 10000.0}});
-  d.Command(cmd::kConverter, 0x8000 | (2 << 10));  // DUT channel 1's detector
-  d.Advance(8);
-  std::vector<int> counts(65536, -1);
-  struct_dma_peaks_data last{};
-  for (int n = 0; n < 128; ++n) {
-    const auto& r = d.StepNext();
-    for (int i = 0; i < 256; ++i) {
-      ASSERT_EQ(r.FsSamples[i] >> 16, 0xA5A5u) << "marker in the high half of every word";
-      counts[256 * i + 2 * r.status.CurrentLayer] = SampleOf(r, i);
-    }
-    last = r;
-  }
-  ASSERT_EQ(last.status.NumPeaks[2], 2);
-  auto peakCount = [&](int around) {
-    int best = around;
-    for (int x = around - 300; x < around + 300; ++x)
-      if (counts[x] > counts[best]) best = x;
-    return best;
-  };
-  const double amplitude[2] = {12000.0, 10000.0};
-  for (int j = 0; j < 2; ++j) {
-    const int peak = static_cast<int>(last.DutPeaks[0][j]);
-    const int line = peakCount(peak - 160);
-    EXPECT_NEAR(line, peak - 160, 4) << "sensor " << j;
-    EXPECT_NEAR(counts[line], amplitude[j] + 300.0, 100.0) << "sensor " << j;
-  }
-  // Far from any line: the dark level.
-  EXPECT_NEAR(counts[2 * (last.DutPeaks[0][0] / 2) + 5000], 300, 100);
-
-  // The alignment pattern numbers the 32768 points of a spectrum in order.
   d.Command(cmd::kAlign, 1);
   d.Advance(2);
   std::vector<int> points(32768, -1);
   for (int n = 0; n < 128; ++n) {
     const auto& r = d.StepNext();
-    for (int i = 0; i < 256; ++i) points[128 * i + r.status.CurrentLayer] = SampleOf(r, i);
+    for (int i = 0; i < 256; ++i) {
+      ASSERT_EQ(r.FsSamples[i] >> 16, 0xA5A5u) << "marker in the high half of every word";
+      points[128 * i + r.status.CurrentLayer] = SampleOf(r, i);
+    }
   }
   for (int k = 0; k < 32768; ++k) ASSERT_EQ(points[k], k);
 }

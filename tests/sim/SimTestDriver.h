@@ -31,7 +31,7 @@ namespace cmd {
 constexpr uint8_t kDma = 0x01, kBias = 0x03, kScanAmp = 0x04, kGain = 0x06, kThresh = 0x0D, kLockout = 0x0E,
                   kNoiseThreshEnable = 0x0F, kConverter = 0x12, kDataRateDivider = 0x17, kSoaDrive = 0x18,
                   kSoaEnable = 0x19, kAlign = 0x1E, kTrigEnable = 0x21, kTrigSource = 0x22, kSwStart = 0x23,
-                  kTrigStopType = 0x25, kTrigAcq = 0x28, kOptoA = 0x2A, kOptoB = 0x2B, kMaxDutPeaks = 0x2F;
+                  kTrigStopType = 0x25, kTrigAcq = 0x28, kMaxDutPeaks = 0x2F;
 }
 
 class CTestDriver {

@@ -178,8 +178,6 @@ TEST(FullSpectrumCard, CalibratedSpectraShowTheScenesLinesUnderConcurrentReaders
     }
   }
   EXPECT_GT(lines[2] - scene.Sensors[0][2].WavelengthNm, 0.5) << "the far sensor shows late in the sweep";
-  RecordProperty("line_errors_pm", std::to_string((lines[0] - 1530.0) * 1000) + " " +
-                                       std::to_string((lines[1] - 1545.0) * 1000));
 
   // The sweep's ends bracket the grid; the grid's window lies inside the sweep.
   EXPECT_LT(s.HighSpeedFsStartWvl, 1520.0);
