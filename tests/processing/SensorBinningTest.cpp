@@ -137,6 +137,20 @@ TEST(SensorBinning, MissingAndExtraPeaksKeepTheNumbering) {
   EXPECT_EQ(s.BinnedPeaks.DutPeaks[0][2], kC);
   EXPECT_EQ(s.BinnedPeaks.DutPeaks[1][0], kD);
   EXPECT_EQ(s.BinnedPeaks.status.BinningMarks, kFault0);
+
+  // A peak on a channel that learned nothing: that channel reports no sensors, and a fault.
+  raw = MakeSweep();
+  for (uint32_t c : {kA, kB, kC}) AddSensor(raw, 0, c);
+  AddSensor(raw, 1, kD);
+  AddSensor(raw, 3, ToothCount(60));
+  struct_dma_peaks_data out3;
+  s.BinAcquiredData(raw, out3);
+  EXPECT_EQ(out3.status.NumPeaks[5], 0);
+  EXPECT_EQ(out3.status.BinningMarks, 0x0800);
+  EXPECT_EQ(s.LastBinFaultCnt[3], 1);
+  Feed(s, out3);
+  EXPECT_EQ(LastRecord(s).Kept(3), 0);
+  EXPECT_EQ(LastRecord(s).Sensors(), 4u);
 }
 
 TEST(SensorBinning, BinsFollowSensorsThatMoveLessThanTheWidth) {
@@ -160,25 +174,6 @@ TEST(SensorBinning, BinsFollowSensorsThatMoveLessThanTheWidth) {
   EXPECT_EQ(out.DutPeaks[0][0], kA + 100);
   EXPECT_EQ(out.DutPeaks[0][1], kA + 200);  // within 3000 of B's bin
   EXPECT_EQ(out.DutPeaks[0][2], kC);
-}
-
-TEST(SensorBinning, ChannelWithoutBinsReportsNoSensors) {
-  LearnedServer l;
-  CVr480Server& s = *l.S;
-  auto raw = MakeSweep();
-  AddSensor(raw, 0, kA);
-  AddSensor(raw, 0, kB);
-  AddSensor(raw, 0, kC);
-  AddSensor(raw, 1, kD);
-  AddSensor(raw, 3, ToothCount(60));  // channel 3 learned nothing
-  struct_dma_peaks_data out;
-  s.BinAcquiredData(raw, out);
-  EXPECT_EQ(out.status.NumPeaks[5], 0);
-  EXPECT_EQ(out.status.BinningMarks, 0x0800);
-  EXPECT_EQ(s.LastBinFaultCnt[3], 1);
-  Feed(s, out);
-  EXPECT_EQ(LastRecord(s).Kept(3), 0);
-  EXPECT_EQ(LastRecord(s).Sensors(), 4u);
 }
 
 TEST(SensorBinning, SwitchingOffWaitsForTheAcquisitionThread) {

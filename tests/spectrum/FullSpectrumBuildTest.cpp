@@ -44,15 +44,11 @@ void MarkAllDirty(CVr480Server& s) {
     for (bool& dirty : row) dirty = true;
 }
 
-uint32_t RawU32(const CVr480Server& s, size_t at) {
-  uint32_t v;
-  std::memcpy(&v, s.RawSpectrumBuffer + at, 4);
-  return v;
-}
-
-int16_t RawPoint(const CVr480Server& s, int i) {
-  int16_t v;
-  std::memcpy(&v, s.RawSpectrumBuffer + 100 + 2 * i, 2);
+// A number in the raw spectrum record; its points start at byte 100.
+template <class T>
+T Raw(const CVr480Server& s, size_t at) {
+  T v;
+  std::memcpy(&v, s.RawSpectrumBuffer + at, sizeof v);
   return v;
 }
 
@@ -215,8 +211,8 @@ TEST(FullSpectrumBuild, SpectrumIsHandedOverWhenThePhaseReturnsToTheCycleStart) 
   std::memcpy(&h, s->RawSpectrumBuffer + 12, sizeof h);
   EXPECT_EQ(h.Vth, 1234);
   EXPECT_EQ(h.CurrentLayer, 40);
-  EXPECT_EQ(RawU32(*s, 65636), 65624u);
-  for (int i = 0; i < CVr480Server::kFsPoints; i += 777) ASSERT_EQ(RawPoint(*s, i), 1000 + i / 128) << i;
+  EXPECT_EQ(Raw<uint32_t>(*s, 65636), 65624u);
+  for (int i = 0; i < CVr480Server::kFsPoints; i += 777) ASSERT_EQ(Raw<int16_t>(*s, 100 + 2 * i), 1000 + i / 128) << i;
 
   // The comb teeth on spectrum points, with the frequencies the scale gave them.
   ASSERT_EQ(s->FsFfpiCount, 6);
