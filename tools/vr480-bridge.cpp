@@ -50,6 +50,7 @@
 // bridge waits --settle-s seconds (default 3), then sends again the batches that were not
 // acknowledged and those acknowledged in the last two seconds before the loss, then the
 // queue: consumers may see some sweeps twice and keep the first.
+#include <fcntl.h>
 #include <mosquitto.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -168,7 +169,17 @@ class CLink {
       ::setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof idle);
       ::setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof interval);
       ::setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &count, sizeof count);
-      if (::connect(fd, a->ai_addr, a->ai_addrlen) == 0) Fd = fd;
+      // At most two seconds for a host that does not answer, so that stopping is never held up.
+      const int flags = ::fcntl(fd, F_GETFL);
+      ::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+      int err = ::connect(fd, a->ai_addr, a->ai_addrlen) == 0 ? 0 : errno;
+      if (err == EINPROGRESS) {
+        pollfd p{fd, POLLOUT, 0};
+        socklen_t len = sizeof err;
+        err = ::poll(&p, 1, 2000) == 1 && ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) == 0 ? err : ETIMEDOUT;
+      }
+      ::fcntl(fd, F_SETFL, flags);
+      if (err == 0) Fd = fd;
       else ::close(fd);
     }
     ::freeaddrinfo(list);
