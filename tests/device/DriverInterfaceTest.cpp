@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -230,32 +229,15 @@ TEST_F(DriverTest, CommandWordsAndShadows) {
 // ---------------------------------------------------------------------------------------------
 // The mailbox
 
-// Each word waits for the FPGA to take the one before; a mailbox that stays full loses the
-// command but the shadow keeps it.
-TEST_F(DriverTest, MailboxWaitsForTheFpgaAndAStallLosesTheCommand) {
+// Each word waits for the FPGA to take the one before. (A mailbox that stays full, losing the
+// command but keeping the shadow, is the acquisition suite's case, on the simulated card.)
+TEST_F(DriverTest, MailboxWaitsForTheFpgaToTakeEachWord) {
   Open();
   Fake().MailboxBusyReads = 50;
   Driver.SetScanAmp(40000);
   Driver.SetSOADrive(30000);
   EXPECT_EQ(Fake().Commands, (std::vector<uint32_t>{0x04009C40, 0x18007530}));
   EXPECT_EQ(Fake().WritesWhileFull, 0);
-  Fake().Commands.clear();
-  Fake().MailboxStalled = true;
-  CaptureStdout();
-  auto t0 = std::chrono::steady_clock::now();
-  EXPECT_EQ(Driver.SetChGain(2, 0x1234), -1);
-  auto waited = std::chrono::steady_clock::now() - t0;
-  EXPECT_EQ(GetCapturedStdout(),
-            "Warning: timeout on S5335 OMBX1.  Last command is lost.\n"
-            "Lost Command: 103944756  (cmd= 6, arg=3281460)\n");
-  EXPECT_GE(waited, std::chrono::microseconds(20000));
-  EXPECT_TRUE(Fake().Commands.empty());
-  EXPECT_EQ(Driver.GetChGain(2), 0x1234);
-
-  // The next command goes through once the FPGA takes words again.
-  Fake().MailboxStalled = false;
-  EXPECT_EQ(Driver.SetBias(1), 0);
-  EXPECT_EQ(LastCommand(), 0x03000001u);
 }
 
 // The lock is class-wide: two interfaces on the same card, each used from two threads, never
@@ -327,9 +309,7 @@ TEST_F(DriverTest, NvRamSerialNumberAndConfigurationImage) {
   char sn[kSerialNumberLength];
   std::memcpy(sn, "VR480-0001234567", kSerialNumberLength);
   EXPECT_EQ(Driver.write_nvRAM_SN(sn), 0);
-  char back[kSerialNumberLength] = {};
-  EXPECT_EQ(Driver.read_nvRAM_SN(back), 0);
-  EXPECT_EQ(std::memcmp(back, sn, kSerialNumberLength), 0);
+  EXPECT_EQ(std::memcmp(&Fake().NvRam[0x80], sn, kSerialNumberLength), 0);
   EXPECT_EQ(Fake().NvRam[0x90], 0xFF);  // exactly 16 bytes
   Fake().NvRam[0x20] = 0x00;
 
@@ -365,12 +345,7 @@ TEST_F(DriverTest, NvRamSerialNumberAndConfigurationImage) {
   EXPECT_EQ(Driver.GetNvRamRev(), 2);
   EXPECT_EQ(Fake().NvRam[0x45], 0x81);
   EXPECT_EQ(Fake().NvRam[0x4D], 0xFF);
-
-  // Clearing blanks the bridge's half and leaves the serial number's half alone.
-  Driver.write_nvRAM_SN(sn);
-  EXPECT_EQ(Driver.clear_device(), 0);
-  for (int a = 0; a < 0x80; ++a) ASSERT_EQ(Fake().NvRam[a], 0xFF) << a;
-  EXPECT_EQ(std::memcmp(&Fake().NvRam[0x80], sn, kSerialNumberLength), 0);
+  // (Reading the serial number back and clearing the image are the memory commands' cases.)
 }
 
 TEST_F(DriverTest, NvRamBusyForeverReportsMcsrNotReady) {
