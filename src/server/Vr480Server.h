@@ -413,7 +413,6 @@ class CVr480Server {
   Relaxed<int32_t> AutoScanTargetCounts = 45875;  // counts (0.7 of the sweep); SetScanAmpTargetSpan
   int32_t AutoScanCalls = 0;                      // scan-loop calls since it was last satisfied; acquisition
   friend struct LaserCommandAccess;  // the laser commands rebuild the delay table after a rate change
-  friend struct ControlLoopAccess;   // the control-loop tests drive the acquisition stages record by record
 
   // ---- Data retrieval ----
   // Reply buffers of the data commands, one row per caller (0-9 clients, 10 the internal
