@@ -588,9 +588,11 @@ void CBridge::Read(SInstrument& in) {
     }
   };
 
-  bool silent = false;
+  bool silent = false, unreachable = false;
   while (!gStop) {
     if (!link.Open(in.Host, in.Port)) {
+      if (!unreachable) Log("%s: %s:%d unreachable, trying every second", in.Name.c_str(), in.Host.c_str(), in.Port);
+      unreachable = true;
       SetOnline(in, false);
       Nap(kRetry);
       continue;
@@ -611,6 +613,7 @@ void CBridge::Read(SInstrument& in) {
       continue;
     }
     if (!silent) Log("%s: streaming from %s:%d", in.Name.c_str(), in.Host.c_str(), in.Port);
+    unreachable = false;
     SetOnline(in, true);
     std::string body;
     const uint64_t before = in.Records.load();
@@ -704,12 +707,6 @@ int CBridge::Run() {
   mosquitto_connect_callback_set(Mosq, OnConnect);
   mosquitto_disconnect_callback_set(Mosq, OnDisconnect);
   mosquitto_publish_callback_set(Mosq, OnPublish);
-  if (const int rc = mosquitto_connect_async(Mosq, O.BrokerHost.c_str(), O.BrokerPort, 10); rc != MOSQ_ERR_SUCCESS)
-    Log("broker %s:%d: %s, retrying", O.BrokerHost.c_str(), O.BrokerPort, mosquitto_strerror(rc));
-  if (mosquitto_loop_start(Mosq) != MOSQ_ERR_SUCCESS) {
-    Log("cannot start the MQTT client's thread");
-    return 1;
-  }
   std::thread publisher([this] { Publisher(); });
   for (auto& in : Instruments) {
     in->Reader = std::thread([this, p = in.get()] { Read(*p); });
@@ -720,8 +717,21 @@ int CBridge::Run() {
   sigemptyset(&stop);
   sigaddset(&stop, SIGINT);
   sigaddset(&stop, SIGTERM);
+  // The client's own thread reconnects after a loss, but not when the very first attempt
+  // fails: until one succeeds, the instruments are read and queued while this tries every second.
+  bool running = true, told = false;
+  for (int rc; running && (rc = mosquitto_connect_async(Mosq, O.BrokerHost.c_str(), O.BrokerPort, 10)) != MOSQ_ERR_SUCCESS;) {
+    if (!told) Log("broker %s:%d: %s, trying every second", O.BrokerHost.c_str(), O.BrokerPort, mosquitto_strerror(rc));
+    told = true;
+    const timespec second{1, 0};
+    running = sigtimedwait(&stop, nullptr, &second) < 0;
+  }
+  if (running && mosquitto_loop_start(Mosq) != MOSQ_ERR_SUCCESS) {
+    Log("cannot start the MQTT client's thread");
+    running = false;
+  }
   int sig = 0;
-  sigwait(&stop, &sig);
+  if (running) sigwait(&stop, &sig);
   Log("stopping");
   gStop = true;
   for (auto& in : Instruments) in->Reader.join(), in->Poller.join();
