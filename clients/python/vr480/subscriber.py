@@ -157,7 +157,11 @@ class Subscriber:
         if kind == "status":
             self._status(name, msg.payload, received)
         elif kind == "records":
-            self._batch(parse_batch(name, msg.payload), len(msg.payload), received)
+            try:
+                batch = parse_batch(name, msg.payload)
+            except (ValueError, struct.error):  # not a batch: an error here would end the MQTT thread
+                return
+            self._batch(batch, len(msg.payload), received)
 
     def _status(self, name: str, payload: bytes, received: float) -> None:
         try:
