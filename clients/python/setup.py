@@ -9,6 +9,6 @@ setup(
     long_description=open("README.md", encoding="utf-8").read(),
     python_requires=">=3.9",
     packages=["vr480"],
-    extras_require={"fast": ["numpy"], "hdf5": ["h5py"]},
+    extras_require={"fast": ["numpy"], "hdf5": ["h5py"], "mqtt": ["paho-mqtt"]},
     entry_points={"console_scripts": ["vr480-record = vr480.recorder:main"]},
 )
