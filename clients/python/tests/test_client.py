@@ -28,9 +28,9 @@ def test_every_reply_type(inst, server):
     cnts = inst.command("#GET_WVL_LVL_CNTS")
     assert len(cnts.counts) == sum(len(v) for v in cnts.wavelengths.values())
 
-    spec = inst.command("#GET_SPECTRUM")
-    assert isinstance(spec, Spectrum), spec
-    assert len(spec.points) == 32768 and spec.start < spec.end, (len(spec.points), spec.start, spec.end)
+    spectrum = inst.command("#GET_SPECTRUM")
+    assert isinstance(spectrum, Spectrum), spectrum
+    assert len(spectrum.points) == 32768 and spectrum.start < spectrum.end, (spectrum.start, spectrum.end)
     raw = inst.command("#GET_RAW_DATA")
     assert isinstance(raw, RawRecord) and len(raw.channels) == 4 and len(raw.grating) == 1
     assert len(inst.command("#GET_HIGH_SPEED_FS")) in (0, 256)
