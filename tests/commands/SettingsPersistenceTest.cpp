@@ -37,6 +37,8 @@ struct SSetting {
 //   sweep is slowed and triggered;
 // - the loops are held while the sweep is disturbed (SOA window, rates); the scan loop stays
 //   off, so that the scan amplitude stays where it was set;
+// - the SOA window's wavelengths are converted on the comb of the running sweep, so they are
+//   given before the rates and modes change it;
 // - the operating mode is set before the minimum divider (which would refuse it) and before the
 //   triggering mode, which puts it back to 0 (the two modes exclude each other);
 // - the multiplexer level is refused while the minimum divider is above 1 and stays 1;
@@ -84,6 +86,13 @@ const std::vector<SSetting> kSettings = {
     {"#SET_AUTOBIAS 0", nullptr, nullptr},
     {"#SET_AUTO_SCAN_AMP 0", "#GET_AUTO_SCAN_AMP", "0"},
     {"#SET_AUTO_SCAN_MAX_STEP 0", "#GET_AUTO_SCAN_MAX_STEP", "0"},
+    {"#SET_SOA_DRIVE 29000", "#GET_SOA_DRIVE", "29000"},
+    // The off edge first: once the on edge gates the sweep, the comb around the off edge's
+    // wavelength can be gone and its conversion refused ("!Wavelength out of range.").
+    {"#SET_SOA_OFF_WVL 1546.5", "#GET_SOA_OFF_WVL", "1546.500000"},
+    {"#SET_SOA_ON_WVL 1545.5", "#GET_SOA_ON_WVL", "1545.500000"},
+    {"#SET_SOA_ON_COUNT 1234", "#GET_SOA_ON_COUNT", "1234"},  // equal on and off counts: never gated
+    {"#SET_SOA_OFF_COUNT 1234", "#GET_SOA_OFF_COUNT", "1234"},
     {"#SET_OPERATING_MODE 1", "#GET_OPERATING_MODE", "0"},
     {"#SET_TRIG_START_EDGE 1", "#GET_TRIG_START_EDGE", "1"},
     {"#SET_TRIG_STOP_EDGE 1", "#GET_TRIG_STOP_EDGE", "1"},
@@ -98,11 +107,6 @@ const std::vector<SSetting> kSettings = {
     {"#SET_2KHZ_MODE 1", "#GET_2KHZ_MODE", "1"},
     {"#SET_MUX_LEVEL 2", "#GET_MUX_LEVEL", "1"},
     {"#SET_PZT_SYNC_OFFSET 77", "#GET_PZT_SYNC_OFFSET", "77"},
-    {"#SET_SOA_DRIVE 29000", "#GET_SOA_DRIVE", "29000"},
-    {"#SET_SOA_ON_WVL 1545.5", "#GET_SOA_ON_WVL", "1545.500000"},
-    {"#SET_SOA_OFF_WVL 1546.5", "#GET_SOA_OFF_WVL", "1546.500000"},
-    {"#SET_SOA_ON_COUNT 1234", "#GET_SOA_ON_COUNT", "1234"},  // equal on and off counts: never gated
-    {"#SET_SOA_OFF_COUNT 1234", "#GET_SOA_OFF_COUNT", "1234"},
     {"#SET_SYNC_HI_COUNT 111", "#GET_SYNC_HI_COUNT", "111"},
     {"#SET_SYNC_LO_COUNT 22222", "#GET_SYNC_LO_COUNT", "22222"},
     {"#SET_SYNC_HI_WVL 1544.25", "#GET_SYNC_HI_WVL", "1544.250000"},
