@@ -10,7 +10,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <random>
+#include <thread>
 
 namespace {
 
@@ -136,10 +138,12 @@ std::string CServerProcess::Output() const {
 }
 
 // The command server accepts ports 1 to 9999 only, below the kernel's ephemeral range, so a
-// port is drawn at random from 2000-9999 and kept when it can be bound right now.
+// port is drawn at random from 2000-9999 and kept when it can be bound right now. Suites start
+// servers from several threads at once: each thread draws from its own generator.
 int FreePort() {
-  static std::mt19937 rng(static_cast<unsigned>(::getpid()) * 7919u +
-                          static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count()));
+  thread_local std::mt19937 rng(static_cast<unsigned>(::getpid()) * 7919u +
+                                static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count()) +
+                                static_cast<unsigned>(std::hash<std::thread::id>{}(std::this_thread::get_id())));
   for (int attempt = 0; attempt < 200; ++attempt) {
     int port = 2000 + static_cast<int>(rng() % 8000);
     int fd = ::socket(AF_INET, SOCK_STREAM, 0);
