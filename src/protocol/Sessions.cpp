@@ -142,9 +142,16 @@ void* ClientServiceThread(void* raw) {
   }
 
   char line[kMaxCommandLine + 1];
+  bool streamed = false;  // this thread last served the client as streaming
   while (!s.bClientDisconnect[client] && !s.bClosingSessions && mine()) {
     s.Socket.ReadCmd(client, line, sizeof line);  // room for a whole 256-character line
     if (!s.bStreaming[client]) {
+      // A stream switched off by the server rather than by the client's own command (the
+      // acquisition's start clears every stream, and clients may connect while the server
+      // still starts) is ended as that command would end it, so the client does not wait
+      // for ever.
+      if (streamed) WriteFramedEndToken(s, client);
+      streamed = false;
       if (line[0] != '\0') s.ServiceSocket(client, line);
       else if (s.Socket.WaitReadable(client, 20) < 0) break;  // wakes at once when input arrives; -1: slot closed
       continue;
@@ -152,6 +159,7 @@ void* ClientServiceThread(void* raw) {
     // Streaming: one record per pass, paced by the instrument; a pending command is served
     // after each record; then the token that tells the client what follows.
     // A command already read does not wait for the next record of an idle card.
+    streamed = true;
     const bool pending = line[0] != '\0';
     s.bStreamCommandPending[client] = pending;
     // With no command to serve between them, the record and its token leave in one write.
@@ -161,6 +169,7 @@ void* ClientServiceThread(void* raw) {
     if (!pending) continue;  // the token went with the record; without one, there was none to send
     s.ServiceSocket(client, line);
     const bool still = s.bStreaming[client];
+    streamed = still;  // a stream the client ends gets its end token below
     if (!sentRecord) {
       // The card is idle, so no record frame is open for a token to complete: a stream that
       // ends here ends with the framed token, whether or not the client uses tokens.

@@ -242,9 +242,8 @@ class Recorder:
                 or (a.duration and time.monotonic() - self.started >= a.duration))
 
     def _wait_until_measuring(self, inst: Instrument) -> None:
-        """A server still starting up switches every stream off, without an end token, when its
-        acquisition begins; so the stream is turned on once records flow (or the laser is
-        calibrated)."""
+        """A server still starting up ends every stream when its acquisition begins; so the
+        stream is turned on once records flow (or the laser is calibrated)."""
         told = False
         while not self.done():
             if inst.text("#READY?") == "1" or int(inst.text("#GET_BUFFER_COUNT") or 0) > 1:
