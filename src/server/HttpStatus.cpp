@@ -57,7 +57,7 @@ double SteadySeconds() {
 
 double TxDegC(const CVr480Server& s) {
   const struct_dma_peaks_data* last = s.pLastPeaks.load();
-  return last ? last->status.InternalTemp / 128.0 : 0.0;
+  return last ? last->InternalTempC() : 0.0;
 }
 
 // One sensor as a reader of the ring sees it: channel c (1-4), multiplexer position m (1-4),
@@ -66,6 +66,12 @@ struct SSensor {
   std::string Name;
   int Channel = 0, Layer = 0, Index = 0;
 };
+
+// Fields of a ring slot that no reply patches, so a reader outside the sessions may take them.
+int LayerOf(const uint8_t* rec) { return rec[kRecHeaderOffset + data_commands::kBodyLayerByte] & 0x03; }
+int SensorsOf(const uint8_t* rec, int channel) {
+  return GetRecU16(rec, kRecHeaderOffset + data_commands::kBodyCounts + 2 * channel);
+}
 
 bool ParseSensor(const std::string& name, SSensor& out) {
   int c = 0, m = 0, n = 0;
@@ -223,9 +229,9 @@ std::string CHttpStatus::SamplesJson(const std::string& sensors) {
     // The first sensor of every channel the newest records carry, at most eight.
     for (int back = 0; back < layers && chosen.size() < 8; ++back) {
       const uint8_t* rec = slotBack(back);
-      const int layer = rec[kRecHeaderOffset + 6] & 0x03;
+      const int layer = LayerOf(rec);
       for (int ch = 0; ch < 4 && chosen.size() < 8; ++ch)
-        if (GetRecU16(rec, kRecHeaderOffset + 16 + 2 * ch) > 0)
+        if (SensorsOf(rec, ch) > 0)
           chosen.push_back({std::to_string(ch + 1) + "." + std::to_string(layer + 1) + "/1", ch, layer, 0});
     }
   }
@@ -241,16 +247,16 @@ std::string CHttpStatus::SamplesJson(const std::string& sensors) {
     // The newest record of the sensor's multiplexer layer.
     for (int back = 0; ring && s.RecordsPublished.load() > 0 && back < layers; ++back) {
       const uint8_t* rec = slotBack(back);
-      if ((rec[kRecHeaderOffset + 6] & 0x03) != sensor.Layer) continue;
+      if (LayerOf(rec) != sensor.Layer) continue;
       int offset = 0;
-      for (int ch = 0; ch < sensor.Channel; ++ch) offset += GetRecU16(rec, kRecHeaderOffset + 16 + 2 * ch);
-      const int count = GetRecU16(rec, kRecHeaderOffset + 16 + 2 * sensor.Channel);
-      const uint32_t granularity = GetRecU32(rec, kRecHeaderOffset + 72);
+      for (int ch = 0; ch < sensor.Channel; ++ch) offset += SensorsOf(rec, ch);
+      const int count = SensorsOf(rec, sensor.Channel);
+      const uint32_t granularity = GetRecU32(rec, kRecGranularityOffset);
       const uint32_t length = GetRecU32(rec, kRecSensorBytesOffset);
-      const uint32_t at = 88 + 4 * static_cast<uint32_t>(offset + sensor.Index);
+      const uint32_t at = data_commands::kHeaderBytes + 4 * static_cast<uint32_t>(offset + sensor.Index);
       if (sensor.Index < count && granularity > 0 && at + 4 <= length) {
         nm = static_cast<int32_t>(GetRecU32(rec, kRecHeaderOffset + at)) / static_cast<double>(granularity);
-        sweep = std::max(sweep, GetRecU32(rec, kRecHeaderOffset + 28));
+        sweep = std::max(sweep, GetRecU32(rec, kRecHeaderOffset + data_commands::kBodySweep));
       }
       break;
     }

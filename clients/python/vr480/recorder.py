@@ -241,22 +241,9 @@ class Recorder:
         return (self.stop_requested or (a.records and self.records >= a.records)
                 or (a.duration and time.monotonic() - self.started >= a.duration))
 
-    def _wait_until_measuring(self, inst: Instrument) -> None:
-        """A server still starting up ends every stream when its acquisition begins; so the
-        stream is turned on once records flow (or the laser is calibrated)."""
-        told = False
-        while not self.done():
-            if inst.text("#READY?") == "1" or int(inst.text("#GET_BUFFER_COUNT") or 0) > 1:
-                return
-            if not told:
-                self.say("waiting for the instrument to start measuring")
-                told = True
-            time.sleep(0.5)
-
     def session(self) -> None:
         """One connection: stream until done or the connection is lost."""
         with Instrument(self.args.host, self.args.port, timeout=10.0) as inst:
-            self._wait_until_measuring(inst)
             mux = int(inst.text("#GET_MUX_LEVEL") or 1)
             with inst.stream(tokens=True, resume_after=self.last_sweep) as records:
                 if records.resume_reply:
