@@ -347,8 +347,7 @@ int GetAmpCh(CCommandContext& c) { return c.Reply("%d", c.Server.Driver.GetAmpCh
 
 // Temperature inside the transmitter, from the card's last record (0 before the first).
 int GetTxDegC(CCommandContext& c) {
-  const struct_dma_peaks_data* last = c.Server.pLastPeaks.load();
-  return c.Reply("%0.2f", last ? last->status.InternalTemp / 128.0 : 0.0);
+  return c.Reply("%0.2f", c.Server.LatestStatus.InternalTempC());
 }
 
 const SCommandRow kRows[] = {

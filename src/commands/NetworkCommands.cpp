@@ -155,12 +155,12 @@ int GetDateCmd(CCommandContext& c) { return c.Reply("%s", LocalTimeText().c_str(
 // ---- NTP ---------------------------------------------------------------------------------------
 
 // The NTP flags of set 0; the embedded set keeps its defaults.
-template <bool (&Flags)[kNetworkConfigs]>
+template <std::atomic<bool> (&Flags)[kNetworkConfigs]>
 int SetNtpFlag(CCommandContext& c, const char* format) {
   Flags[0] = LowByte(c);
   return c.Reply(format, OnOff(Flags[0]));
 }
-template <bool (&Flags)[kNetworkConfigs]>
+template <std::atomic<bool> (&Flags)[kNetworkConfigs]>
 int GetNtpFlag(CCommandContext& c) {
   return c.Reply("%d", Flags[0] ? 1 : 0);
 }

@@ -195,8 +195,7 @@ int GetCfcVer(CCommandContext& c) { return c.Reply("%d", c.Server.CfcVersion); }
 
 // The synthesis release travels in every record's status header.
 int GetSynthesisVer(CCommandContext& c) {
-  const struct_dma_peaks_data* rec = c.Server.pLastPeaks.load();
-  return c.Reply("%d", rec ? rec->status.fw_version : 0);
+  return c.Reply("%d", c.Server.LatestStatus.SynthesisRelease());
 }
 
 int GetDriverVer(CCommandContext& c) { return c.Reply("%d", c.Server.Driver.GetDriverVersion()); }

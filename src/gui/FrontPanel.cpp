@@ -461,7 +461,7 @@ void update_gui() {
   SetLabel("label_firmware_release", kServerRelease);
   uint8_t header[88] = {};
   if (!NewestHeader(s, 0, header))  // nothing published yet: the record the card delivered
-    if (const struct_dma_peaks_data* last = s.pLastPeaks.load()) std::memcpy(header, &last->status, sizeof header);
+    if (const auto last = s.LatestStatus.Get()) std::memcpy(header, &*last, sizeof header);
   t.DriverVersion = s.Driver.GetDriverVersion();
   t.FirmwareVersion = header[2];
   SetLabel("label_driver_release", std::to_string(t.DriverVersion));

@@ -20,8 +20,7 @@ std::string WebStatusLine(CVr480Server& s) {
   }
   const std::string serial(s.SerialNumber, strnlen(s.SerialNumber, sizeof s.SerialNumber));
   const int config = CurrentNetworkConfig.load() == 1 ? 1 : 0;
-  const struct_dma_peaks_data* last = s.pLastPeaks.load();
-  const double transmitterDegC = last ? last->status.InternalTemp / 128.0 : 0.0;
+  const double transmitterDegC = s.LatestStatus.InternalTempC();
   char line[2048];
   std::snprintf(line, sizeof line, "%s$%s$%d$%d$%s$%d$%s$%s$%s$%d$%0.2f$%s$%s$%s$%s$%s$%d$%s$%s$%s$%s", serial.c_str(),
                  panel.SweepRate.c_str(), s.CfcVersion, panel.DriverVersion, kServerRelease, panel.FirmwareVersion,

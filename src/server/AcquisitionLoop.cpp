@@ -37,6 +37,7 @@ bool CVr480Server::GetData() {
   FpgaWatchDog = 0;
   rec->status.Byte49 = 3;
   pLastPeaks = rec;
+  LatestStatus.Set(rec->status);
 
   // The reference grating may be wired to another detector: take up to 16 of that list's
   // peaks as the grating's.

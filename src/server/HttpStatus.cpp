@@ -56,8 +56,7 @@ double SteadySeconds() {
 }
 
 double TxDegC(const CVr480Server& s) {
-  const struct_dma_peaks_data* last = s.pLastPeaks.load();
-  return last ? last->InternalTempC() : 0.0;
+  return s.LatestStatus.InternalTempC();
 }
 
 // One sensor as a reader of the ring sees it: channel c (1-4), multiplexer position m (1-4),

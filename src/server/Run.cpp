@@ -116,7 +116,7 @@ void CVr480Server::InitialAutoBias() {
 // older drivers are checked against the minima of their generation.
 void CVr480Server::CheckVersions() {
   const int driver = Driver.GetDriverVersion();
-  const int synthesis = pLastPeaks.load() ? pLastPeaks.load()->status.fw_version : (pPeaks ? pPeaks->status.fw_version : 0);
+  const int synthesis = LatestStatus.SynthesisRelease();
   const int minSynthesis = driver >= 50 ? 101 : 48;
   const int minCfc = driver >= 50 ? 14 : 10;
   if (driver < 50 && driver < 9)
@@ -128,7 +128,7 @@ void CVr480Server::CheckVersions() {
 }
 
 void CVr480Server::PrintBanner() {
-  const int synthesis = pLastPeaks.load() ? pLastPeaks.load()->status.fw_version : (pPeaks ? pPeaks->status.fw_version : 0);
+  const int synthesis = LatestStatus.SynthesisRelease();
   std::printf("\n--------------------------------------------------------\n");
   std::printf("SVN Base Build %d, %s\n", kSvnBaseBuild, kBuildDate);
   std::printf("--------------------------------------------------------\n");

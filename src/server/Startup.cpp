@@ -68,6 +68,7 @@ int16_t CVr480Server::Init() {
   // A stop asked for while the card delivers nothing ends the wait for the first record.
   Driver.SetStopPredicate([] { return bStopSignalled.load(); });
   Driver.GetData(&pPeaks);
+  if (pPeaks) LatestStatus.Set(pPeaks->status);
   WriteIdentificationSuffix();
   bUpdateGui = true;
   return kInitOk;

@@ -33,6 +33,7 @@
 #include "processing/WvlAvg.h"
 #include "protocol/Socket.h"
 #include "server/Limits.h"
+#include "server/LatestStatus.h"
 #include "server/Relaxed.h"
 #include "settings/TagManager.h"
 #include "system/DataLogger.h"
@@ -140,7 +141,8 @@ class CVr480Server {
   struct_dma_peaks_data* pPeaks = nullptr;     // record just fetched (card buffer, or BinnedPeaks)
   struct_dma_peaks_data* pRawPeaks = nullptr;  // the card's record while sensor binning is on
   struct_dma_peaks_data BinnedPeaks{};         // record rebuilt by sensor binning
-  std::atomic<struct_dma_peaks_data*> pLastPeaks{nullptr};  // record handed to processing; status readers use it
+  std::atomic<struct_dma_peaks_data*> pLastPeaks{nullptr};  // record handed to processing (acquisition side)
+  CLatestStatus LatestStatus;  // its status header, for every other thread
 
   // ---- Client data and spectrum hand-over ---------------------------------------------------
   uint8_t* ProcessedData = nullptr;                            // 30000 x 4612-byte ring of processed records; Init

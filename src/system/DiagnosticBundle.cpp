@@ -238,8 +238,7 @@ int CVr480Server::DumpCore(const std::string& zipFile, const std::string& passwo
     std::fprintf(index, "Operating Speed (Hz):%0.1f\n",
                  static_cast<double>(SweepRate()) / divider / std::max(1, MuxLevel.load()));
   }
-  const struct_dma_peaks_data* last = pLastPeaks.load();
-  std::fprintf(index, "Internal Temparture (C):%f\n", last ? last->status.InternalTemp / 128.0 : 0.0);
+  std::fprintf(index, "Internal Temparture (C):%f\n", LatestStatus.InternalTempC());
   std::fprintf(index, "Time Source:%s\n", bNtpRunning ? "NTP" : "System Clock");
   {
     std::string ip, netmask, gateway, dns;

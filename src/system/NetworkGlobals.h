@@ -19,10 +19,10 @@ extern char IpAddress[kNetworkConfigs][kNetworkTextChars];  // dotted address pe
 extern char Netmask[kNetworkConfigs][kNetworkTextChars];    // dotted netmask per set; setters
 extern char Gateway[kNetworkConfigs][kNetworkTextChars];    // default gateway per set; setters (set 0 only)
 extern char DNS[kNetworkConfigs][kNetworkTextChars];        // DNS server per set; setters (set 0 only)
-extern bool bUseDhcp[kNetworkConfigs];                      // address by DHCP; #SET_DHCP (set 0 only)
-extern bool bUseNTP[kNetworkConfigs];                       // NTP used at all; #SET_ENABLE_NTP (set 0 only)
-extern bool bAutoStartNTP[kNetworkConfigs];                 // NTP after each network start; set 0 only
-extern bool bUseCustomNtpConfig[kNetworkConfigs];           // uploaded ntpd configuration; set 0 only
+extern std::atomic<bool> bUseDhcp[kNetworkConfigs];         // address by DHCP; #SET_DHCP (set 0 only)
+extern std::atomic<bool> bUseNTP[kNetworkConfigs];          // NTP used at all; #SET_ENABLE_NTP (set 0 only)
+extern std::atomic<bool> bAutoStartNTP[kNetworkConfigs];    // NTP after each network start; set 0 only
+extern std::atomic<bool> bUseCustomNtpConfig[kNetworkConfigs];  // uploaded ntpd configuration; set 0 only
 extern char NtpServer[kNtpServers][kNtpServerChars];        // "" unused; address, then ntpd options
 extern std::atomic<int> CurrentNetworkConfig;  // 0 normal, 1 embedded; start-up and #RESTART_NETWORK
 
