@@ -1,12 +1,7 @@
-// What the processing tests share: a server with what start-up gives the pipeline (rings,
-// averaging store, grating table), a hand-built sweep as the card reports it, and readers for
-// the processed record a client would receive.
-//
-// The sweep: 101 comb teeth, 512 counts apart from count 4000, 100 GHz apart in frequency;
-// tooth 50 is the reference tooth at 194.0 THz, so tooth j sits at 194.0 + (50 - j) x 0.1 THz
-// (frequency falls as the count rises). The reference grating lies halfway between teeth 60
-// and 61, at 192.95 THz, and its thermistor reads kGratingVth, the reading the grating table
-// is anchored to. Sensors go on the four DUT channels at chosen counts.
+// The processing tests' server (rings, averaging store, grating table), a hand-built sweep and
+// readers of the processed record. The sweep: 101 comb teeth 512 counts apart from count 4000,
+// 100 GHz apart; tooth 50 is the reference at 194.0 THz (frequency falls as the count rises);
+// the grating lies halfway between teeth 60 and 61 (192.95 THz) and reads kGratingVth.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -20,8 +15,6 @@
 #include "processing/ProcessedRecord.h"
 #include "server/Vr480Server.h"
 
-// The pipeline's stages are private to the server; the tests drive them as the acquisition
-// loop does.
 struct ProcessingAccess {
   static int Process(CVr480Server& s) { return s.ProcessPeaksData(); }
   static void BuildGratingTable(CVr480Server& s) { s.build_FBG_Vth2Thz_LUT(); }
@@ -48,8 +41,7 @@ inline double NmBetween(int j, double fraction) { return Nm(ToothThz(j) - fracti
 inline uint32_t CountBetween(int j, double fraction) {
   return ToothCount(j) + static_cast<uint32_t>(fraction * kToothSpacing);
 }
-// A wavelength in the integer units of the record (default granularity: 1 unit = 1 fm).
-inline double Fm(double nm) { return nm * 1e6; }
+inline double Fm(double nm) { return nm * 1e6; }  // record units at the default granularity
 
 // A published sweep with a healthy comb and grating and no sensors.
 inline struct_dma_peaks_data MakeSweep() {
@@ -84,23 +76,14 @@ inline std::unique_ptr<CVr480Server> MakeServer() {
   return s;
 }
 
-// Hands a record to the pipeline the way the acquisition loop does.
-inline void Feed(CVr480Server& s, struct_dma_peaks_data& r) {
-  s.pPeaks = &r;
-  s.pLastPeaks = &r;
-  ProcessingAccess::Process(s);
-}
-
 inline const uint8_t* Slot(const CVr480Server& s, int index) {
   return s.ProcessedData + static_cast<size_t>(index) * kProcessedRecordBytes;
 }
-// The record published last (the slot before the write index).
 inline const uint8_t* LastSlot(const CVr480Server& s) {
   const int w = s.ProcessedWriteIndex;
   return Slot(s, w == 0 ? kProcessedRingSlots - 1 : w - 1);
 }
 
-// The processed record as a client reads it.
 struct Published {
   const uint8_t* Bytes;
   uint8_t Status() const { return Bytes[kRecStatusCodeOffset]; }
@@ -126,7 +109,14 @@ struct Published {
 };
 inline Published LastRecord(const CVr480Server& s) { return Published{LastSlot(s)}; }
 
-// Console output of a piece of code.
+// Hands a record to the pipeline as the acquisition loop does; the record published last.
+inline Published Feed(CVr480Server& s, struct_dma_peaks_data& r) {
+  s.pPeaks = &r;
+  s.pLastPeaks = &r;
+  ProcessingAccess::Process(s);
+  return LastRecord(s);
+}
+
 template <class F>
 std::string Console(F&& f) {
   std::fflush(stdout);

@@ -1,5 +1,6 @@
 // Sensor binning: learning where the sensors are, then keeping their numbers while one fades
 // out, an extra peak appears, or the sensors drift.
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -18,20 +19,15 @@ struct LearnedServer {
   std::unique_ptr<CVr480Server> S = MakeServer();
   int32_t ValA = 0, ValB = 0, ValC = 0;
 
-  // Learns three sensors on channel 0 and one on channel 1; a peak outside the window gets
-  // no bin.
+  // Learns three sensors on channel 0 and one on channel 1; a peak outside the window gets no bin.
   LearnedServer() {
     EXPECT_EQ(S->StartSensorTracking(true), 0);
     EXPECT_TRUE(S->bSensorBinLearning);
     EXPECT_FALSE(S->bEnableSensorBins);
     auto r = MakeSweep();
-    AddSensor(r, 0, ToothCount(5));  // about 1510 nm
-    AddSensor(r, 0, kA);
-    AddSensor(r, 0, kB);
-    AddSensor(r, 0, kC);
+    for (uint32_t c : {ToothCount(5), kA, kB, kC}) AddSensor(r, 0, c);  // the first: about 1510 nm
     AddSensor(r, 1, kD);
-    Feed(*S, r);
-    const Published p = LastRecord(*S);
+    const Published p = Feed(*S, r);
     ValA = p.Value(0, 0);
     ValB = p.Value(0, 1);
     ValC = p.Value(0, 2);
@@ -51,25 +47,20 @@ struct LearnedServer {
 
 }  // namespace
 
+// Guards learning from one published sweep per layer, a restart during learning, none after it.
 TEST(SensorBinning, LearningTakesOnePublishedSweepPerLayer) {
   LearnedServer l;
   CVr480Server& s = *l.S;
   EXPECT_FALSE(s.bSensorBinLearning);
   EXPECT_TRUE(s.bEnableSensorBins);
-  EXPECT_EQ(s.SensorBinCount[0], 3);
-  EXPECT_EQ(s.SensorBinCount[1], 1);
-  EXPECT_EQ(s.SensorBinCount[2], 0);
-  EXPECT_EQ(s.SensorBinPositions[0][0], kA);
-  EXPECT_EQ(s.SensorBinPositions[0][2], kC);
-  EXPECT_EQ(s.SensorBinPositions[1][0], kD);
-
-  // Asking again while binning is in force changes nothing.
-  EXPECT_EQ(s.StartSensorTracking(true), 0);
+  EXPECT_EQ((std::array<int, 3>{s.SensorBinCount[0], s.SensorBinCount[1], s.SensorBinCount[2]}), (std::array<int, 3>{3, 1, 0}));
+  EXPECT_EQ((std::array<uint32_t, 3>{s.SensorBinPositions[0][0], s.SensorBinPositions[0][2], s.SensorBinPositions[1][0]}),
+            (std::array<uint32_t, 3>{kA, kC, kD}));
+  EXPECT_EQ(s.StartSensorTracking(true), 0);  // while binning is in force: nothing changes
   EXPECT_TRUE(s.bEnableSensorBins);
   EXPECT_EQ(s.SensorBinCount[0], 3);
 
-  // With two multiplexer layers, each layer's sweep teaches its own bins; asking again during
-  // learning starts it over.
+  // Two multiplexer layers: each layer's sweep teaches its own bins.
   auto s2 = MakeServer();
   s2->MuxLevel = 2;
   auto layer0 = MakeSweep();
@@ -93,11 +84,11 @@ TEST(SensorBinning, LearningTakesOnePublishedSweepPerLayer) {
   EXPECT_EQ(s2->SensorBinPositions[4][1], kC);
 }
 
+// Guards numbering across a missing and an extra peak, the fault marks, and the acquisition's path.
 TEST(SensorBinning, MissingAndExtraPeaksKeepTheNumbering) {
   LearnedServer l;
   CVr480Server& s = *l.S;
 
-  // All present: no fault, the same values as while learning.
   auto out = l.BinAndFeed({kA, kB, kC});
   EXPECT_EQ(out.status.BinningMarks, 0);
   Published p = LastRecord(s);
@@ -112,10 +103,7 @@ TEST(SensorBinning, MissingAndExtraPeaksKeepTheNumbering) {
   EXPECT_EQ(out.status.BinningMarks, kFault0);
   EXPECT_EQ(s.LastBinFaultCnt[0], 2);
   p = LastRecord(s);
-  EXPECT_EQ(p.Kept(0), 3);
-  EXPECT_EQ(p.Value(0, 0), l.ValA);
-  EXPECT_EQ(p.Value(0, 1), 0);
-  EXPECT_EQ(p.Value(0, 2), l.ValC);
+  EXPECT_EQ((std::array<int32_t, 3>{p.Value(0, 0), p.Value(0, 1), p.Value(0, 2)}), (std::array<int32_t, 3>{l.ValA, 0, l.ValC}));
   EXPECT_EQ(p.Kept(1), 1);
   EXPECT_EQ(p.Header().BinningMarks, kFault0);  // clients see the fault in the header
 
@@ -153,6 +141,7 @@ TEST(SensorBinning, MissingAndExtraPeaksKeepTheNumbering) {
   EXPECT_EQ(LastRecord(s).Sensors(), 4u);
 }
 
+// Guards bins following drift, the strict width, and the first-come order of close peaks.
 TEST(SensorBinning, BinsFollowSensorsThatMoveLessThanTheWidth) {
   LearnedServer l;
   CVr480Server& s = *l.S;
@@ -171,11 +160,11 @@ TEST(SensorBinning, BinsFollowSensorsThatMoveLessThanTheWidth) {
   // Two peaks close to one bin: the first takes it, the second can only go to a later bin.
   s.SensorBinWidth = 3000;
   out = l.BinAndFeed({kA + 100, kA + 200, kC});
-  EXPECT_EQ(out.DutPeaks[0][0], kA + 100);
-  EXPECT_EQ(out.DutPeaks[0][1], kA + 200);  // within 3000 of B's bin
-  EXPECT_EQ(out.DutPeaks[0][2], kC);
+  EXPECT_EQ((std::array<uint32_t, 3>{out.DutPeaks[0][0], out.DutPeaks[0][1], out.DutPeaks[0][2]}),
+            (std::array<uint32_t, 3>{kA + 100, kA + 200, kC}));  // the second within 3000 of B's bin
 }
 
+// Guards the hand-over of switching off to the acquisition thread (no torn binning).
 TEST(SensorBinning, SwitchingOffWaitsForTheAcquisitionThread) {
   LearnedServer l;
   CVr480Server& s = *l.S;
@@ -200,7 +189,7 @@ TEST(SensorBinning, SwitchingOffWaitsForTheAcquisitionThread) {
   EXPECT_EQ(s.StartSensorTracking(false), 0);
 }
 
-// The sensor commands' range checks, through the command interpreter.
+// Guards the sensor commands' range checks (averages, gain offsets, dB table) and clearing references.
 TEST(SensorCommands, RangesOfAveragesGainOffsetsDbTableAndReferences) {
   auto s = MakeServer();
   auto cmd = [&](const std::string& line) {
