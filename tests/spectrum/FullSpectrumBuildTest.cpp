@@ -1,10 +1,11 @@
 // The acquisition thread's share of the full spectrum, on hand-made records: the raw sample
-// history and the peak amplitudes searched in it, the interleaving of 128 sweeps into one
-// spectrum, and the hand-over of each finished spectrum.
+// history and the peak amplitudes searched in it, 128 sweeps interleaved into one spectrum, and
+// the hand-over of each finished spectrum.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <memory>
+#include <vector>
 
 #include "SpectrumBench.h"
 
@@ -22,10 +23,11 @@ struct_dma_peaks_data MakeRecord(int phase, int layer = 0, int ampChannel = 0, i
   return r;
 }
 
-// Hands a record over the way the acquisition loop does.
-void Feed(CVr480Server& s, struct_dma_peaks_data& r) {
+// Hands a record over as the acquisition loop does, and builds the spectrum with it.
+void Build(CVr480Server& s, struct_dma_peaks_data& r) {
   s.pPeaks = &r;
   s.pLastPeaks = &r;
+  FullSpectrumAccess::BuildSpectrum(s);
 }
 
 std::unique_ptr<CVr480Server> MakeServer() {
@@ -54,14 +56,14 @@ T Raw(const CVr480Server& s, size_t at) {
 
 }  // namespace
 
+// Guards the history per layer, its wrap at the depth (also a lowered one), and stale amplitudes.
 TEST(FullSpectrumBuild, HistoryFillsPerLayerAndWrapsAtItsDepth) {
   auto s = MakeServer();
   s->PeakAmpBufDepth = 4;
   for (auto& row : s->PeakAmpDirty)
     for (bool& dirty : row) dirty = false;
-
   auto r = MakeRecord(0, 2, 2, 4, 500);
-  Feed(*s, r);
+  s->pPeaks = &r;
   FullSpectrumAccess::BuildRawFSBuffer(*s);
   EXPECT_EQ(s->FsHistoryIndex[2], 1);
   EXPECT_EQ(s->FsHistoryIndex[0], 0) << "each layer has its own history";
@@ -70,16 +72,15 @@ TEST(FullSpectrumBuild, HistoryFillsPerLayerAndWrapsAtItsDepth) {
   EXPECT_EQ(s->FsHistoryIndex[2], 0) << "wrapped at the depth";
   EXPECT_TRUE(s->PeakAmpDirty[0][200]) << "every cached amplitude is stale after a wrap";
   EXPECT_TRUE(s->PeakAmpDirty[3][0]);
-
-  // A depth lowered below the index wraps it at the next record.
   s->PeakAmpBufDepth = 128;
   for (int i = 0; i < 10; ++i) FullSpectrumAccess::BuildRawFSBuffer(*s);
   ASSERT_EQ(s->FsHistoryIndex[2], 10);
-  s->PeakAmpBufDepth = 5;
+  s->PeakAmpBufDepth = 5;  // below the index: wraps at the next record
   FullSpectrumAccess::BuildRawFSBuffer(*s);
   EXPECT_EQ(s->FsHistoryIndex[2], 0);
 }
 
+// Guards the search window (and its clamp at both ends), the depth, the cache, signed samples.
 TEST(FullSpectrumBuild, PeakAmplitudeSearchesTheWindowOverTheHistoryAndCachesIt) {
   auto s = MakeServer();
   FillHistory(*s, 1, 300);
@@ -97,7 +98,6 @@ TEST(FullSpectrumBuild, PeakAmplitudeSearchesTheWindowOverTheHistoryAndCachesIt)
   EXPECT_EQ(s->GetPeakAmplitude(1, 50), 9000);
   MarkAllDirty(*s);
   EXPECT_EQ(s->GetPeakAmplitude(1, 50), 12000);
-
   // Only the sweeps inside the depth count.
   s->FS_RawHistoryBuffer[1][100][60] = 8000;
   s->PeakAmpBufDepth = 64;
@@ -124,52 +124,36 @@ TEST(FullSpectrumBuild, PeakAmplitudeSearchesTheWindowOverTheHistoryAndCachesIt)
   EXPECT_EQ(s->GetPeakAmplitude(2, 20), -1);
 }
 
+// Guards where each phase, layer and level puts its samples, and the console dump past two spectra.
 TEST(FullSpectrumBuild, SamplesInterleaveByPhaseAndLayer) {
   auto s = MakeServer();
   // Grating and comb: every sweep, sample i of phase p at point 128 i + p.
   auto r = MakeRecord(5, 0, 1, 1, 2000);
-  Feed(*s, r);
-  FullSpectrumAccess::BuildSpectrum(*s);
-  EXPECT_EQ(s->FsAssembly[5], 2000);
-  EXPECT_EQ(s->FsAssembly[128 * 9 + 5], 2009);
-  EXPECT_EQ(s->FsAssembly[128 * 255 + 5], 2255);
-  EXPECT_EQ(s->FsAssembly[6], 0);
-
-  // Also on a record of layer 3: the grating's detector is not multiplexed.
-  r = MakeRecord(6, 3, 0, 4, 3000);
-  Feed(*s, r);
-  FullSpectrumAccess::BuildSpectrum(*s);
-  EXPECT_EQ(s->FsAssembly[128 * 9 + 6], 3009);
-
-  // A DUT channel at level 2: layer 1 takes the upper half at half the resolution.
-  r = MakeRecord(7, 1, 3, 2, 4000);
-  Feed(*s, r);
-  FullSpectrumAccess::BuildSpectrum(*s);
+  Build(*s, r);
+  const int16_t* a = s->FsAssembly;
+  EXPECT_EQ((std::vector<int>{a[5], a[128 * 9 + 5], a[128 * 255 + 5], a[6]}), (std::vector<int>{2000, 2009, 2255, 0}));
+  r = MakeRecord(6, 3, 0, 4, 3000);  // layer 3: the grating's detector is not multiplexed
+  Build(*s, r);
+  EXPECT_EQ(a[128 * 9 + 6], 3009);
+  r = MakeRecord(7, 1, 3, 2, 4000);  // level 2: layer 1 takes the upper half at half the resolution
+  Build(*s, r);
   const int o = (32768 + 7) / 2;
-  EXPECT_EQ(s->FsAssembly[o], 4000);
-  EXPECT_EQ(s->FsAssembly[64 * 255 + o], 4255);
-
-  // At level 4, layer 2 takes the third quarter.
-  r = MakeRecord(10, 2, 4, 4, 5000);
-  Feed(*s, r);
-  FullSpectrumAccess::BuildSpectrum(*s);
-  EXPECT_EQ(s->FsAssembly[(2 * 32768 + 10) / 4 + 32 * 3], 5003);
+  EXPECT_EQ(a[o], 4000);
+  EXPECT_EQ(a[64 * 255 + o], 4255);
+  r = MakeRecord(10, 2, 4, 4, 5000);  // level 4: layer 2 takes the third quarter
+  Build(*s, r);
+  EXPECT_EQ(a[(2 * 32768 + 10) / 4 + 32 * 3], 5003);
 
   // A layer the level does not have places nothing.
   int16_t before[CVr480Server::kFsPoints];
   std::memcpy(before, s->FsAssembly, sizeof before);
   r = MakeRecord(11, 2, 2, 2, 6000);
-  Feed(*s, r);
-  FullSpectrumAccess::BuildSpectrum(*s);
+  Build(*s, r);
   EXPECT_EQ(std::memcmp(before, s->FsAssembly, sizeof before), 0);
-
-  // Beyond two spectra the record is described on the console.
-  r = MakeRecord(3, 3, 2, 1, 6000);
-  Feed(*s, r);
+  r = MakeRecord(3, 3, 2, 1, 6000);  // beyond two spectra: described on the console
   testing::internal::CaptureStdout();
-  FullSpectrumAccess::BuildSpectrum(*s);
-  const std::string out = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(out,
+  Build(*s, r);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "peaks_data->status.flags1_lo: 3\n"
             "(peaks_data->status.flags1_lo)&0x03: 3\n"
             "GET_SW_POSITION(peaks_data->status): 3\n"
@@ -180,6 +164,8 @@ TEST(FullSpectrumBuild, SamplesInterleaveByPhaseAndLayer) {
   EXPECT_EQ(std::memcmp(before, s->FsAssembly, sizeof before), 0);
 }
 
+// Guards the hand-over after a full cycle of phases: the record, its comb points (clamped to the
+// spectrum) and frequencies, and a spectrum without a comb when the scale failed.
 TEST(FullSpectrumBuild, SpectrumIsHandedOverWhenThePhaseReturnsToTheCycleStart) {
   auto s = MakeServer();
   s->FsCountOffset = 80;
@@ -191,20 +177,21 @@ TEST(FullSpectrumBuild, SpectrumIsHandedOverWhenThePhaseReturnsToTheCycleStart) 
   r.status.NumPeaks[1] = 6;
   for (int j = 0; j < 6; ++j) r.FfpiPeaks[j] = 10000 + 1001 * j;
   r.status.Vth = 1234;
-  Feed(*s, r);
-  FullSpectrumAccess::BuildSpectrum(*s);
+  Build(*s, r);
   EXPECT_EQ(s->FsPhaseStart, 40) << "a restart begins the cycle at the current phase";
   EXPECT_FALSE(s->bFsRestart);
   EXPECT_EQ(s->FsCalGeneration, 0u);
 
-  for (int k = 1; k < 128; ++k) {
-    r.status.CurrentLayer = static_cast<uint8_t>((40 + k) % 128);
-    FullSpectrumAccess::BuildSpectrum(*s);
-    ASSERT_EQ(s->FsCalGeneration, 0u) << "phase " << (40 + k) % 128;
-  }
-  r.status.CurrentLayer = 40;
-  FullSpectrumAccess::BuildSpectrum(*s);
-  ASSERT_EQ(s->FsCalGeneration, 1u);
+  // Phases 41 ... 127, 0 ... 40: the spectrum is handed over on the last one only.
+  auto cycle = [&](unsigned generation) {
+    for (int k = 1; k <= 128; ++k) {
+      ASSERT_EQ(s->FsCalGeneration, generation - 1) << "phase " << (40 + k) % 128;
+      r.status.CurrentLayer = static_cast<uint8_t>((40 + k) % 128);
+      FullSpectrumAccess::BuildSpectrum(*s);
+    }
+    ASSERT_EQ(s->FsCalGeneration, generation);
+  };
+  cycle(1);
 
   // The raw spectrum: the finishing record's header, every point filled, the body length.
   struct_dma_peaks_status h;
@@ -213,43 +200,24 @@ TEST(FullSpectrumBuild, SpectrumIsHandedOverWhenThePhaseReturnsToTheCycleStart) 
   EXPECT_EQ(h.CurrentLayer, 40);
   EXPECT_EQ(Raw<uint32_t>(*s, 65636), 65624u);
   for (int i = 0; i < CVr480Server::kFsPoints; i += 777) ASSERT_EQ(Raw<int16_t>(*s, 100 + 2 * i), 1000 + i / 128) << i;
-
-  // The comb teeth on spectrum points, with the frequencies the scale gave them.
-  ASSERT_EQ(s->FsFfpiCount, 6);
+  ASSERT_EQ(s->FsFfpiCount, 6);  // the comb teeth on spectrum points, with the scale's frequencies
   EXPECT_EQ(s->FsFfpiRefIndex, 4);
   for (int j = 0; j < 6; ++j) {
     EXPECT_EQ(s->FsFfpiPoints[j], static_cast<int>((10000 + 1001 * j) / 2) - 80);
     EXPECT_DOUBLE_EQ(s->FsFfpiThz[j], 194.0 + (4 - j) * 0.1);
   }
-
-  // A record the scale could not place hands over a spectrum without a comb.
-  s->bScaleValid = false;
-  for (int k = 1; k <= 128; ++k) {
-    r.status.CurrentLayer = static_cast<uint8_t>((40 + k) % 128);
-    FullSpectrumAccess::BuildSpectrum(*s);
-  }
-  EXPECT_EQ(s->FsCalGeneration, 2u);
+  s->bScaleValid = false;  // a record the scale could not place: a spectrum without a comb
+  cycle(2);
   EXPECT_EQ(s->FsFfpiCount, 0);
-}
 
-TEST(FullSpectrumBuild, CombPointsAreClampedToTheSpectrum) {
-  auto s = MakeServer();
-  s->FsCountOffset = 80;
-  s->bScaleValid = true;
-  s->FsPhaseStart = 9;
-  auto r = MakeRecord(9, 0, 1);
+  s->bScaleValid = true;  // comb points are clamped to the spectrum at both ends
   r.status.NumPeaks[1] = 3;
   r.FfpiPeaks[0] = 100;    // 50 - 80 < 0
   r.FfpiPeaks[1] = 30000;
   r.FfpiPeaks[2] = 65535;  // 32767 - 80
-  Feed(*s, r);
-  FullSpectrumAccess::BuildSpectrum(*s);
-  ASSERT_EQ(s->FsCalGeneration, 1u);
-  EXPECT_EQ(s->FsFfpiPoints[0], 0);
-  EXPECT_EQ(s->FsFfpiPoints[1], 14920);
-  EXPECT_EQ(s->FsFfpiPoints[2], 32687);
+  cycle(3);
+  EXPECT_EQ((std::vector<int>{s->FsFfpiPoints[0], s->FsFfpiPoints[1], s->FsFfpiPoints[2]}), (std::vector<int>{0, 14920, 32687}));
   s->FsCountOffset = -200;
-  r.status.CurrentLayer = 9;
-  FullSpectrumAccess::BuildSpectrum(*s);
+  cycle(4);
   EXPECT_EQ(s->FsFfpiPoints[2], 32767);
 }

@@ -1,6 +1,5 @@
 // Resampling a full spectrum onto the wavelength grid, on synthetic spectra whose scale is known
-// exactly: comb teeth every 200 points, 100 GHz apart, so that the wavelength of every point
-// follows from the teeth alone.
+// exactly: comb teeth every 200 points, 100 GHz apart. (Where lines land is checked end to end.)
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -32,14 +31,7 @@ struct CSyntheticComb {
   }
   fs::CCombScale Scale(int ref = 20) const { return {static_cast<int>(Points.size()), Points.data(), Thz.data(), ref}; }
   // The wavelength of a (fractional) point, as the comb defines it.
-  double Nm(double point) const {
-    const double k = (point - kFirstToothPoint) / kToothSpacing;
-    return kC / 1000.0 / (kFirstToothThz - kFsrThz * k);
-  }
-  // The point of a wavelength.
-  double Point(double nm) const {
-    return kFirstToothPoint + (kFirstToothThz - kC / 1000.0 / nm) / kFsrThz * kToothSpacing;
-  }
+  double Nm(double point) const { return kC / 1000.0 / (kFirstToothThz - kFsrThz * (point - kFirstToothPoint) / kToothSpacing); }
 };
 
 struct CResult {
@@ -47,52 +39,21 @@ struct CResult {
   fs::CSweepWindow Window;
 };
 
-CResult Resample(const std::vector<int16_t>& raw, const CSyntheticComb& comb, fs::CCalibrationSettings settings = {},
-            int ref = 20) {
+CResult Resample(const std::vector<int16_t>& raw, const CSyntheticComb& comb, fs::CCalibrationSettings settings = {}, int ref = 20) {
   CResult r;
   std::vector<double> lambda(fs::kPoints, 0.0);
   r.Window = fs::Calibrate(raw.data(), comb.Scale(ref), settings, lambda.data(), r.Out.data());
   return r;
 }
 
-double GridNm(int i, const fs::CCalibrationSettings& s = {}) { return s.LowerNm + i * (s.UpperNm - s.LowerNm) / fs::kPoints; }
+double GridNm(int i) {
+  const fs::CCalibrationSettings s;
+  return s.LowerNm + i * (s.UpperNm - s.LowerNm) / fs::kPoints;
+}
 
 }  // namespace
 
-TEST(SpectrumCalibration, LinesLandAtTheirWavelengthsAndTheCombEndsAreMarked) {
-  const CSyntheticComb comb;
-  // A baseline of 300 with two Gaussian lines between teeth.
-  std::vector<int16_t> raw(fs::kPoints, 300);
-  const double lines[2] = {4321.0, 9876.0};
-  for (int j = 0; j < fs::kPoints; ++j)
-    for (double x : lines) raw[j] = static_cast<int16_t>(raw[j] + 12000.0 * std::exp(-2.7726 * std::pow((j - x) / 28.0, 2)));
-
-  const fs::CCalibrationSettings settings;
-  const CResult r = Resample(raw, comb, settings);
-  const double firstNm = comb.Nm(kFirstToothPoint);
-  const double lastNm = comb.Nm(kFirstToothPoint + kToothSpacing * (kTeeth - 2));
-  for (int i = 0; i < fs::kPoints; ++i) {
-    const double w = GridNm(i);
-    if (w < firstNm) {
-      ASSERT_EQ(r.Out[i], fs::kBeforeComb) << i;
-    } else if (w > lastNm) {
-      ASSERT_EQ(r.Out[i], fs::kAfterComb) << i;
-    } else {
-      ASSERT_GE(r.Out[i], 300 - 1) << i;
-    }
-  }
-  // Each line's brightest grid point is the grid point nearest its wavelength.
-  for (double x : lines) {
-    const double nm = comb.Nm(x);
-    const int expected = static_cast<int>(std::lround((nm - settings.LowerNm) / (settings.UpperNm - settings.LowerNm) * fs::kPoints));
-    int best = expected - 200;
-    for (int i = expected - 200; i <= expected + 200; ++i)
-      if (r.Out[i] > r.Out[best]) best = i;
-    EXPECT_NEAR(best, expected, 1) << "line at point " << x;
-    EXPECT_NEAR(GridNm(best), nm, 0.002);
-  }
-}
-
+// Guards each layer's own part of the grid, the marks beyond the comb's ends, reversed limits.
 TEST(SpectrumCalibration, MultiplexedLayersKeepTheirOwnPartsAndReversedLimitsMarkTheGrid) {
   // Two layers: layer 0 in points 0-16383 (sweep point j at j/2), layer 1 in 16384-32767.
   const CSyntheticComb comb;
@@ -122,6 +83,7 @@ TEST(SpectrumCalibration, MultiplexedLayersKeepTheirOwnPartsAndReversedLimitsMar
   for (int i = 1; i < fs::kPoints; ++i) ASSERT_EQ(reversed.Out[i], fs::kBelowReversedLimit) << i;
 }
 
+// Guards the sweep window: the line through the scan loop's stretch, its counts, its cut at the comb.
 TEST(SpectrumCalibration, SweepWindowFollowsTheScanLoopsCombStretch) {
   const CSyntheticComb comb;
   std::vector<int16_t> raw(fs::kPoints, 300);
@@ -153,6 +115,7 @@ TEST(SpectrumCalibration, SweepWindowFollowsTheScanLoopsCombStretch) {
   EXPECT_FALSE(Resample(raw, comb, settings, 100).Window.bValid);
 }
 
+// Guards the comb checks: three teeth, rising points, falling frequencies, inside the spectrum.
 TEST(SpectrumCalibration, OnlyAnOrderedCombOfThreeTeethIsUsable) {
   const CSyntheticComb comb;
   CSyntheticComb rising = comb, outside = comb, lastUnchecked = comb;
@@ -165,6 +128,7 @@ TEST(SpectrumCalibration, OnlyAnOrderedCombOfThreeTeethIsUsable) {
   for (size_t i = 0; i < std::size(rows); ++i) EXPECT_EQ(fs::CombIsUsable(rows[i].first.Scale()), rows[i].second) << i;
 }
 
+// Guards the spectrum record's layout: frame untouched, header, status byte cleared, scale, length.
 TEST(SpectrumCalibration, RecordCarriesHeaderScaleAndLength) {
   std::vector<uint8_t> record(65640, 0xEE);
   struct_dma_peaks_status header;
@@ -174,20 +138,15 @@ TEST(SpectrumCalibration, RecordCarriesHeaderScaleAndLength) {
   for (int i = 0; i < fs::kPoints; ++i) points[i] = static_cast<int16_t>(i - 100);
   fs::FillSpectrumRecord(record.data(), reinterpret_cast<const uint8_t*>(&header), 1000000, 1520.0, 1570.5,
                          points.data());
-  auto u32 = [&](size_t at) {
-    uint32_t v;
+  auto i32 = [&](size_t at) {
+    int32_t v;
     std::memcpy(&v, record.data() + at, 4);
     return v;
   };
-  for (int i = 0; i < 12; ++i) EXPECT_EQ(record[i], 0xEE) << "the frame's bytes are left alone";
+  EXPECT_EQ(std::vector<uint8_t>(record.begin(), record.begin() + 12), std::vector<uint8_t>(12, 0xEE));  // the frame's
   EXPECT_EQ(record[12], 15);
   EXPECT_EQ(record[13], 0x5A);
-  EXPECT_EQ(u32(56), 0x00012345u) << "processing status byte cleared, grating position kept";
-  EXPECT_EQ(u32(84), 1000000u);
-  EXPECT_EQ(static_cast<int32_t>(u32(92)), 1520000000);
-  EXPECT_EQ(static_cast<int32_t>(u32(96)), 1570500000);
-  int16_t p;
-  std::memcpy(&p, record.data() + 100 + 2 * 5000, 2);
-  EXPECT_EQ(p, 4900);
-  EXPECT_EQ(u32(65636), 65624u);
+  // Processing status byte cleared, grating position kept; granularity, limits, point 5000, length.
+  EXPECT_EQ((std::vector<int32_t>{i32(56), i32(84), i32(92), i32(96), i32(100 + 2 * 5000) & 0xFFFF, i32(65636)}),
+            (std::vector<int32_t>{0x00012345, 1000000, 1520000000, 1570500000, 4900, 65624}));
 }

@@ -17,36 +17,24 @@ using bench::CBench;
 
 namespace {
 
-// The lines of a calibrated spectrum (a #GET_SPECTRUM body): each run of points above 3000,
-// located at the centroid of its part above half its height. Wavelengths in nm.
+// The lines of a calibrated spectrum (a #GET_SPECTRUM body): the top point of each run of points
+// above 3000 (the grid is 1.5 pm fine, far finer than the tolerances). Wavelengths in nm.
 std::vector<double> SpectrumLinesNm(const std::string& body) {
   std::vector<double> lines;
   if (body.size() != 88 + 2 * 32768) return lines;
-  auto i32 = [&](size_t at) {
-    int32_t v;
-    std::memcpy(&v, body.data() + at, 4);
-    return v;
+  auto at = [&](size_t byte, auto v) {
+    std::memcpy(&v, body.data() + byte, sizeof v);
+    return static_cast<double>(v);
   };
-  auto point = [&](int i) {
-    int16_t v;
-    std::memcpy(&v, body.data() + 88 + 2 * i, 2);
-    return static_cast<int>(v);
-  };
-  const double lo = i32(80) / double(i32(72)), hi = i32(84) / double(i32(72));
-  for (int i = 0; i < 32768;) {
-    if (point(i) <= 3000) {
-      ++i;
-      continue;
+  auto point = [&](int i) { return at(88 + 2 * i, int16_t{}); };
+  const double lo = at(80, int32_t{}) / at(72, int32_t{}), hi = at(84, int32_t{}) / at(72, int32_t{});
+  for (int i = 0, top = -1; i <= 32768; ++i) {
+    if (i < 32768 && point(i) > 3000) {
+      if (top < 0 || point(i) > point(top)) top = i;
+    } else if (top >= 0) {
+      lines.push_back(lo + top * (hi - lo) / 32768);
+      top = -1;
     }
-    int end = i, top = i;
-    for (; end < 32768 && point(end) > 3000; ++end)
-      if (point(end) > point(top)) top = end;
-    const double half = point(top) / 2.0;
-    double sum = 0.0, weighted = 0.0;
-    for (int k = top; k >= 0 && point(k) > half; --k) sum += point(k) - half, weighted += (point(k) - half) * k;
-    for (int k = top + 1; k < 32768 && point(k) > half; ++k) sum += point(k) - half, weighted += (point(k) - half) * k;
-    lines.push_back(lo + (weighted / sum) * (hi - lo) / 32768);
-    i = end;
   }
   return lines;
 }
@@ -65,11 +53,11 @@ constexpr int kSpectrumClient = 3;
 
 }  // namespace
 
+// Guards the offset calibration (result, settings restored) and its two failure texts.
 TEST(FullSpectrumCard, OffsetCalibrationFindsTheDetectorLatency) {
   CBench bench(Scene(), sim::EProducerMode::FreeRunning);
   CVr480Server& s = bench.S();
   ASSERT_TRUE(bench.Settle());
-  // Start-up leaves the card on DUT channel 1's detector through the converter's control register.
   const int channel = s.pLastPeaks.load()->AmplitudeChannel();
   ASSERT_EQ(channel, 2);
   s.Driver.SetOperatingMode(1);
@@ -114,6 +102,7 @@ TEST(FullSpectrumCard, OffsetCalibrationFindsTheDetectorLatency) {
   EXPECT_EQ(s.FsCountOffset, 75);
 }
 
+// Guards calibrated spectra (lines where the sensors are) and the ring under concurrent readers.
 TEST(FullSpectrumCard, CalibratedSpectraShowTheScenesLinesUnderConcurrentReaders) {
   const sim::CSimScene scene = Scene();
   CBench bench(scene, sim::EProducerMode::FreeRunning);
@@ -146,9 +135,7 @@ TEST(FullSpectrumCard, CalibratedSpectraShowTheScenesLinesUnderConcurrentReaders
       std::this_thread::sleep_for(1ms);
     }
   });
-  // The acquisition loop runs until the readers have had their spectra: on a loaded machine the
-  // calibration thread and the readers may get little time, so the loop goes on (new spectra
-  // keep coming) rather than counting what arrived within a fixed time.
+  // The loop runs until the readers have had their spectra (a loaded machine gives them little time).
   const auto ceiling = std::chrono::steady_clock::now() + 60s;
   for (int i = 0; (i < 128 * 40 || received < 20) && std::chrono::steady_clock::now() < ceiling; ++i) bench.Pass();
   // The readers leave as clients do: a wait for a spectrum notices that within a second.
@@ -160,9 +147,8 @@ TEST(FullSpectrumCard, CalibratedSpectraShowTheScenesLinesUnderConcurrentReaders
   window.join();
   EXPECT_GE(received, 20);
 
-  // The newest spectrum, as a client that connects now reads it first: the lines of DUT channel 1
-  // (the amplitude channel) at their uncompensated wavelengths, the scene's for the sensors at
-  // the instrument and where the server reports the far one.
+  // The newest spectrum: DUT channel 1's lines at their uncompensated wavelengths (the scene's at
+  // the instrument, where the server reports the far one).
   bench.Connect(kSpectrumClient + 4);
   const std::string newest = bench.Command("#GET_SPECTRUM", kSpectrumClient + 4);
   const std::vector<double> lines = SpectrumLinesNm(newest);
@@ -190,8 +176,8 @@ TEST(FullSpectrumCard, CalibratedSpectraShowTheScenesLinesUnderConcurrentReaders
   EXPECT_TRUE(bench.StopThread());
 }
 
-// How many times a waiter wakes is not counted: broadcasts that come close together reach a
-// waiter that has not yet taken the lock back as one.
+// Guards the three spectra dropped on a channel change and the wake-up of waiters. (Wakes are not
+// counted: close broadcasts reach a waiter that has not yet taken the lock back as one.)
 TEST(FullSpectrumCard, ChannelChangeDropsThreeSpectraThenAPublishedOneWakesWaiters) {
   CBench bench(Scene(), sim::EProducerMode::FreeRunning);
   CVr480Server& s = bench.S();
@@ -210,9 +196,8 @@ TEST(FullSpectrumCard, ChannelChangeDropsThreeSpectraThenAPublishedOneWakesWaite
     while (!stop)
       if (s.SpectrumCond.wait_for(lock, 200ms) == std::cv_status::no_timeout) ++wakes;
   });
-  // The calibration thread drops the spectra at its own pace: the loop runs until it has. A
-  // spectrum it was still working on at the change may yet be published, before its first
-  // drop; from that drop until the last one the ring must not move.
+  // The thread drops at its own pace; a spectrum under way at the change may be published before
+  // the first drop, but from that drop until the last the ring must not move.
   int slot = -1;
   bool publishedWhileDropping = false;  // checked after the waiter has been joined
   const auto ceiling = std::chrono::steady_clock::now() + 30s;
@@ -242,6 +227,7 @@ TEST(FullSpectrumCard, ChannelChangeDropsThreeSpectraThenAPublishedOneWakesWaite
   EXPECT_TRUE(bench.StopThread());
 }
 
+// Guards the peak levels of every amplitude channel against the scene's amplitudes.
 TEST(FullSpectrumCard, PeakLevelsMatchTheScenesAmplitudesOnEveryChannel) {
   const sim::CSimScene scene = Scene();
   CBench bench(scene, sim::EProducerMode::FreeRunning);

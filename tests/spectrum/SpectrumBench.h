@@ -1,8 +1,6 @@
-// A bench for the laser's control loops and the full spectrum: a server object over its own
-// simulated card, prepared as start-up prepares it for acquisition, with the laser settings of
-// a working instrument given as command lines. In Step mode nothing runs between records, so
-// what the card received follows from the test alone and seconds of card time take a fraction
-// of that in wall time; free-running, the calibration thread can run beside the loop.
+// A server object over its own simulated card, prepared as start-up prepares it, with the laser
+// of a working instrument. In Step mode nothing runs between records, so what the card received
+// follows from the test alone; free-running, the calibration thread can run beside the loop.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -22,7 +20,6 @@
 #include "sim/SimScene.h"
 #include "support/TempDir.h"
 
-// The acquisition stages and the calibration thread are private to the server.
 struct FullSpectrumAccess {
   static void Pass(CVr480Server& s) { s.AcquisitionPass(); }
   static void GetData(CVr480Server& s) { s.GetData(); }
@@ -44,18 +41,8 @@ struct FullSpectrumAccess {
 
 namespace bench {
 
-// FPGA command codes of the laser settings and the ready LED.
-constexpr uint8_t kBiasCode = 0x03, kScanAmpCode = 0x04, kReadyLedCode = 0x07;
-// Where the loops settle on the simulated card with its default optics at 35 degC.
-constexpr int kReadyBias = sim::factory::kBias;
-constexpr int kReadyScanAmp = sim::factory::kScanAmp;
-
-// The settings of a working instrument: light, the laser at its ready point, both loops on.
-inline std::vector<std::string> ReadyLaser() {
-  return {"#SET_SOA_DRIVE 30000", "#SET_SCAN_AMP " + std::to_string(kReadyScanAmp),
-          "#SET_INITIAL_BIAS " + std::to_string(kReadyBias), "#SET_BIAS " + std::to_string(kReadyBias),
-          "#SET_AUTOBIAS 1", "#SET_AUTO_SCAN_AMP 1"};
-}
+constexpr uint8_t kBiasCode = 0x03, kScanAmpCode = 0x04, kReadyLedCode = 0x07;  // FPGA command codes
+constexpr int kReadyBias = sim::factory::kBias;  // where the bias loop settles on the default optics
 
 inline sim::CSimScene Scene(const std::string& text) {
   const sim::CSceneParseResult scene = sim::ParseScene(text);
@@ -80,8 +67,11 @@ class CBench {
     if (bOpen) FullSpectrumAccess::Prepare(*Server);
     testing::internal::GetCapturedStdout();
     EXPECT_TRUE(bOpen);
-    bRun = false;  // the settings are replayed as at start-up
-    for (const std::string& line : ReadyLaser()) Command(line);
+    bRun = false;  // light, the laser at its ready point, both loops on; replayed as at start-up
+    const std::string bias = std::to_string(kReadyBias);
+    for (const std::string& line : std::vector<std::string>{"#SET_SOA_DRIVE 30000", "#SET_SCAN_AMP " + std::to_string(sim::factory::kScanAmp),
+                                                            "#SET_INITIAL_BIAS " + bias, "#SET_BIAS " + bias, "#SET_AUTOBIAS 1", "#SET_AUTO_SCAN_AMP 1"})
+      Command(line);
     bRun = true;
   }
   ~CBench() {
@@ -122,8 +112,7 @@ class CBench {
   int AutoBias() { return FullSpectrumAccess::AutoBias(*Server); }
   int AutoScanAmp() { return FullSpectrumAccess::AutoScanAmp(*Server); }
 
-  // Runs the acquisition loop until the scan loop declares the instrument ready and the bias
-  // loop has stopped stepping (each step moves every line along the sweep by several counts).
+  // Runs until the instrument is ready and the bias loop has stopped stepping.
   bool Settle(int maxRecords = 30000) {
     int i = 0;
     for (; i < maxRecords && !Server->bReady; ++i) Pass();
@@ -147,7 +136,7 @@ class CBench {
     Server->DataInterleave[client] = 1;
   }
 
-  // Grating position on the record just fetched (counts; 0 when it has none).
+  // Grating position on the record just fetched (0 when it has none).
   int Grating() const { return static_cast<int>(Server->pPeaks->status.FbgPosition & 0x00FFFFFF); }
   int GratingError() const { return Grating() - Server->GratingTargetLocationCounts; }
 
