@@ -166,12 +166,6 @@ TEST(PeakPipeline, SensorsBecomeCorrectedWavelengths) {
   r.status.flags1_lo = 1;
   ExpectFm(Feed(*s, r).Value(3, 0) + 1560000000, NmBetween(70, 0.5));
 
-  s->bUseReferences = false;  // picometres
-  s->Granularity = 1000;
-  r.status.flags1_lo = 0;
-  p = Feed(*s, r);
-  EXPECT_EQ(p.Granularity(), 1000u);
-  EXPECT_NEAR(p.Value(1, 0), std::trunc(Nm(ToothThz(40)) * 1000), 1);
 }
 
 // Guards the inclusive window edges, renumbering after a drop, and binned sensors keeping numbers.
@@ -204,23 +198,6 @@ TEST(PeakPipeline, WindowKeepsItsEdgesAndDropsTheRest) {
   ExpectFm(p.Value(0, 0) + 1000, lowNm);
   ExpectFm(p.Value(0, 1) + 2000, Nm(ToothThz(40)));
   ExpectFm(p.Value(0, 2), highNm);
-}
-
-// Guards the time-of-flight compensation per sensor and per layer.
-TEST(PeakPipeline, DistanceCompensationTakesTheRoundTripOff) {
-  auto s = MakeServer();
-  auto r = MakeSweep();
-  AddSensor(r, 0, ToothCount(30));
-  AddSensor(r, 0, ToothCount(41));
-  AddSensor(r, 2, ToothCount(50) + 300);
-  s->TimeOfFlightInCounts[0][1] = kToothSpacing;  // one tooth late
-  s->TimeOfFlightInCounts[10][0] = 300;           // channel 2, layer 2
-  const Published p = Feed(*s, r);
-  ExpectFm(p.Value(0, 0), Nm(ToothThz(30)));
-  ExpectFm(p.Value(0, 1), Nm(ToothThz(40)));
-  ExpectFm(p.Value(2, 0), NmBetween(50, 300.0 / kToothSpacing));  // layer 0: not compensated
-  r.status.flags1_lo = 2;
-  ExpectFm(Feed(*s, r).Value(2, 0), Nm(ToothThz(50)));
 }
 
 // Guards the running average per sensor, a missing binned sensor, and a new depth starting over.
