@@ -14,33 +14,30 @@
 #include "support/ServerProcess.h"
 #include "support/TempDir.h"
 
+using namespace std::chrono_literals;
+
 namespace {
 
 // Asserts that `texts` appear in `output` in this order.
 void ExpectInOrder(const std::string& output, const std::vector<std::string>& texts) {
   size_t at = 0;
   for (const auto& t : texts) {
-    size_t found = output.find(t, at);
+    const size_t found = output.find(t, at);
     ASSERT_NE(found, std::string::npos) << "missing or out of order: [" << t << "]";
     at = found + t.size();
   }
 }
 
-void WriteNvram(const std::string& root, sim::ENvramImage image, const std::string& serial = "SN-TEST-0000042") {
-  auto bytes = sim::MakeNvramImage(image, serial);
+void WriteNvram(const std::string& root, sim::ENvramImage image) {
+  const auto bytes = sim::MakeNvramImage(image, "SN-TEST-0000042");
   WriteFile(sim::NvramPath(root), std::string(bytes.begin(), bytes.end()));
 }
 
-std::string NvramBytesOf(const std::string& root) { return ReadFile(sim::NvramPath(root)); }
-
-}  // namespace
-
-namespace {
+const std::vector<std::string> kHostStart = {"/sbin/hwclock --hctosys", "stty -F /dev/ttyS0 ospeed 115200 cs8 -cstopb -parenb"};
 
 // What start-up ends with, by what the root holds: a blank bridge or a too-old configuration
 // memory is rewritten and start-up ends there (the new image takes effect at the next
-// power-up); without a card, or with a card that is no vr480, the server says so. The runs go
-// side by side: each is mostly waiting.
+// power-up); without a card, or with a card that is no vr480, the server says so.
 struct SRow {
   const char* Name;
   std::function<void(const std::string& root)> Prepare;
@@ -73,7 +70,7 @@ const std::vector<SRow>& Rows() {
   return rows;
 }
 
-// The runs start with the suite, beside its other cases.
+// The runs start with the suite and go side by side: each is mostly waiting.
 class ServerLifecycle : public testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -84,7 +81,7 @@ class ServerLifecycle : public testing::Test {
       row.Prepare(Roots.back()->Path());
       Runs.push_back(std::async(std::launch::async, [root = Roots.back()->Path()] {
         std::string out;
-        const int code = RunServerToExit({"--root", root, "--port", std::to_string(FreePort())}, &out, std::chrono::seconds(90));
+        const int code = RunServerToExit({"--root", root, "--port", std::to_string(FreePort())}, &out, 90s);
         return std::make_pair(code, out);
       }));
     }
@@ -104,35 +101,32 @@ class ServerLifecycle : public testing::Test {
 
 }  // namespace
 
+// Guards the start-up and stop texts in order, and the host commands that come before Init.
 TEST_F(ServerLifecycle, FreshRootStartsOnTheSimulatedCardAndStopsOnSigterm) {
   CTempDir root;
   CServerProcess server(root.Path(), FreePort());
-  ASSERT_TRUE(server.WaitForOutput("**FsCountOffset = ", std::chrono::seconds(40))) << server.Output().substr(0, 4000);
-  const std::string started = server.Output();
-  ExpectInOrder(started, {
-                             "The current output terminal is ",
-                             "\n\n\n*************************************\n"
-                             "***** Found a Rev. 3 ZOR vr480. *****\n"
-                             "*************************************\n",
-                             "Wvl Avg Est Memory Requirements = 40017096\n",
-                             "Error opening cfc_build file.\n",
-                             "**** FS is optimized ****\n",
-                             "\nAutoBias time = ",
-                             "\n--------------------------------------------------------\n"
-                             "SVN Base Build 47, Mon Dec  6 22:30:32 GMT-5 2010\n"
-                             "--------------------------------------------------------\n"
-                             "Server Release 2.0h\n"
-                             "Driver Release 52\n"
-                             "FPGA Synthesis Release 101\n"
-                             "Base CFC Build 1\n"
-                             "--------------------------------------------------------\n\n",
-                             "eth0:\tIP Address: ",
-                             "**FsCountOffset = ",
-                         });
-
-  auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(server.Stop(SIGTERM, std::chrono::seconds(15)), 0);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
+  ASSERT_TRUE(server.WaitForOutput("**FsCountOffset = ", 40s)) << server.Output().substr(0, 4000);
+  ExpectInOrder(server.Output(), {
+                                     "The current output terminal is ",
+                                     "\n\n\n*************************************\n"
+                                     "***** Found a Rev. 3 ZOR vr480. *****\n"
+                                     "*************************************\n",
+                                     "Wvl Avg Est Memory Requirements = 40017096\n",
+                                     "Error opening cfc_build file.\n",
+                                     "**** FS is optimized ****\n",
+                                     "\nAutoBias time = ",
+                                     "\n--------------------------------------------------------\n"
+                                     "SVN Base Build 47, Mon Dec  6 22:30:32 GMT-5 2010\n"
+                                     "--------------------------------------------------------\n"
+                                     "Server Release 2.0h\n"
+                                     "Driver Release 52\n"
+                                     "FPGA Synthesis Release 101\n"
+                                     "Base CFC Build 1\n"
+                                     "--------------------------------------------------------\n\n",
+                                     "eth0:\tIP Address: ",
+                                     "**FsCountOffset = ",
+                                 });
+  EXPECT_EQ(server.Stop(SIGTERM, 15s), 0);
   ExpectInOrder(server.Output(), {
                                      "Canceling the FS calibration thread...done.\n",
                                      "Waiting for client threads to halt...\n",
@@ -142,39 +136,36 @@ TEST_F(ServerLifecycle, FreshRootStartsOnTheSimulatedCardAndStopsOnSigterm) {
                                      "Attempting to free 40017096 bytes from averaging buffers...OK.\n",
                                      "\nServer Terminated Normally.\n",
                                  });
-  CHost host(root.Path());
-  auto log = host.CommandLog();
   // The clock is loaded from the hardware clock before Init, whose first command sets up the port.
+  const auto log = CHost(root.Path()).CommandLog();
   ASSERT_GE(log.size(), 2u);
-  EXPECT_EQ(log[0], "/sbin/hwclock --hctosys");
-  EXPECT_EQ(log[1], "stty -F /dev/ttyS0 ospeed 115200 cs8 -cstopb -parenb");
+  EXPECT_EQ(std::vector<std::string>(log.begin(), log.begin() + 2), kHostStart);
 }
 
+// Guards the start-up codes and texts by root, and the rewritten configuration memory.
 TEST_F(ServerLifecycle, RootDecidesTheStartupCode) {
-  const auto& rows = Rows();
-  auto& roots = Roots;
-  for (size_t i = 0; i < rows.size(); ++i) {
-    SCOPED_TRACE(rows[i].Name);
+  for (size_t i = 0; i < Rows().size(); ++i) {
+    SCOPED_TRACE(Rows()[i].Name);
     const auto [code, out] = Runs[i].get();
-    EXPECT_EQ(code, rows[i].Code) << out;
-    ExpectInOrder(out, rows[i].Texts);
+    EXPECT_EQ(code, Rows()[i].Code) << out;
+    ExpectInOrder(out, Rows()[i].Texts);
   }
-  std::string nv = NvramBytesOf(roots[0]->Path());
+  std::string nv = ReadFile(sim::NvramPath(Roots[0]->Path()));
   ASSERT_EQ(nv.size(), 256u);
   EXPECT_EQ(static_cast<uint8_t>(nv[0x48]), 3);
   EXPECT_EQ(nv.substr(0x40, 4), std::string("\xE8\x10\x82\x88", 4));
-  nv = NvramBytesOf(roots[1]->Path());
+  nv = ReadFile(sim::NvramPath(Roots[1]->Path()));
   EXPECT_EQ(static_cast<uint8_t>(nv[0x48]), 3);
   EXPECT_EQ(nv.substr(0x80, 15), "SN-TEST-0000042");
-  EXPECT_EQ(CHost(roots[3]->Path()).CommandLog(),
-            (std::vector<std::string>{"/sbin/hwclock --hctosys", "stty -F /dev/ttyS0 ospeed 115200 cs8 -cstopb -parenb"}));
+  EXPECT_EQ(CHost(Roots[3]->Path()).CommandLog(), kHostStart);
 }
 
+// Guards the board marker: revision 2 without it is no reason to rewrite.
 TEST_F(ServerLifecycle, RevisionTwoWithoutTheBoardMarkerStartsNormally) {
-  ASSERT_TRUE(Rev2->WaitForOutput("**** FS is optimized ****", std::chrono::seconds(60)));
+  ASSERT_TRUE(Rev2->WaitForOutput("**** FS is optimized ****", 60s));
   EXPECT_NE(Rev2->Output().find("***** Found a Rev. 2 ZOR vr480. *****"), std::string::npos);
   EXPECT_EQ(Rev2->Output().find("Reflashing"), std::string::npos);
-  EXPECT_EQ(Rev2->Stop(SIGINT, std::chrono::seconds(15)), 0);
+  EXPECT_EQ(Rev2->Stop(SIGINT, 15s), 0);
 }
 
 TEST_F(ServerLifecycle, HelpAndBadOptions) {
