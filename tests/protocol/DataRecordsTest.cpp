@@ -1,7 +1,8 @@
-// The processed-record replies against a server object without a card: the real peak pipeline
-// fills the ring from hand-built sweeps, and the tests run the data commands through the
-// dispatcher as a client's service thread does, decoding the bodies with the client-side
-// reader of DataWire.h. The end-to-end tests (ProtocolTest.cpp) do the same over TCP.
+// The data replies (records, spectra, the card's raw record, the web status line) against a
+// server object without a card: the real peak pipeline fills the record ring from hand-built
+// sweeps, the spectrum ring is filled by hand in the layout the full-spectrum engine publishes,
+// and the commands run through the dispatcher as a client's service thread runs them. Bodies are
+// decoded with the client-side reader of DataWire.h.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -15,19 +16,24 @@
 #include "DataWire.h"
 #include "processing/ProcessingFixture.h"
 #include "protocol/CommandTable.h"
+#include "system/NetworkGlobals.h"
 
 using namespace std::chrono_literals;
 using data_wire::SRecord;
+using data_wire::U16;
+using data_wire::U32;
+using data_wire::U8;
 using Clock = std::chrono::steady_clock;
 
 namespace {
 
 constexpr int kRing = 30000;
 constexpr size_t kSlotBytes = 4612;
-
-// Sensor positions: channel ch, sensor i sits a quarter of the way past comb tooth
-// kTeethOf[ch][i] (all inside 1520-1570 nm).
+constexpr size_t kSpectrumBytes = 65640;
+constexpr uint32_t kSpectrumBody = 65624;  // 88 + 32768 x 2
+// Channel ch, sensor i sits a quarter of the way past comb tooth kTeethOf[ch][i].
 constexpr int kTeethOf[4][3] = {{20, 25, 30}, {35, 40, 45}, {50, 55, 65}, {70, 72, 75}};
+double SensorFm(int ch, int i) { return proc_test::Fm(proc_test::NmBetween(kTeethOf[ch][i], 0.25)); }
 
 struct SReply {
   int Code = 0;
@@ -36,13 +42,12 @@ struct SReply {
   SRecord Record() const { return SRecord{Body}; }
 };
 
-// A server as start-up leaves it, without a card, and a producer of sweeps.
-class CRingHarness {
+// A server as start-up leaves it, without a card, and a producer of sweeps and spectra.
+class CHarness {
  public:
-  CRingHarness() { S->SetNumAverages(0, 0, 1); }
+  CHarness() { S->SetNumAverages(0, 0, 1); }
 
-  // Publishes one sweep through the pipeline: `perChannel` sensors on each DUT channel, the
-  // amplitude channel `amplitudeChannel`, the next sweep counter.
+  // One sweep through the pipeline: `perChannel` sensors per DUT channel, the next sweep counter.
   uint32_t Publish(int perChannel = 3, uint8_t amplitudeChannel = 0) {
     auto r = proc_test::MakeSweep();
     const uint32_t sweep = NextSweep++;
@@ -66,8 +71,7 @@ class CRingHarness {
     S->ClientRecordInUse[client] = -1;
   }
 
-  // Runs a command for a client; a record reply's slot is released afterwards, as the session
-  // layer does once it has written the reply.
+  // A record reply's slot is released afterwards, as the session layer does once it is written.
   SReply Command(int client, const char* line, bool release = true) {
     char* body = nullptr;
     unsigned length = 0;
@@ -78,29 +82,70 @@ class CRingHarness {
     if (release && reply.Code == kReplyRecord) S->ReleaseClientRecord(static_cast<uint16_t>(client));
     return reply;
   }
+  std::string Body(int client, const char* line) { return Command(client, line).Body; }
 
-  const uint8_t* Slot(int index) const { return S->ProcessedData + static_cast<size_t>(index) * kSlotBytes; }
+  const uint8_t* Slot(int index) const { return proc_test::Slot(*S, index); }
   bool InRing(const char* p) const {
     const auto* u = reinterpret_cast<const uint8_t*>(p);
     return u >= S->ProcessedData && u < S->ProcessedData + kRing * kSlotBytes;
   }
   int Newest() const { return (S->ProcessedWriteIndex + kRing - 1) % kRing; }
 
+  // Spectra: full-spectrum acquisition on, every client at the newest slot (as connect leaves it).
+  void SpectraOn() {
+    S->bFsEnable = true;
+    S->SpectrumWriteIndex = 0;
+    for (int c = 0; c < 11; ++c) S->SpectrumReadIndex[c] = 15;
+  }
+  // A recognisable spectrum in a ring slot: header bytes and points from `seed`.
+  void FillSpectrum(int slot, uint8_t seed) {
+    uint8_t* rec = S->SpectrumBuffer + static_cast<size_t>(slot) * kSpectrumBytes;
+    for (size_t i = 12; i < kSpectrumBytes - 4; ++i) rec[i] = static_cast<uint8_t>(seed + i * 13);
+    rec[12] = 15;
+    rec[12 + 7] = 0x03;  // low nibble kept by the reply, high nibble replaced
+    std::memcpy(rec + kSpectrumBytes - 4, &kSpectrumBody, 4);
+  }
+  // The slot's body with the two bytes a spectrum reply patches (type, fill level) taken from `reply`.
+  std::string SpectrumAs(int slot, const std::string& reply) const {
+    std::string ring(reinterpret_cast<const char*>(S->SpectrumBuffer) + slot * kSpectrumBytes + 12, kSpectrumBody);
+    ring[7] = reply.at(7);
+    ring[48] = reply.at(48);
+    return ring;
+  }
+  // Publishes the slot at the write index, as the calibration thread does.
+  void PublishSpectrum(uint8_t seed) {
+    FillSpectrum(S->SpectrumWriteIndex, seed);
+    std::lock_guard<std::mutex> g(S->SpectrumMutex);
+    S->SpectrumWriteIndex = static_cast<uint16_t>((S->SpectrumWriteIndex + 1) % 16);
+    S->SpectrumCond.notify_all();
+  }
+  // Runs `f` on another thread after `delay`; joined by the returned guard.
+  struct SLater {
+    std::thread T;
+    ~SLater() { T.join(); }
+  };
+  template <class F>
+  static SLater After(std::chrono::milliseconds delay, F f) {
+    return SLater{std::thread([=] { std::this_thread::sleep_for(delay); f(); })};
+  }
+
   std::unique_ptr<CVr480Server> S = proc_test::MakeServer();
   std::vector<struct_dma_peaks_data> Sweeps;
   uint32_t NextSweep = 5000;
 };
 
-// floor((30000 - n) x 99.99 / 30000), worked out by hand for the cases used.
+// floor((30000 - n) x 99.99 / 30000): 98 for 300 unread, 49 for half a ring.
 uint32_t FreePercentFor(int unread) { return static_cast<uint32_t>(std::floor((kRing - unread) * 99.99 / kRing)); }
 
 }  // namespace
 
+// Guards the slot a record is sent from, its in-use mark, the header the reply patches, the
+// backlog count and the order of buffered reads.
 TEST(DataRecords, ReadsServeEveryRecordInOrderFromItsSlotAndReportTheBacklog) {
-  CRingHarness h;
+  CHarness h;
   h.PublishMany(5);
   h.Connect(0);
-  EXPECT_EQ(h.Command(0, "#GET_BUFFER_COUNT").Body, "1");
+  EXPECT_EQ(h.Body(0, "#GET_BUFFER_COUNT"), "1");
   // The first read after connecting is the newest record, sent from the slot itself and marked
   // in use until the session layer has written it.
   const int slot = h.Newest();
@@ -111,101 +156,88 @@ TEST(DataRecords, ReadsServeEveryRecordInOrderFromItsSlotAndReportTheBacklog) {
   EXPECT_EQ(h.S->ClientRecordInUse[0], slot);
   const SRecord rec = reply.Record();
   ASSERT_EQ(rec.Size(), 88u + 4 * 12);
-  EXPECT_EQ(rec.Type(), 1u);
-  EXPECT_EQ(rec.FreePercent(), 99u);
-  EXPECT_EQ(rec.Sweep(), h.NextSweep - 1);
-  EXPECT_EQ(rec.Status(), 0u);
-  EXPECT_EQ(rec.Granularity(), 1000000u);
-  EXPECT_TRUE(rec.LengthMatchesCounts());
+  EXPECT_EQ(std::vector<uint32_t>({rec.Type(), rec.FreePercent(), rec.Sweep(), rec.Status(), rec.Granularity()}),
+            std::vector<uint32_t>({1, 99, h.NextSweep - 1, 0, 1000000}));
   for (int ch = 0; ch < 4; ++ch) {
     EXPECT_EQ(rec.Count(ch), 3u);
-    for (int i = 0; i < 3; ++i) EXPECT_NEAR(rec.Value(ch, i), proc_test::Fm(proc_test::NmBetween(kTeethOf[ch][i], 0.25)), 1.0);
+    for (int i = 0; i < 3; ++i) EXPECT_NEAR(rec.Value(ch, i), SensorFm(ch, i), 1.0);
   }
-  // Every byte but the two the reply patches is the pipeline's.
   std::string ring(reinterpret_cast<const char*>(h.Slot(slot) + 12), rec.Size());
-  ring[7] = rec.Bytes[7];
+  ring[7] = rec.Bytes[7];  // every byte but the two the reply patches is the pipeline's
   ring[48] = rec.Bytes[48];
   EXPECT_TRUE(ring == rec.Bytes);
   h.S->ReleaseClientRecord(0);
   EXPECT_EQ(h.Slot(slot)[4608], 0);
   EXPECT_EQ(h.S->ClientRecordInUse[0], -1);
-  EXPECT_EQ(h.Command(0, "#GET_BUFFER_COUNT").Body, "0");
+  EXPECT_EQ(h.Body(0, "#GET_BUFFER_COUNT"), "0");
 
-  // Buffered reads serve every record in order, with the free space of the ring.
   const uint32_t first = h.Publish();
   h.PublishMany(299);
-  EXPECT_EQ(h.Command(0, "#GET_BUFFER_COUNT").Body, "300");
+  EXPECT_EQ(h.Body(0, "#GET_BUFFER_COUNT"), "300");
+  EXPECT_EQ(FreePercentFor(300), 98u);
   for (int n = 300; n >= 1; --n) {
     const SRecord r = h.Command(0, "#GET_DATA").Record();
     ASSERT_EQ(r.Sweep(), first + static_cast<uint32_t>(300 - n)) << "unread " << n;
     ASSERT_EQ(r.FreePercent(), FreePercentFor(n)) << "unread " << n;
   }
-  EXPECT_EQ(FreePercentFor(300), 98u);
-  EXPECT_EQ(h.Command(0, "#GET_BUFFER_COUNT").Body, "0");
+  EXPECT_EQ(h.Body(0, "#GET_BUFFER_COUNT"), "0");
 }
 
-// A flush drops the backlog (the next read waits); an unbuffered read takes the newest and
-// leaves the buffered position alone; with buffers off each read is the next unread record
-// and drops the rest (newest-first is not asked for).
+// Guards the flush (drops the backlog, exact reply), unbuffered reads leaving the buffered
+// position alone, and reads with buffers off (the next record, the rest dropped).
 TEST(DataRecords, FlushUnbufferedReadsAndBuffersOff) {
-  CRingHarness h;
+  CHarness h;
   h.PublishMany(4);
   h.Connect(3);
   h.PublishMany(6);
-  EXPECT_EQ(h.Command(3, "#GET_BUFFER_COUNT").Body, "7");
-  EXPECT_EQ(h.Command(3, "#FLUSH_BUFFER").Body, "Client 3 buffers flushed.\n");
-  EXPECT_EQ(h.Command(3, "#GET_BUFFER_COUNT").Body, "0");
-  std::thread later([&] {
-    std::this_thread::sleep_for(50ms);
-    h.Publish();
-  });
-  const SRecord rec = h.Command(3, "#GET_DATA").Record();
-  later.join();
+  EXPECT_EQ(h.Body(3, "#GET_BUFFER_COUNT"), "7");
+  EXPECT_EQ(h.Body(3, "#FLUSH_BUFFER"), "Client 3 buffers flushed.\n");
+  EXPECT_EQ(h.Body(3, "#GET_BUFFER_COUNT"), "0");
+  SRecord rec;
+  {
+    auto later = CHarness::After(50ms, [&] { h.Publish(); });
+    rec = h.Command(3, "#GET_DATA").Record();
+  }
   EXPECT_EQ(rec.Sweep(), h.NextSweep - 1);
   EXPECT_EQ(rec.FreePercent(), 100u);
 
   const uint32_t first = h.Publish();
   h.PublishMany(10);
   EXPECT_EQ(h.Command(3, "#GET_DATA").Record().Sweep(), first);
-  SRecord newest = h.Command(3, "#GET_UNBUFFERED_DATA").Record();
-  EXPECT_EQ(newest.Sweep(), h.NextSweep - 1);
-  EXPECT_EQ(newest.Type(), 1u);
-  EXPECT_EQ(newest.FreePercent(), 99u);
+  const SRecord newest = h.Command(3, "#GET_UNBUFFERED_DATA").Record();
+  EXPECT_EQ(std::vector<uint32_t>({newest.Sweep(), newest.Type(), newest.FreePercent()}),
+            std::vector<uint32_t>({h.NextSweep - 1, 1, 99}));
   EXPECT_TRUE(newest.LengthMatchesCounts());
-  newest = h.Command(3, "#GET_UNBUFFERED_DATA_AND_LEVELS").Record();
-  EXPECT_EQ(newest.Sweep(), h.NextSweep - 1);
-  EXPECT_EQ(newest.Type(), 5u);
-  ASSERT_EQ(h.Command(3, "#GET_BUFFER_COUNT").Body, "10") << "the unbuffered reads moved the position";
+  const SRecord levels = h.Command(3, "#GET_UNBUFFERED_DATA_AND_LEVELS").Record();
+  EXPECT_EQ(std::make_pair(levels.Sweep(), levels.Type()), std::make_pair(h.NextSweep - 1, 5u));
+  ASSERT_EQ(h.Body(3, "#GET_BUFFER_COUNT"), "10") << "the unbuffered reads moved the position";
   EXPECT_EQ(h.Command(3, "#GET_DATA").Record().Sweep(), first + 1);
-  EXPECT_EQ(h.Command(3, "#GET_BUFFER_COUNT").Body, "9");
-  // A stray argument is no unbuffered read; the next command is still answered.
-  EXPECT_EQ(h.Command(3, "#GET_UNBUFFERED_DATA 1").Body, "!Invalid command or argument: #GET_UNBUFFERED_DATA 1.");
-  EXPECT_EQ(h.Command(3, "#GET_BUFFER_COUNT").Body, "9");
+  EXPECT_EQ(h.Body(3, "#GET_UNBUFFERED_DATA 1"), "!Invalid command or argument: #GET_UNBUFFERED_DATA 1.");
+  EXPECT_EQ(h.Body(3, "#GET_BUFFER_COUNT"), "9");
 
   h.S->bBufferEnable[3] = false;
   const uint32_t a = h.Command(3, "#GET_DATA").Record().Sweep();
-  EXPECT_EQ(h.Command(3, "#GET_BUFFER_COUNT").Body, "0");
+  EXPECT_EQ(h.Body(3, "#GET_BUFFER_COUNT"), "0");
   h.PublishMany(3);
   const uint32_t b = h.Command(3, "#GET_DATA").Record().Sweep();
   EXPECT_EQ(b, h.NextSweep - 3);
   EXPECT_GT(b, a);
-  EXPECT_EQ(h.Command(3, "#GET_BUFFER_COUNT").Body, "0");
+  EXPECT_EQ(h.Body(3, "#GET_BUFFER_COUNT"), "0");
 }
 
+// Guards the waiting read: it outlasts its one-second wakes, and only a trigger-mode change or
+// the server's stop ends it with the "no new data" header, each client with its own header.
 TEST(DataRecords, AReadWaitsForTheNextRecordAndOnlyAModeChangeOrAStopEndsItEmpty) {
-  CRingHarness h;
+  CHarness h;
   h.PublishMany(3);
   h.Connect(0);
   h.Command(0, "#GET_DATA");
   const uint16_t position = h.S->ProcessedReadIndex[0];
-
-  // An idle card: the wait outlasts its one-second wakes and ends with the next record, while
-  // another client's commands go on.
   h.Connect(1);
   SReply reply;
   std::thread reader([&] { reply = h.Command(0, "#GET_DATA"); });
   std::this_thread::sleep_for(2500ms);
-  EXPECT_EQ(h.Command(1, "#GET_BUFFER_COUNT").Body, "1");
+  EXPECT_EQ(h.Body(1, "#GET_BUFFER_COUNT"), "1");  // another client is served meanwhile
   EXPECT_EQ(h.Command(1, "#GET_DATA").Record().Sweep(), h.NextSweep - 1);
   const uint32_t sweep = h.Publish();
   reader.join();
@@ -213,32 +245,25 @@ TEST(DataRecords, AReadWaitsForTheNextRecordAndOnlyAModeChangeOrAStopEndsItEmpty
   EXPECT_EQ(reply.Record().Sweep(), sweep);
   EXPECT_EQ(reply.Record().FreePercent(), 100u);
 
-  // A broadcast for a trigger mode change ends the wait with the "no new data" header.
   const uint16_t caughtUp = h.S->ProcessedReadIndex[0];
-  std::thread mode([&] {
-    std::this_thread::sleep_for(100ms);
-    std::lock_guard<std::mutex> g(h.S->DataMutex);
-    ++h.S->DataModeChanges;
-    h.S->DataCond.notify_all();
-  });
-  reply = h.Command(0, "#GET_DATA_AND_LEVELS");
-  mode.join();
+  {
+    auto mode = CHarness::After(100ms, [&] {
+      std::lock_guard<std::mutex> g(h.S->DataMutex);
+      ++h.S->DataModeChanges;
+      h.S->DataCond.notify_all();
+    });
+    reply = h.Command(0, "#GET_DATA_AND_LEVELS");
+  }
   ASSERT_EQ(reply.Code, kReplyRecord);
   EXPECT_TRUE(reply.Record().IsNoDataHeader());
   EXPECT_FALSE(h.InRing(reply.Pointer));
   EXPECT_EQ(h.S->ProcessedReadIndex[0], caughtUp);
   EXPECT_NE(caughtUp, position);
-
-  // So does the server's stop.
-  std::thread stop([&] {
-    std::this_thread::sleep_for(100ms);
-    h.S->bClosingSessions = true;
-  });
-  reply = h.Command(0, "#GET_DATA");
-  stop.join();
+  {
+    auto stop = CHarness::After(100ms, [&] { h.S->bClosingSessions = true; });
+    reply = h.Command(0, "#GET_DATA");
+  }
   EXPECT_TRUE(reply.Record().IsNoDataHeader());
-
-  // Each client has its own header: one client's frame digits never reach another's reply.
   h.S->ProcessedReadIndex[1] = h.S->ProcessedWriteIndex.load();
   const SReply other = h.Command(1, "#GET_DATA");
   h.S->bClosingSessions = false;
@@ -246,24 +271,22 @@ TEST(DataRecords, AReadWaitsForTheNextRecordAndOnlyAModeChangeOrAStopEndsItEmpty
   EXPECT_NE(other.Pointer, reply.Pointer);
 }
 
+// Guards the interleave: every Nth sweep, and with a multiplexer every Nth whole cycle.
 TEST(DataRecords, InterleaveServesEveryNthSweepPerMultiplexerCycle) {
-  CRingHarness h;
+  CHarness h;
   h.NextSweep = 101;
   h.Publish();
   h.Connect(0);
   h.PublishMany(120);  // sweeps 101-221
-  EXPECT_EQ(h.Command(0, "#SET_DATA_INTERLEAVE 10").Body, "Client data interleave set to 10.\n");
+  EXPECT_EQ(h.Body(0, "#SET_DATA_INTERLEAVE 10"), "Client data interleave set to 10.\n");
   std::vector<uint32_t> got;
   for (int i = 0; i < 12; ++i) got.push_back(h.Command(0, "#GET_DATA").Record().Sweep());
   EXPECT_EQ(got, (std::vector<uint32_t>{110, 120, 130, 140, 150, 160, 170, 180, 190, 200, 210, 220}));
-  // Nothing acceptable left: the skipped records are gone, and the read would wait (as the
-  // server stops, it answers at once with the "no new data" header instead).
+  // The skipped records are gone (as the server stops, the read answers at once).
   h.S->bClosingSessions = true;
   EXPECT_TRUE(h.Command(0, "#GET_DATA").Record().IsNoDataHeader());
   h.S->bClosingSessions = false;
-  EXPECT_EQ(h.Command(0, "#GET_BUFFER_COUNT").Body, "0");
-
-  // Four multiplexer layers: one cycle is four sweeps, and whole cycles are kept.
+  EXPECT_EQ(h.Body(0, "#GET_BUFFER_COUNT"), "0");
   h.S->MuxLevel = 4;
   h.PublishMany(160);  // sweeps 222-381
   got.clear();
@@ -271,92 +294,79 @@ TEST(DataRecords, InterleaveServesEveryNthSweepPerMultiplexerCycle) {
   EXPECT_EQ(got, (std::vector<uint32_t>{240, 241, 242, 243, 280, 281, 282, 283}));
 }
 
-TEST(DataRecords, LevelsFollowTheWavelengthsAndCarryAbsoluteWavelengths) {
-  CRingHarness h;
+// Guards the levels reply: levels after the wavelengths, absolute wavelengths made in the
+// client's copy (the ring keeps the pipeline's), and a failed sweep as a bare header.
+TEST(DataRecords, LevelsCarryAbsoluteWavelengthsAndAFailedSweepIsABareHeader) {
+  CHarness h;
   h.S->bUseReferences = true;
   for (int ch = 0; ch < 4; ++ch)
     for (int i = 0; i < 3; ++i) h.S->SensorReferences[ch][i] = 1500000000 + 1000 * (10 * ch + i);
   h.Publish(3, 2);  // levels of DUT channel 0
   h.Connect(0);
   const int slot = h.Newest();
-
   const SRecord data = h.Command(0, "#GET_DATA").Record();
   h.S->ProcessedReadIndex[0] = static_cast<uint16_t>(slot);
   const SReply levelsReply = h.Command(0, "#GET_DATA_AND_LEVELS");
   const SRecord levels = levelsReply.Record();
   ASSERT_EQ(data.Sweep(), levels.Sweep());
   EXPECT_EQ(data.Size(), 88u + 4 * 12);
-  EXPECT_EQ(levels.AmplitudeChannel(), 2u);
-  EXPECT_EQ(levels.Levels(), 3u);
-  EXPECT_EQ(levels.Size(), 88u + 4 * 12 + 2 * 3);
-  EXPECT_EQ(levels.Type(), 5u);
+  EXPECT_EQ(std::vector<size_t>({levels.AmplitudeChannel(), levels.Levels(), levels.Size(), levels.Type()}),
+            std::vector<size_t>({2, 3, 88 + 4 * 12 + 2 * 3, 5}));
   for (int ch = 0; ch < 4; ++ch)
     for (int i = 0; i < 3; ++i) {
-      const int32_t reference = h.S->SensorReferences[ch][i];
-      EXPECT_EQ(levels.Value(ch, i) - data.Value(ch, i), reference);
-      EXPECT_NEAR(levels.Value(ch, i), proc_test::Fm(proc_test::NmBetween(kTeethOf[ch][i], 0.25)), 1.0);
+      EXPECT_EQ(levels.Value(ch, i) - data.Value(ch, i), h.S->SensorReferences[ch][i]);
+      EXPECT_NEAR(levels.Value(ch, i), SensorFm(ch, i), 1.0);
     }
-  // The absolute values were made in the client's copy; the ring keeps the pipeline's.
   EXPECT_FALSE(h.InRing(levelsReply.Pointer));
-  std::string ring(reinterpret_cast<const char*>(h.Slot(slot) + 12), data.Size());
-  EXPECT_EQ(ring.substr(88), data.Bytes.substr(88));
-}
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(h.Slot(slot) + 12), data.Size()).substr(88), data.Bytes.substr(88));
 
-TEST(DataRecords, AFailedSweepIsAHeaderWithItsStatusAndNoSensors) {
-  CRingHarness h;
-  h.Publish();
   auto r = proc_test::MakeSweep();
   r.status.NumPeaks[0] = 0;  // no grating peak
   r.status.SweepCounter = 77777;
   proc_test::AddSensor(r, 0, proc_test::CountBetween(30, 0.25));
   proc_test::Console([&] { proc_test::Feed(*h.S, r); });
-  h.Connect(0);
-  SRecord rec = h.Command(0, "#GET_DATA").Record();
-  EXPECT_EQ(rec.Size(), 88u);
-  EXPECT_EQ(rec.Sweep(), 77777u);
-  EXPECT_EQ(rec.Status(), 2u);
-  EXPECT_EQ(rec.Sensors(), 0u);
-  EXPECT_FALSE(rec.IsNoDataHeader());
+  const SRecord failed = h.Command(0, "#GET_DATA").Record();
+  EXPECT_EQ(std::vector<size_t>({failed.Size(), failed.Sweep(), failed.Status(), failed.Sensors()}),
+            std::vector<size_t>({88, 77777, 2, 0}));
+  EXPECT_FALSE(failed.IsNoDataHeader());
 }
 
+// Guards the slot's owner: while one client frames a slot in place (its formatter's zero on the
+// body's first byte), a second client gets a whole copy; once released, the slot is used again.
 TEST(DataRecords, ASecondClientOnTheSameSlotGetsAWholeCopyOfIt) {
-  CRingHarness h;
+  CHarness h;
   h.PublishMany(2);
   h.Connect(0);
   h.Connect(1);
   const int slot = h.Newest();
-  const uint8_t firstByte = h.Slot(slot)[12];
-  h.S->ProcessedData[static_cast<size_t>(slot) * kSlotBytes + 12] = 0x5A;  // a marker in the header's first byte
-
+  uint8_t* first = h.S->ProcessedData + static_cast<size_t>(slot) * kSlotBytes + 12;
+  const uint8_t saved = *first;
+  *first = 0x5A;
   const SReply owner = h.Command(0, "#GET_DATA", false);
-  ASSERT_EQ(reinterpret_cast<const uint8_t*>(owner.Pointer), h.Slot(slot) + 12);
-  // The owner is being framed: its formatter's terminating zero sits on the body's first byte.
-  char* ownerBody = const_cast<char*>(owner.Pointer);
-  std::memcpy(ownerBody - 10, "0000000136", 10);
-  ownerBody[0] = 0;
-
+  ASSERT_EQ(reinterpret_cast<const uint8_t*>(owner.Pointer), first);
+  std::memcpy(first - 10, "0000000136", 10);
+  *first = 0;
   const SReply second = h.Command(1, "#GET_DATA", false);
   ASSERT_EQ(second.Code, kReplyRecord);
   EXPECT_FALSE(h.InRing(second.Pointer));
   EXPECT_EQ(h.S->ClientRecordInUse[1], -1);
   EXPECT_EQ(second.Body[0], 0x5A);
   EXPECT_EQ(second.Body.substr(1), owner.Body.substr(1));
-  ownerBody[0] = 0x5A;
+  *first = 0x5A;
   h.S->ReleaseClientRecord(0);
   h.S->ReleaseClientRecord(1);
   EXPECT_EQ(h.Slot(slot)[4608], 0);
-
-  // Released: the next reader sends from the slot again.
   h.S->ProcessedReadIndex[1] = static_cast<uint16_t>(slot);
   EXPECT_TRUE(h.InRing(h.Command(1, "#GET_DATA").Pointer));
-  h.S->ProcessedData[static_cast<size_t>(slot) * kSlotBytes + 12] = firstByte;
+  *first = saved;
 }
 
+// Guards the copy of a record the producer is about to reach (0 % free), and the slot itself
+// for one far from it.
 TEST(DataRecords, ARecordTheProducerIsAboutToReachIsSentFromACopy) {
-  CRingHarness h;
+  CHarness h;
   h.Publish();
-  // A full ring of the same record.
-  for (int i = 0; i < kRing; ++i)
+  for (int i = 0; i < kRing; ++i)  // a full ring of the same record
     if (i != h.Newest()) std::memcpy(h.S->ProcessedData + i * kSlotBytes, h.Slot(h.Newest()), kSlotBytes);
   h.Connect(0);
   const int w = h.S->ProcessedWriteIndex;
@@ -365,19 +375,18 @@ TEST(DataRecords, ARecordTheProducerIsAboutToReachIsSentFromACopy) {
   EXPECT_FALSE(h.InRing(reply.Pointer));
   EXPECT_EQ(reply.Record().FreePercent(), 0u);
   EXPECT_TRUE(reply.Record().LengthMatchesCounts());
-  // Half a ring behind is far from the producer: straight from the slot, 49 % free.
   h.S->ProcessedReadIndex[0] = static_cast<uint16_t>((w + kRing / 2) % kRing);
   reply = h.Command(0, "#GET_DATA");
   EXPECT_TRUE(h.InRing(reply.Pointer));
-  EXPECT_EQ(reply.Record().FreePercent(), FreePercentFor(kRing / 2));
-  EXPECT_EQ(FreePercentFor(kRing / 2), 49u);
+  EXPECT_EQ(reply.Record().FreePercent(), 49u);
 }
 
+// Guards the counts: each wavelength turned back into the card's sweep position, time of flight
+// put back, less twice the full-spectrum offset; the slot is not left in use.
 TEST(DataRecords, CountsTurnEachWavelengthBackIntoTheCardsSweepPosition) {
-  CRingHarness h;
+  CHarness h;
   h.S->FsCountOffset = 75;
-  // Sensor 2 of DUT channel 0 lies behind 1000 m of fibre: the card sees it later in the sweep
-  // by the round trip, which the pipeline takes off and the counts put back.
+  // Sensor 2 of DUT channel 0 lies behind 1000 m of fibre: the card sees it later by the round trip.
   h.S->SensorDistances[0][1] = 1000.0;
   double rate = h.S->Driver.Get2khzMode() ? 2000.0 : 1000.0;
   if (h.S->Driver.GetHwClkDivider_()) rate /= 2;
@@ -391,29 +400,23 @@ TEST(DataRecords, CountsTurnEachWavelengthBackIntoTheCardsSweepPosition) {
   r.DutPeaks[0][1] += static_cast<uint32_t>(std::lround(flight));
   proc_test::Feed(*h.S, r);
   h.Connect(0);
-
   const SReply reply = h.Command(0, "#GET_WVL_LVL_CNTS");
   EXPECT_EQ(reply.Code, kReplyText);
-  const SRecord levels{reply.Body.substr(0, 88 + 4 * 12 + 2 * 3)};
-  EXPECT_EQ(levels.Sweep(), 999u);
-  EXPECT_EQ(levels.Type(), 5u);
-  ASSERT_EQ(reply.Body.size(), 88u + 4 * 12 + 2 * 3 + 4 * 12);
-  uint32_t i = 0;
-  for (int ch = 0; ch < 4; ++ch)
-    for (int j = 0; j < 3; ++j, ++i) {
-      const int32_t count = static_cast<int32_t>(data_wire::U32(reply.Body, 88 + 4 * 12 + 2 * 3 + 4 * i));
-      // The card's own position, less twice the full-spectrum offset (within a count).
-      EXPECT_NEAR(count, static_cast<double>(r.DutPeaks[ch][j]) - 150.0, 2.0) << "channel " << ch << " sensor " << j;
-    }
-  // The slot the reply was read from is free again: this reply is not a record reply.
+  const size_t counts = 88 + 4 * 12 + 2 * 3;
+  const SRecord levels{reply.Body.substr(0, counts)};
+  EXPECT_EQ(std::make_pair(levels.Sweep(), levels.Type()), std::make_pair(999u, 5u));
+  ASSERT_EQ(reply.Body.size(), counts + 4 * 12);
+  for (int ch = 0, i = 0; ch < 4; ++ch)
+    for (int j = 0; j < 3; ++j, ++i)
+      EXPECT_NEAR(static_cast<int32_t>(U32(reply.Body, counts + 4 * i)), static_cast<double>(r.DutPeaks[ch][j]) - 150.0, 2.0)
+          << "channel " << ch << " sensor " << j;
   EXPECT_EQ(h.S->ClientRecordInUse[0], -1);
   EXPECT_EQ(h.Slot(h.Newest())[4608], 0);
 }
 
-// A producer of sweeps numbered from `base` on its own thread, until `stop`: `fill` puts the
-// sensors and marks of sweep k into the record.
+// A producer of sweeps on its own thread until `stop`: `fill` puts sweep k into the record.
 template <class Fill>
-std::thread Producer(CRingHarness& h, std::atomic<bool>& stop, Fill fill) {
+std::thread Producer(CHarness& h, std::atomic<bool>& stop, Fill fill) {
   return std::thread([&h, &stop, fill] {
     std::vector<struct_dma_peaks_data> sweeps(64);
     for (uint32_t k = 0; !stop; ++k) {
@@ -427,11 +430,10 @@ std::thread Producer(CRingHarness& h, std::atomic<bool>& stop, Fill fill) {
   });
 }
 
-// Several clients read the ring while it is being filled and frame their replies in place, as
-// the session layer does; two of them always want the same records. Every reply must be one
-// whole sweep with nobody else's patches.
+// Concurrency: clients read the ring while it fills and frame their replies in place; two always
+// want the same records. Every reply must be one whole sweep with nobody else's patches.
 TEST(DataRecords, ContendingClientsEachReceiveWholeRecords) {
-  CRingHarness h;
+  CHarness h;
   h.PublishMany(2);
   for (int c = 0; c < 4; ++c) h.Connect(c);
   std::atomic<bool> stop{false};
@@ -450,8 +452,7 @@ TEST(DataRecords, ContendingClientsEachReceiveWholeRecords) {
       char* body = nullptr;
       unsigned length = 0;
       const int code = h.S->ProcessCmd(static_cast<short>(c), command.c_str(), &body, &length);
-      // Framing in place: digits before the body, a zero on the first byte, then restored.
-      const char first = body[0];
+      const char first = body[0];  // framing in place: digits before the body, a zero on its first byte
       std::memcpy(body - 10, "0000000000", 10);
       body[0] = 0;
       body[0] = first;
@@ -459,14 +460,13 @@ TEST(DataRecords, ContendingClientsEachReceiveWholeRecords) {
       h.S->ReleaseClientRecord(static_cast<uint16_t>(c));
       if (code != kReplyRecord || rec.IsNoDataHeader() || rec.Sweep() < 100000) continue;  // not yet the producer's
       const uint32_t sweep = rec.Sweep();
-      bool whole = rec.Size() >= 88 && rec.Status() == 0 && data_wire::U8(rec.Bytes, 0) == static_cast<uint8_t>(sweep * 7 + 1);
-      for (int j = 0; whole && j < 12; ++j) whole = data_wire::U8(rec.Bytes, 32 + j) == static_cast<uint8_t>(sweep + j);
+      bool whole = rec.Size() >= 88 && rec.Status() == 0 && U8(rec.Bytes, 0) == static_cast<uint8_t>(sweep * 7 + 1);
+      for (int j = 0; whole && j < 12; ++j) whole = U8(rec.Bytes, 32 + j) == static_cast<uint8_t>(sweep + j);
       for (int ch = 0; whole && ch < 4; ++ch) whole = rec.Count(ch) == 1 + (sweep + ch) % 3;
       if (command == "#GET_DATA") whole = whole && rec.LengthMatchesCounts() && rec.Type() == 1 && (last == 0 || sweep == last + 1);
       if (command == "#GET_DATA_AND_LEVELS") whole = whole && rec.Type() == 5;
       for (int ch = 0; whole && ch < 4; ++ch)
-        for (uint32_t i = 0; whole && i < rec.Count(ch); ++i)
-          whole = std::abs(rec.Value(ch, i) - proc_test::Fm(proc_test::NmBetween(kTeethOf[ch][i], 0.25))) <= 1.0;
+        for (uint32_t i = 0; whole && i < rec.Count(ch); ++i) whole = std::abs(rec.Value(ch, i) - SensorFm(ch, i)) <= 1.0;
       last = sweep;
       ++records;
       faults += !whole;
@@ -484,10 +484,10 @@ TEST(DataRecords, ContendingClientsEachReceiveWholeRecords) {
 
 #if !defined(__SANITIZE_THREAD__)
 // A client a whole ring behind reads the slot the producer is about to overwrite. The copy is
-// taken while the producer may be writing it (a race this test provokes on purpose, hence not
-// under ThreadSanitizer); whatever is served must still be one whole sweep.
+// taken while the producer may be writing it (a race provoked on purpose, hence not under
+// ThreadSanitizer); whatever is served must still be one whole sweep.
 TEST(DataRecords, CopiesRacingTheProducerAreWholeOrDropped) {
-  CRingHarness h;
+  CHarness h;
   h.PublishMany(2);
   h.Connect(0);
   std::atomic<bool> stop{false};
@@ -497,16 +497,14 @@ TEST(DataRecords, CopiesRacingTheProducerAreWholeOrDropped) {
     // 30000 is no multiple of 7: the record a lap later has another sensor count.
     for (uint32_t i = 0; i < 1 + k % 7; ++i) proc_test::AddSensor(r, 0, proc_test::CountBetween(20 + 2 * i, 0.25));
   });
-  // The copy of the slot the producer is about to overwrite is dropped more often the faster
-  // the producer runs; read until enough copies got through, however loaded the machine.
-  int served = 0, faults = 0;
+  int served = 0, faults = 0;  // copies are dropped more often the faster the producer runs
   for (const auto end = Clock::now() + 20s; served < 100 && Clock::now() < end;) {
     h.S->ProcessedReadIndex[0] = static_cast<uint16_t>((h.S->ProcessedWriteIndex + 1) % kRing);
     const SRecord rec = h.Command(0, "#GET_DATA").Record();
     if (rec.IsNoDataHeader() || rec.Sweep() < 200000) continue;
     ++served;
     bool whole = rec.LengthMatchesCounts() && rec.Count(0) == 1 + (rec.Sweep() - 200000) % 7;
-    for (int j = 0; whole && j < 12; ++j) whole = data_wire::U8(rec.Bytes, 32 + j) == static_cast<uint8_t>(rec.Sweep() + j);
+    for (int j = 0; whole && j < 12; ++j) whole = U8(rec.Bytes, 32 + j) == static_cast<uint8_t>(rec.Sweep() + j);
     faults += !whole;
   }
   stop = true;
@@ -515,3 +513,139 @@ TEST(DataRecords, CopiesRacingTheProducerAreWholeOrDropped) {
   EXPECT_EQ(faults, 0);
 }
 #endif
+
+// Guards the spectrum reply: ring order, type 2 with the low nibble kept, the fill level (also
+// across the wrap), the wait past one-second wakes, and the empty reply without full-spectrum
+// acquisition or outside master/stand-alone mode (with its console line).
+TEST(DataSpectra, SpectraComeFromTheRingInOrderWithTypeAndFillLevel) {
+  CHarness h;
+  h.SpectraOn();
+  h.PublishSpectrum(1);  // slot 0
+  h.PublishSpectrum(2);  // slot 1
+  h.S->SpectrumReadIndex[0] = 0;
+  h.S->bNewSpectrum[0] = true;
+  SReply reply = h.Command(0, "#GET_SPECTRUM");
+  EXPECT_EQ(reply.Code, kReplyText);
+  ASSERT_EQ(reply.Body.size(), kSpectrumBody);
+  EXPECT_EQ(std::vector<uint32_t>({U8(reply.Body, 0), U8(reply.Body, 7), U8(reply.Body, 48)}),
+            std::vector<uint32_t>({15, 0x23, 87}));  // read 0, write 2: (0 - 2 + 16) x 100 / 16 = 87.5
+  EXPECT_TRUE(reply.Body == h.SpectrumAs(0, reply.Body));
+  EXPECT_FALSE(h.S->bNewSpectrum[0]);
+  EXPECT_EQ(h.S->SpectrumReadIndex[0], 1);
+  reply = h.Command(0, "#GET_SPECTRUM");
+  EXPECT_EQ(U8(reply.Body, 48), 93u);  // read 1, write 2: 93.75
+  EXPECT_TRUE(reply.Body == h.SpectrumAs(1, reply.Body));
+  {
+    auto later = CHarness::After(100ms, [&] { h.PublishSpectrum(3); });
+    reply = h.Command(0, "#GET_SPECTRUM");  // caught up: waits for the next, and reports 100
+  }
+  EXPECT_EQ(U8(reply.Body, 48), 100u);
+  EXPECT_TRUE(reply.Body == h.SpectrumAs(2, reply.Body));
+  {
+    auto off = CHarness::After(1500ms, [&] { h.S->bFsEnable = false; });
+    reply = h.Command(0, "#GET_SPECTRUM");
+  }
+  h.S->bFsEnable = true;
+  EXPECT_EQ(reply.Body.size(), 0u);
+  EXPECT_EQ(h.S->SpectrumReadIndex[0], 3);
+
+  h.S->SpectrumReadIndex[0] = 15;  // the write index ahead after a wrap: (15 - 3) x 100 / 16 = 75
+  h.FillSpectrum(15, 9);
+  EXPECT_EQ(U8(h.Body(0, "#GET_SPECTRUM"), 48), 75u);
+  EXPECT_EQ(h.S->SpectrumReadIndex[0], 0);
+  h.S->bFsEnable = false;
+  EXPECT_EQ(h.Body(0, "#GET_SPECTRUM"), "");
+  h.S->bFsEnable = true;
+  h.S->Driver.SetOperatingMode(2);
+  const std::string console = proc_test::Console([&] { reply = h.Command(0, "#GET_SPECTRUM"); });
+  EXPECT_EQ(reply.Body, "");
+  EXPECT_NE(console.find("********** Not Master or Stand-Alone\n"), std::string::npos);
+  h.S->Driver.SetOperatingMode(1);
+  EXPECT_EQ(h.Body(0, "#GET_SPECTRUM").size(), kSpectrumBody);
+}
+
+// Guards the raw spectrum: always one newer than the request, type 6 and its point scale.
+TEST(DataSpectra, RawSpectrumIsTheNextOneWithItsPointScale) {
+  CHarness h;
+  h.SpectraOn();
+  uint8_t* raw = h.S->RawSpectrumBuffer;
+  for (size_t i = 12; i < kSpectrumBytes - 4; ++i) raw[i] = static_cast<uint8_t>(i * 7);
+  std::memcpy(raw + kSpectrumBytes - 4, &kSpectrumBody, 4);
+  std::string expected(reinterpret_cast<const char*>(raw) + 12, kSpectrumBody);
+  SReply reply;
+  const auto t0 = Clock::now();
+  {
+    auto later = CHarness::After(150ms, [&] { h.PublishSpectrum(4); });
+    reply = h.Command(2, "#GET_RAW_SPECTRUM");
+  }
+  EXPECT_GE(Clock::now() - t0, 100ms);
+  EXPECT_EQ(reply.Code, kReplyText);
+  ASSERT_EQ(reply.Body.size(), kSpectrumBody);
+  EXPECT_EQ(std::vector<uint32_t>({U8(reply.Body, 7) >> 4, U32(reply.Body, 72), U32(reply.Body, 80), U32(reply.Body, 84)}),
+            std::vector<uint32_t>({6, 1, 0, 32767}));
+  expected[7] = static_cast<char>((expected[7] & 0x0F) | 0x60);  // the rest as it was
+  expected.replace(72, 4, reply.Body.substr(72, 4));
+  expected.replace(80, 8, reply.Body.substr(80, 8));
+  EXPECT_TRUE(reply.Body == expected);
+}
+
+// Guards the raw record (the card's own bytes) and the high-speed window (samples strictly
+// inside it; an empty reply without full-spectrum acquisition).
+TEST(DataSpectra, RawDataIsTheCardsRecordAndHighSpeedSamplesItsWindow) {
+  CHarness h;
+  h.SpectraOn();
+  auto r = proc_test::MakeSweep();
+  for (int i = 0; i < 256; ++i) r.FsSamples[i] = 0xA5000000u | static_cast<uint32_t>(1000 + i);
+  h.S->pPeaks = h.S->pLastPeaks = &r;
+  h.S->bNewRecord[1] = true;
+  SReply reply = h.Command(1, "#GET_RAW_DATA");
+  EXPECT_EQ(reply.Code, kReplyConstant);
+  ASSERT_EQ(reply.Body.size(), 6176u);
+  EXPECT_EQ(0, std::memcmp(reply.Body.data(), &r, 6176));
+  EXPECT_FALSE(h.S->bNewRecord[1]);
+  h.S->HighSpeedFsStartCount = 10 * 128 + 5;  // sample 10: not inside
+  h.S->HighSpeedFsEndCount = 20 * 128;        // sample 20: not inside
+  h.S->bNewRecord[1] = true;
+  reply = h.Command(1, "#GET_HIGH_SPEED_FS");
+  ASSERT_EQ(reply.Body.size(), 512u);
+  for (uint32_t i = 0; i < 256; ++i) EXPECT_EQ(U16(reply.Body, 2 * i), (i > 10 && i < 20) ? 1000 + i : 0u) << i;
+  EXPECT_FALSE(h.S->bNewRecord[1]);
+  h.S->bFsEnable = false;
+  reply = h.Command(1, "#GET_HIGH_SPEED_FS");
+  EXPECT_EQ(std::make_pair(reply.Code, reply.Body.size()), std::make_pair(int(kReplyConstant), size_t(0)));
+}
+
+// Guards the web status line's exact text: 21 fields, empty before the front panel's first refresh.
+TEST(DataSpectra, WebStatusIsOneLineOfTwentyOneFields) {
+  CHarness h;
+  auto r = proc_test::MakeSweep();
+  r.status.InternalTemp = 35 * 128 + 64;  // 35.5 degC
+  h.S->LatestStatus.Set(r.status);
+  const int config = CurrentNetworkConfig;
+  const bool dhcp = bUseDhcp[config];
+  bUseDhcp[config] = false;
+  EXPECT_EQ(h.Body(0, "#WEB_STATUS"), "No S/N$$0$0$2.0h$0$$$Disabled$0$35.50$$System Clock$$$$1$$$$");
+  {
+    std::lock_guard<std::mutex> g(h.S->PanelTextsLock);
+    auto& p = h.S->PanelTexts;
+    p.SweepRate = "1000.0 Hz";
+    p.DriverVersion = 52;
+    p.FirmwareVersion = 101;
+    p.IpAddress = "10.0.0.122";
+    p.Netmask = "255.255.255.0";
+    p.TimeSource = "NTP";
+    p.DateTime = "Wed Nov 18 14:35:48 2026";
+    p.OperatingMode = "Stand-Alone";
+    p.TriggerMode = "Untriggered";
+    p.TriggerState = "N/A";
+    p.SensorCounts[0] = "3\t3\t3\t3\t";
+  }
+  std::strcpy(h.S->SerialNumber, "VR-0042");
+  h.S->CfcVersion = 14;
+  h.S->MuxLevel = 2;
+  bUseDhcp[config] = true;
+  EXPECT_EQ(h.Body(0, "#WEB_STATUS"),
+            "VR-0042$1000.0 Hz$14$52$2.0h$101$10.0.0.122$255.255.255.0$Enabled$0$35.50$Wed Nov 18 14:35:48 2026$NTP$"
+            "Stand-Alone$Untriggered$N/A$2$3\t3\t3\t3\t$$$");
+  bUseDhcp[config] = dhcp;
+}
