@@ -1,8 +1,6 @@
-// Protocol abuse against the real vr480d on the simulated card at 2 kHz: garbage and oversized
-// input, pipelining, sessions broken off at every point, a client that stalls its stream, a full
-// house of clients, and stops while ten clients stream. Each case ends by showing that a fresh
-// client is still served and that the acquisition still runs. One server takes the abuse; two
-// more, started beside it, are stopped at the end (one with #QUIT!, one with SIGTERM).
+// Protocol abuse against a real vr480d on the simulated card at 2 kHz; each case ends by showing
+// that a fresh client is still served and the acquisition still runs. Two more servers, started
+// beside it, are stopped with a full house (one with #QUIT!, one with SIGTERM).
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
@@ -207,8 +205,7 @@ std::string RandomBytes(size_t n) {
 
 }  // namespace
 
-// Crash safety: each input is followed by a known command; every reply before that command's
-// must be a whole frame, the garbage ones invalid-command replies.
+// Crash safety: every reply before a known command's is a whole frame, garbage gets the invalid reply.
 TEST_F(Abuse, MalformedInputIsAnsweredInWholeFramesOrNotAtAll) {
   static constexpr char kNulLines[] = "\0\0\0\n\0\n#GET_DOT_NOTATION 3\0tail\n";
   const struct {
@@ -258,9 +255,8 @@ TEST_F(Abuse, TenThousandPipelinedCommandsAreAnsweredInOrderAndWhole) {
   EXPECT_TRUE(StillServes());
 }
 
-// Sessions that end at the worst moments: inside a command line (whose start must not leak into
-// the next session), inside a reply frame, inside a streamed record (with the next client right
-// behind), and 200 times in a row; every slot is freed.
+// Sessions ended inside a line (whose start must not leak into the next session), a reply, a
+// streamed record (the next client right behind) and 200 times in a row: every slot is freed.
 TEST_F(Abuse, SessionsBrokenOffAnywhereFreeTheirSlots) {
   std::string part;
   {
@@ -303,10 +299,9 @@ TEST_F(Abuse, SessionsBrokenOffAnywhereFreeTheirSlots) {
   EXPECT_TRUE(StillServes());
 }
 
-// A client turns streaming on and then reads nothing while four others stream at 2 kHz. The
-// others keep every record; the stalled one is cut off once the write budget runs out (five
-// seconds, once the kernel's buffers are full: up to about 13 s of records) and what it had
-// received is whole frames; no records are queued for it (the server's memory stays put).
+// A streaming client that reads nothing is cut off once its budget runs out (after the kernel's
+// buffers take up to 13 s of records), having whole frames; four others keep every record, and
+// nothing is queued for it (the server's memory stays put).
 TEST_F(Abuse, StalledStreamerIsCutOffWhileOthersKeepEveryRecord) {
   CTestClient checker(Port());
   ASSERT_EQ(checker.Command("#SET_STREAM_RECOVERY_ATTEMPTS 50"), "Setting socket stream write recovery # attempts to 50.\n");
@@ -364,10 +359,8 @@ TEST_F(Abuse, StalledStreamerIsCutOffWhileOthersKeepEveryRecord) {
   EXPECT_TRUE(StillServes());
 }
 
-// Ten clients stream; an 11th and a 12th wait in the listen queue and are served once two of the
-// ten leave. Then the server is stopped with a full house, by #QUIT! from one client (nine
-// stream meanwhile) or by SIGTERM (ten stream): it closes every session and ends normally
-// within its stop bounds (10 s for the client threads).
+// An 11th and 12th client wait until two of ten streaming ones leave; #QUIT! or SIGTERM with a
+// full house closes every session and ends normally.
 TEST_F(Abuse, FullHouseThenQuitOrSigtermEndsNormally) {
   EXPECT_TRUE(bBindRetried) << "the #QUIT! target did not retry its held port";
   auto scenario = [](CServerProcess& server, bool quitCommand) {

@@ -1,8 +1,6 @@
-// The data replies (records, spectra, the card's raw record, the web status line) against a
-// server object without a card: the real peak pipeline fills the record ring from hand-built
-// sweeps, the spectrum ring is filled by hand in the layout the full-spectrum engine publishes,
-// and the commands run through the dispatcher as a client's service thread runs them. Bodies are
-// decoded with the client-side reader of DataWire.h.
+// The data replies against a server object without a card: the real peak pipeline fills the
+// record ring from hand-built sweeps, spectra are filled by hand in the engine's layout, and the
+// commands run through the dispatcher as a client's service thread runs them.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -225,8 +223,7 @@ TEST(DataRecords, FlushUnbufferedReadsAndBuffersOff) {
   EXPECT_EQ(h.Body(3, "#GET_BUFFER_COUNT"), "0");
 }
 
-// Guards the waiting read: it outlasts its one-second wakes, and only a trigger-mode change or
-// the server's stop ends it with the "no new data" header, each client with its own header.
+// Guards the waiting read: only a trigger-mode change or a stop ends it empty (a header per client).
 TEST(DataRecords, AReadWaitsForTheNextRecordAndOnlyAModeChangeOrAStopEndsItEmpty) {
   CHarness h;
   h.PublishMany(3);
@@ -483,9 +480,8 @@ TEST(DataRecords, ContendingClientsEachReceiveWholeRecords) {
 }
 
 #if !defined(__SANITIZE_THREAD__)
-// A client a whole ring behind reads the slot the producer is about to overwrite. The copy is
-// taken while the producer may be writing it (a race provoked on purpose, hence not under
-// ThreadSanitizer); whatever is served must still be one whole sweep.
+// Concurrency: a copy of the slot the producer is about to overwrite is whole or dropped (a race
+// provoked on purpose, hence not under ThreadSanitizer).
 TEST(DataRecords, CopiesRacingTheProducerAreWholeOrDropped) {
   CHarness h;
   h.PublishMany(2);
@@ -514,9 +510,8 @@ TEST(DataRecords, CopiesRacingTheProducerAreWholeOrDropped) {
 }
 #endif
 
-// Guards the spectrum reply: ring order, type 2 with the low nibble kept, the fill level (also
-// across the wrap), the wait past one-second wakes, and the empty reply without full-spectrum
-// acquisition or outside master/stand-alone mode (with its console line).
+// Guards the spectrum reply: ring order, type, fill level (also across the wrap), the wait, and
+// the empty reply without full-spectrum acquisition or outside master/stand-alone mode.
 TEST(DataSpectra, SpectraComeFromTheRingInOrderWithTypeAndFillLevel) {
   CHarness h;
   h.SpectraOn();

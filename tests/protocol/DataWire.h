@@ -20,8 +20,6 @@ struct SRecord {
   size_t Size() const { return Bytes.size(); }
   uint32_t Type() const { return U8(Bytes, 7) >> 4; }          // 1 data, 5 data and levels
   uint32_t AmplitudeChannel() const { return U8(Bytes, 3) & 0x07; }
-  bool ScaleWarning() const { return (U8(Bytes, 3) & 0x40) != 0; }
-  uint32_t Layer() const { return U8(Bytes, 6) & 0x03; }
   uint32_t Count(int ch) const { return U16(Bytes, 16 + 2 * ch); }
   uint32_t Sensors() const { return Count(0) + Count(1) + Count(2) + Count(3); }
   uint32_t Sweep() const { return U32(Bytes, 28); }

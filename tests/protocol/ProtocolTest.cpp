@@ -1,9 +1,5 @@
-// The command protocol, the data commands and file transfer as real TCP clients see them: one
-// real vr480d on the simulated card serves the whole suite, every test opening its own
-// connections. Replies are decoded with DataWire.h alone, and frames are read byte for byte.
-//
-// The root's tag file is the instrument's baseline plus a few lines of the test's own; the
-// scene puts three gratings on each DUT channel of the first multiplexer layer, at no distance.
+// The protocol, the data commands and file transfer as TCP clients see them, frames read byte for
+// byte: one vr480d on the simulated card (three gratings per DUT channel) serves the whole suite.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -127,23 +123,14 @@ SFrame RawFrame(CTestClient& c, const std::string& command = "", std::chrono::mi
   return f;
 }
 
-// The header fields every record reply must have right, whatever the laser does.
-void ExpectWellFormed(const SRecord& rec, uint32_t type) {
+// The header fields every record must have right, whatever the laser does.
+void ExpectWellFormed(const SRecord& rec) {
   ASSERT_GE(rec.Size(), 88u);
-  EXPECT_EQ(rec.Type(), type);
-  EXPECT_EQ(rec.Granularity(), 1000000u);
+  EXPECT_EQ(std::make_pair(rec.Type(), rec.Granularity()), std::make_pair(1u, 1000000u));
   const uint32_t status = rec.Status();
   EXPECT_TRUE(status == 0 || (status >= 2 && status <= 7) || status == 0x81) << status;
   if (status != 0 && status != 0x81) { EXPECT_EQ(rec.Sensors(), 0u); }
-  if (type == 1) {
-    EXPECT_TRUE(rec.LengthMatchesCounts()) << rec.Size() << " bytes for " << rec.Sensors() << " sensors";
-    return;
-  }
-  ASSERT_GE(rec.Size(), 88 + 4 * rec.Sensors());
-  EXPECT_EQ((rec.Size() - 88 - 4 * rec.Sensors()) % 2, 0u);
-  const uint32_t amplitudeChannel = rec.AmplitudeChannel();
-  if (amplitudeChannel >= 2 && amplitudeChannel <= 5) { EXPECT_EQ(rec.Levels(), rec.Count(amplitudeChannel - 2)); }
-  if (amplitudeChannel == 0) { EXPECT_EQ(rec.Levels(), 0u); }
+  EXPECT_TRUE(rec.LengthMatchesCounts()) << rec.Size() << " bytes for " << rec.Sensors() << " sensors";
 }
 
 }  // namespace
@@ -184,10 +171,6 @@ TEST_F(EndToEnd, EachCommandGetsOneFrameAndTheInvalidReplyNamesTheLine) {
   };
   for (const auto& [line, reply] : rows) EXPECT_EQ(c.Command(line), reply) << line;
   EXPECT_TRUE(std::regex_match(c.Command("#READY? anything at all"), std::regex("[01]")));
-  const std::string help = c.Command("#HELP"), full = c.Command("#ZOR_HELP");
-  EXPECT_EQ(help.rfind("#CLEAR_REFERENCE\n#FLUSH_BUFFER\n", 0), 0u);
-  EXPECT_EQ(help.substr(help.size() - 15), "#WHO?\n#WHOAMI?\n");
-  EXPECT_NE(full.find("\n#QUIT!\n#READ_NVRAM_BYTE\n"), std::string::npos);
 
   const SFrame f = RawFrame(c, "#SET_STREAMING_DATA 0");  // ten digits and the body, nothing else
   EXPECT_EQ(f.Digits + f.Body, "0000000025Streaming data disabled.\n");
@@ -231,9 +214,8 @@ TEST_F(EndToEnd, WithNoNewRecordsTheReplyIsTheNoDataHeader) {
   EXPECT_TRUE(Read(c, "#GET_DATA_AND_LEVELS").IsNoDataHeader());
 }
 
-// Guards streaming: consecutive records; with tokens each record frame counts an 8-byte token and
-// the last is completed by the end token, without it the end token has a frame of its own; text
-// replies do not reach a streaming client.
+// Guards streaming: consecutive records, the tokens (the end token completes the last frame, or
+// comes in its own without tokens), and no text replies to a streaming client.
 TEST_F(EndToEnd, StreamsDeliverConsecutiveRecordsAndEndWithTheEndToken) {
   for (const bool tokens : {true, false}) {
     SCOPED_TRACE(tokens ? "with tokens" : "without tokens");
@@ -254,7 +236,7 @@ TEST_F(EndToEnd, StreamsDeliverConsecutiveRecordsAndEndWithTheEndToken) {
       }
       ASSERT_GE(f.Body.size(), 88 + token);
       const SRecord rec{f.Body.substr(0, f.Body.size() - token)};
-      ExpectWellFormed(rec, 1);
+      ExpectWellFormed(rec);
       if (last) { ASSERT_EQ(rec.Sweep(), last + 1) << "record " << i; }
       last = rec.Sweep();
       if (i == 100) { ASSERT_TRUE(c.Send("#GET_BUFFER_COUNT")); }  // executed, but not answered

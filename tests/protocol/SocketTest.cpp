@@ -1,7 +1,5 @@
-// CSocket against real TCP clients on the loopback interface. The test itself plays the
-// session layer: it registers the callbacks and reads and writes the slots the way a client's
-// service thread does. Captured console texts are matched as contiguous blocks, not whole, in
-// case a slow thread prints late.
+// CSocket against real TCP clients on the loopback interface, the test playing the session layer.
+// Console texts are matched as contiguous blocks, not whole, in case a slow thread prints late.
 #include "protocol/Socket.h"
 
 #include <gtest/gtest.h>
@@ -224,9 +222,8 @@ TEST_F(SocketTest, StalledPeerExhaustsTheRetryBudgetAndIsClosed) {
   EXPECT_EQ(S->GetNumClients(), 0);
 }
 
-// A port still held (by a listener standing for the lingering connections of an earlier run)
-// is bound once it frees; without the retry a failed bind ends init; a stop while retrying
-// ends at once.
+// A held port (lingering connections of an earlier run) is bound once it frees; without the retry
+// a failed bind ends init; a stop while retrying ends at once.
 TEST(SocketInit, BindIsRetriedEverySecondUntilThePortFrees) {
   int port = 0;
   const int blocker = HoldPort(&port);
