@@ -1,6 +1,6 @@
 // Sensor locations through a real client: locations loaded at start-up, the commands' replies,
-// the two-rate measurement of a scene with sensors at known distances (at 1 and 2 kHz), its
-// application to the wavelengths, and its failure paths.
+// the two-rate measurement of a scene with sensors at known distances (at 1 and 2 kHz) applied
+// to the wavelengths, and its failure paths.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -21,14 +21,11 @@ struct SSceneSensor {
   int Sensor;   // 1-based, in wavelength order
   double Nm, Metres;
 };
-const std::vector<SSceneSensor> kScene = {
-    {1, 1, 1530.0, 0},    {1, 2, 1540.0, 300},  {1, 3, 1550.0, 1000}, {1, 4, 1560.0, 2000},
-    {2, 1, 1535.0, 0},    {2, 2, 1545.0, 300},  {2, 3, 1555.0, 1000}, {2, 4, 1565.0, 2000},
-};
+const std::vector<SSceneSensor> kScene = {{1, 1, 1530.0, 0}, {1, 2, 1540.0, 300}, {1, 3, 1550.0, 1000}, {1, 4, 1560.0, 2000},
+                                          {2, 1, 1535.0, 0}, {2, 2, 1545.0, 300}, {2, 3, 1555.0, 1000}, {2, 4, 1565.0, 2000}};
 
-// Channels 3 and 4 carry 25 sensors each, the last of channel 4 300 m out: 58 sensors in all,
-// more than a 2 kHz sweep at a tenth of its sensor limit would keep. The measurement lifts the
-// limit to what one sweep holds at the rate it measures at, so that every sensor is measured.
+// Channels 3 and 4 carry 25 sensors each (the last 300 m out): 58 in all, more than a 2 kHz sweep
+// at a tenth of its sensor limit keeps; the measurement lifts the limit to what one sweep holds.
 std::string SceneText() {
   std::string text = "# channel wavelength distance amplitude\n";
   for (const auto& s : kScene)
@@ -82,7 +79,7 @@ class SensorDistance : public ::testing::Test {
   CTestClient Client;
 };
 
-// Locations loaded at start-up are in force from the first record, before any location command.
+// Guards locations loaded at start-up being in force from the first record.
 TEST_F(SensorDistance, LoadedLocationsCompensateFromTheStart) {
   EXPECT_NEAR(Server->S().TimeOfFlightInCounts[0][3], 2 * 1276.65, 0.02);
   EXPECT_EQ(Client.Command("#GET_SENSOR_LOCATION 1 4"), "2000.000000");
@@ -91,13 +88,11 @@ TEST_F(SensorDistance, LoadedLocationsCompensateFromTheStart) {
   EXPECT_NEAR(rec.Value(0, 3) / static_cast<double>(rec.Granularity()), 1560.0, 0.005);
 }
 
+// Guards the location commands' replies and ranges, and the divisors they refuse.
 TEST_F(SensorDistance, CommandsReplyAndGuardTheirDivisors) {
   const std::string illegal1 = "!Illegal parameters.  Acceptable ranges are: Ch# 1 to 4, sensor# 1 to 250.\n";
-  struct SRow {
-    const char* Line;
-    std::string Reply;
-  };
-  const SRow rows[] = {
+  const std::string usage = "!Usage: LOC_MEAS_GENERATE_PLOT new_data(0 or 1) start_dist stop_dist dist_inc port sensor.\n";
+  const std::pair<const char*, std::string> rows[] = {
       {"#SET_SENSOR_LOCATION 1 1 1000", "Setting Ch 1, Sensor 1 location to 1000.000000 meters.\n"},
       {"#SET_SENSOR_LOCATION 1.4 250 12.5", "Setting Ch 1.4, Sensor 250 location to 12.500000 meters.\n"},
       {"#SET_SENSOR_LOCATION 5 7", illegal1},
@@ -119,13 +114,11 @@ TEST_F(SensorDistance, CommandsReplyAndGuardTheirDivisors) {
       {"#SET_ZOR_LOC_MEAS_CH_OFFSET_METERS 17 1", "!Illegal parameters.  Acceptable ranges are: Ch# 1 to 4.\n"},
       {"#J 0", "Received #J cmd (0).\n"},
       {"#GET_MEASURED_LOCATION 0 1", illegal1},
-      {"#LOC_MEAS_GENERATE_PLOT 1 0 10 0 1 1",
-       "!Usage: LOC_MEAS_GENERATE_PLOT new_data(0 or 1) start_dist stop_dist dist_inc port sensor.\n"},
-      {"#LOC_MEAS_GENERATE_PLOT 1 900 1100 50 17 1",
-       "!Usage: LOC_MEAS_GENERATE_PLOT new_data(0 or 1) start_dist stop_dist dist_inc port sensor.\n"},
+      {"#LOC_MEAS_GENERATE_PLOT 1 0 10 0 1 1", usage},  // no step
+      {"#LOC_MEAS_GENERATE_PLOT 1 900 1100 50 17 1", usage},
       {"#LOC_MEAS_GENERATE_PLOT 1 900 1100 50 1 300", "Distance Measurement Plot Generation...OK.\n"},
   };
-  for (const SRow& row : rows) EXPECT_EQ(Client.Command(row.Line, 30s), row.Reply) << row.Line;
+  for (const auto& [line, reply] : rows) EXPECT_EQ(Client.Command(line, 30s), reply) << line;
 
   // The worked figure: at the defaults a sensor at 1000 m is seen 1276.65 counts late.
   EXPECT_NEAR(Server->S().TimeOfFlightInCounts[0][0], 1276.65, 0.01);
@@ -140,6 +133,8 @@ TEST_F(SensorDistance, CommandsReplyAndGuardTheirDivisors) {
             "Setting sensor location for all sensors on all channels to 0.000000 meters.\n");
 }
 
+// Guards the measurement at 1 and 2 kHz (the rate and the lifted sensor limit), its application
+// to the wavelengths, and its log.
 TEST_F(SensorDistance, MeasuresAtBothRatesAndTheAppliedLocationsCorrectTheWavelengths) {
   ASSERT_EQ(Client.Command("#SET_LOC_MEAS_AVERAGES 4"), "# locations averages set to 4.\n");
   for (const bool twoKhz : {false, true}) {
@@ -167,6 +162,7 @@ TEST_F(SensorDistance, MeasuresAtBothRatesAndTheAppliedLocationsCorrectTheWavele
   Client.Command("#SET_SENSOR_LOCATION 0");
 }
 
+// Guards the failure paths: results zeroed, locations and operating parameters kept.
 TEST_F(SensorDistance, AFailedMeasurementZeroesTheResultsAndKeepsTheLocations) {
   ASSERT_EQ(Client.Command("#SET_SENSOR_LOCATION 1 4 1234").substr(0, 7), "Setting");
   // A sensor so far away that the fast sweep loses it past its end: it shows at one rate only.

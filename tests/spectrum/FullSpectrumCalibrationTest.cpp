@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
 #include <iterator>
 #include <utility>
 #include <vector>
@@ -34,16 +33,11 @@ struct CSyntheticComb {
   double Nm(double point) const { return kC / 1000.0 / (kFirstToothThz - kFsrThz * (point - kFirstToothPoint) / kToothSpacing); }
 };
 
-struct CResult {
-  std::vector<int16_t> Out = std::vector<int16_t>(fs::kPoints, 0);
-  fs::CSweepWindow Window;
-};
-
-CResult Resample(const std::vector<int16_t>& raw, const CSyntheticComb& comb, fs::CCalibrationSettings settings = {}, int ref = 20) {
-  CResult r;
+std::vector<int16_t> Resample(const std::vector<int16_t>& raw, const CSyntheticComb& comb, fs::CCalibrationSettings settings = {}) {
+  std::vector<int16_t> out(fs::kPoints, 0);
   std::vector<double> lambda(fs::kPoints, 0.0);
-  r.Window = fs::Calibrate(raw.data(), comb.Scale(ref), settings, lambda.data(), r.Out.data());
-  return r;
+  fs::Calibrate(raw.data(), comb.Scale(), settings, lambda.data(), out.data());
+  return out;
 }
 
 double GridNm(int i) {
@@ -61,12 +55,12 @@ TEST(SpectrumCalibration, MultiplexedLayersKeepTheirOwnPartsAndReversedLimitsMar
   for (int j = 0; j < fs::kPoints; ++j) raw[j] = j < fs::kPoints / 2 ? 1000 : 2000;
   fs::CCalibrationSettings settings;
   settings.MuxLevel = 2;
-  const CResult r = Resample(raw, comb, settings);
+  const std::vector<int16_t> out = Resample(raw, comb, settings);
   const double firstNm = comb.Nm(kFirstToothPoint);
   const double lastNm = comb.Nm(kFirstToothPoint + kToothSpacing * (kTeeth - 2));
   for (int s = 0; s < 2; ++s) {
     for (int i = 0; i < fs::kPoints; i += 2) {
-      const int16_t v = r.Out[(i + s * fs::kPoints) / 2];
+      const int16_t v = out[(i + s * fs::kPoints) / 2];
       const double w = GridNm(i);
       if (w < firstNm) ASSERT_EQ(v, fs::kBeforeComb) << s << " " << i;
       else if (w > lastNm) ASSERT_EQ(v, fs::kAfterComb) << s << " " << i;
@@ -78,41 +72,9 @@ TEST(SpectrumCalibration, MultiplexedLayersKeepTheirOwnPartsAndReversedLimitsMar
   settings = {};
   settings.LowerNm = 1550.0;
   settings.UpperNm = 1540.0;
-  const CResult reversed = Resample(std::vector<int16_t>(fs::kPoints, 500), comb, settings);
-  EXPECT_EQ(reversed.Out[0], 500);
-  for (int i = 1; i < fs::kPoints; ++i) ASSERT_EQ(reversed.Out[i], fs::kBelowReversedLimit) << i;
-}
-
-// Guards the sweep window: the line through the scan loop's stretch, its counts, its cut at the comb.
-TEST(SpectrumCalibration, SweepWindowFollowsTheScanLoopsCombStretch) {
-  const CSyntheticComb comb;
-  std::vector<int16_t> raw(fs::kPoints, 300);
-  fs::CCalibrationSettings settings;
-  settings.LeftPeaks = 5;
-  settings.RightPeaks = 10;
-  const CResult r = Resample(raw, comb, settings, 12);
-  ASSERT_TRUE(r.Window.bValid);
-  // The line through teeth 7 and 22.
-  const double pa = kFirstToothPoint + 7 * kToothSpacing, pb = kFirstToothPoint + 22 * kToothSpacing;
-  const double na = comb.Nm(pa), nb = comb.Nm(pb);
-  const double slope = (nb - na) / (pb - pa);
-  const double start = na - slope * pa, end = na + slope * (32767 - pa);
-  EXPECT_DOUBLE_EQ(r.Window.StartWvl, start);
-  EXPECT_NEAR(r.Window.EndWvl, end, 1e-9);
-  // The first and one past the last interpolated grid points on that line.
-  int first = -1, last = -1;
-  for (int i = 0; i < fs::kPoints; ++i)
-    if (r.Out[i] != fs::kBeforeComb && r.Out[i] != fs::kAfterComb) {
-      if (first < 0) first = i;
-      last = i;
-    }
-  EXPECT_EQ(r.Window.StartCount, static_cast<int32_t>((GridNm(first) - start) * 32767 / (end - start)));
-  EXPECT_EQ(r.Window.EndCount, static_cast<int32_t>((GridNm(last + 1) - start) * 32767 / (end - start)));
-  EXPECT_NEAR(r.Window.StartCount, kFirstToothPoint, 60);
-
-  // The stretch is cut at the comb's ends; a reference beyond the comb leaves no stretch.
-  EXPECT_TRUE(Resample(raw, comb, settings, 2).Window.bValid);
-  EXPECT_FALSE(Resample(raw, comb, settings, 100).Window.bValid);
+  const std::vector<int16_t> reversed = Resample(std::vector<int16_t>(fs::kPoints, 500), comb, settings);
+  EXPECT_EQ(reversed[0], 500);
+  for (int i = 1; i < fs::kPoints; ++i) ASSERT_EQ(reversed[i], fs::kBelowReversedLimit) << i;
 }
 
 // Guards the comb checks: three teeth, rising points, falling frequencies, inside the spectrum.
@@ -126,27 +88,4 @@ TEST(SpectrumCalibration, OnlyAnOrderedCombOfThreeTeethIsUsable) {
                                                   {CSyntheticComb(2), false}, {CSyntheticComb(5, 0), false},
                                                   {rising, false},       {outside, false}, {lastUnchecked, true}};
   for (size_t i = 0; i < std::size(rows); ++i) EXPECT_EQ(fs::CombIsUsable(rows[i].first.Scale()), rows[i].second) << i;
-}
-
-// Guards the spectrum record's layout: frame untouched, header, status byte cleared, scale, length.
-TEST(SpectrumCalibration, RecordCarriesHeaderScaleAndLength) {
-  std::vector<uint8_t> record(65640, 0xEE);
-  struct_dma_peaks_status header;
-  std::memset(&header, 0x5A, sizeof header);
-  header.FbgPosition = 0xAB012345;
-  std::vector<int16_t> points(fs::kPoints);
-  for (int i = 0; i < fs::kPoints; ++i) points[i] = static_cast<int16_t>(i - 100);
-  fs::FillSpectrumRecord(record.data(), reinterpret_cast<const uint8_t*>(&header), 1000000, 1520.0, 1570.5,
-                         points.data());
-  auto i32 = [&](size_t at) {
-    int32_t v;
-    std::memcpy(&v, record.data() + at, 4);
-    return v;
-  };
-  EXPECT_EQ(std::vector<uint8_t>(record.begin(), record.begin() + 12), std::vector<uint8_t>(12, 0xEE));  // the frame's
-  EXPECT_EQ(record[12], 15);
-  EXPECT_EQ(record[13], 0x5A);
-  // Processing status byte cleared, grating position kept; granularity, limits, point 5000, length.
-  EXPECT_EQ((std::vector<int32_t>{i32(56), i32(84), i32(92), i32(96), i32(100 + 2 * 5000) & 0xFFFF, i32(65636)}),
-            (std::vector<int32_t>{0x00012345, 1000000, 1520000000, 1570500000, 4900, 65624}));
 }

@@ -53,9 +53,11 @@ constexpr int kSpectrumClient = 3;
 
 }  // namespace
 
-// Guards the offset calibration (result, settings restored) and its two failure texts.
-TEST(FullSpectrumCard, OffsetCalibrationFindsTheDetectorLatency) {
-  CBench bench(Scene(), sim::EProducerMode::FreeRunning);
+// Guards the offset calibration (result, settings restored), its two failure texts, and the peak
+// levels of every amplitude channel against the scene's amplitudes.
+TEST(FullSpectrumCard, OffsetCalibrationAndPeakLevels) {
+  const sim::CSimScene scene = Scene();
+  CBench bench(scene, sim::EProducerMode::FreeRunning);
   CVr480Server& s = bench.S();
   ASSERT_TRUE(bench.Settle());
   const int channel = s.pLastPeaks.load()->AmplitudeChannel();
@@ -100,6 +102,28 @@ TEST(FullSpectrumCard, OffsetCalibrationFindsTheDetectorLatency) {
             std::string::npos)
       << out;
   EXPECT_EQ(s.FsCountOffset, 75);
+
+  testing::internal::CaptureStdout();
+  ASSERT_EQ(FullSpectrumAccess::CalibrateFsOffset(s), 0);
+  testing::internal::GetCapturedStdout();
+  bench.Connect(0);
+
+  for (int channel = 2; channel <= 5; ++channel) {
+    s.Driver.SetAmpCh(static_cast<uint8_t>(channel));
+    s.bFsRestart = true;
+    // The card switches a few records later; then the history refills.
+    for (int i = 0; i < 3 * 128; ++i) bench.Pass();
+    const data_wire::SRecord rec{bench.Command("#GET_UNBUFFERED_DATA_AND_LEVELS", 0)};
+    ASSERT_EQ(rec.AmplitudeChannel(), static_cast<uint32_t>(channel));
+    const int dut = channel - 2;
+    ASSERT_EQ(rec.Count(dut), 3u);
+    ASSERT_EQ(rec.Levels(), 3u) << "one level per peak of the amplitude channel";
+    for (uint32_t j = 0; j < 3; ++j) {
+      const double amplitude = scene.Sensors[dut][j].Amplitude;
+      EXPECT_NEAR(rec.Level(j), amplitude, 0.05 * amplitude) << "channel " << channel << " sensor " << j;
+      EXPECT_GT(rec.Level(j), amplitude) << "the dark level adds to the line";
+    }
+  }
 }
 
 // Guards calibrated spectra (lines where the sensors are) and the ring under concurrent readers.
@@ -225,33 +249,4 @@ TEST(FullSpectrumCard, ChannelChangeDropsThreeSpectraThenAPublishedOneWakesWaite
   std::memcpy(&h, rec + 12, sizeof h);
   EXPECT_EQ(h.Status3 & 0x07, 1);
   EXPECT_TRUE(bench.StopThread());
-}
-
-// Guards the peak levels of every amplitude channel against the scene's amplitudes.
-TEST(FullSpectrumCard, PeakLevelsMatchTheScenesAmplitudesOnEveryChannel) {
-  const sim::CSimScene scene = Scene();
-  CBench bench(scene, sim::EProducerMode::FreeRunning);
-  CVr480Server& s = bench.S();
-  ASSERT_TRUE(bench.Settle());
-  testing::internal::CaptureStdout();
-  ASSERT_EQ(FullSpectrumAccess::CalibrateFsOffset(s), 0);
-  testing::internal::GetCapturedStdout();
-  bench.Connect(0);
-
-  for (int channel = 2; channel <= 5; ++channel) {
-    s.Driver.SetAmpCh(static_cast<uint8_t>(channel));
-    s.bFsRestart = true;
-    // The card switches a few records later; then the history refills.
-    for (int i = 0; i < 3 * 128; ++i) bench.Pass();
-    const data_wire::SRecord rec{bench.Command("#GET_UNBUFFERED_DATA_AND_LEVELS", 0)};
-    ASSERT_EQ(rec.AmplitudeChannel(), static_cast<uint32_t>(channel));
-    const int dut = channel - 2;
-    ASSERT_EQ(rec.Count(dut), 3u);
-    ASSERT_EQ(rec.Levels(), 3u) << "one level per peak of the amplitude channel";
-    for (uint32_t j = 0; j < 3; ++j) {
-      const double amplitude = scene.Sensors[dut][j].Amplitude;
-      EXPECT_NEAR(rec.Level(j), amplitude, 0.05 * amplitude) << "channel " << channel << " sensor " << j;
-      EXPECT_GT(rec.Level(j), amplitude) << "the dark level adds to the line";
-    }
-  }
 }
