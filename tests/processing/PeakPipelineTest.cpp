@@ -283,36 +283,6 @@ TEST(PeakPipeline, RingWrapsAfterItsLastSlotAndAnnouncesEachRecord) {
   EXPECT_EQ(Published{Slot(*s, 0)}.Kept(0), 1);
 }
 
-// Guards which peaks get amplitudes (kept ones, the comb's, never the grating's) and their levels.
-TEST(PeakPipeline, AmplitudesFollowTheKeptPeaks) {
-  auto s = MakeServer();
-  // A steady spectrum: sample k of every sweep (and of layer 0's recent sweeps) reads 1000 + k.
-  auto r = MakeSweep();
-  for (int k = 0; k < kFsSamplesPerRecord; ++k) r.FsSamples[k] = 0x00AB0000u | (1000u + k);
-  for (int d = 0; d < kFsHistoryDepth; ++d)
-    for (int k = 0; k < kFsSamples; ++k) s->FS_RawHistoryBuffer[0][d][k] = static_cast<uint16_t>(1000 + k);
-  for (auto& layer : s->PeakAmpDirty)
-    for (bool& dirty : layer) dirty = true;
-  const uint32_t a = ToothCount(30) + 10, b = ToothCount(45) + 200;
-  for (uint32_t c : {ToothCount(10), a, b}) AddSensor(r, 0, c);  // the first is below the window
-  AddSensor(r, 1, ToothCount(40));
-  r.status.Status3 = kPublish | 2;  // amplitudes of DUT channel 0
-  Published p = Feed(*s, r);
-  EXPECT_EQ(p.Kept(0), 2);
-  ASSERT_EQ(p.Amplitudes(), 2u);
-  EXPECT_EQ(p.Amplitude(0), 1000 + (a - 75) / 256);
-  EXPECT_EQ(p.Amplitude(1), 1000 + (b - 75) / 256);
-  EXPECT_EQ(GetRecU32(p.Bytes, kRecTotalBytesOffset), 88u + 4 * 3 + 2 * 2);
-
-  r.status.Status3 = kPublish | 1;  // the comb's teeth
-  p = Feed(*s, r);
-  ASSERT_EQ(p.Amplitudes(), static_cast<uint32_t>(kTeeth));
-  EXPECT_EQ(p.Amplitude(0), 1000 + (ToothCount(0) - 75) / 256);
-  EXPECT_EQ(p.Amplitude(100), 1000 + (ToothCount(100) - 75) / 256);
-  r.status.Status3 = kPublish;  // the grating's own list is not reported
-  EXPECT_EQ(Feed(*s, r).Amplitudes(), 0u);
-}
-
 // Guards the analog outputs: mid scale at the reference, one step per unit, clamped ends, no value.
 TEST(PeakPipeline, AnalogOutputsFollowAveragedSensors) {
   sim::CSimOptions options;

@@ -11,27 +11,7 @@ using namespace proc_test;
 namespace {
 // Puts the grating at an exact frequency for its thermistor reading.
 void SetGratingThz(CVr480Server& s, double thz) { s.Vth2Thz[kGratingVth + 32768] = thz; }
-double Thz(double nm) { return kSpeedOfLight * 0.001 / nm; }
 }  // namespace
-
-// Guards the table's anchor (exact at the reference reading, flat ends) and its 0.01 nm/degC slope.
-TEST(WavelengthScale, GratingTableIsAnchoredAtTheReferenceReading) {
-  auto s = std::make_unique<CVr480Server>();
-  ProcessingAccess::BuildGratingTable(*s);
-  EXPECT_EQ(s->Vth2Thz[65535], Thz(1550.0));  // the constructor's reference is the top reading
-  EXPECT_EQ(s->Vth2Thz[0], Thz(1550.0));
-  s->FbgRefVth = static_cast<uint16_t>(-7);
-  s->FbgRefWvlNm = 1551.5;
-  ProcessingAccess::BuildGratingTable(*s);
-  for (int i : {-7 + 32768, 0, 65535}) EXPECT_EQ(s->Vth2Thz[i], Thz(1551.5)) << i;
-  const double warmer = s->thermistor_Vth2degC(-7 - 7190) - s->thermistor_Vth2degC(-7);
-  EXPECT_NEAR(warmer, 10.0, 1.0);
-  EXPECT_NEAR(kSpeedOfLight * 0.001 / s->Vth2Thz[-7 - 7190 + 32768] - 1551.5, 0.01 * warmer, 1e-9);
-  auto r = MakeSweep();  // the current record's reading selects the entry
-  r.status.Vth = -7;
-  s->pLastPeaks = &r;
-  EXPECT_EQ(s->GetFBG_Thz(), Thz(1551.5));
-}
 
 // Guards the placement of every tooth against the grating.
 TEST(WavelengthScale, CombIsPlacedAgainstTheGrating) {

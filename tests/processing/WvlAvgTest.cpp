@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
-#include <array>
 #include <deque>
 #include <new>
 #include <numeric>
@@ -71,36 +70,8 @@ TEST(WvlAvg, RingFillsThenSlidesAndTruncatesTowardZero) {
   EXPECT_EQ(avg.GetNumAvg(0, 0), 1);
 }
 
-// Guards the target checks (0 raised to 1, capacity, ranges), that a new target empties the ring,
-// and the channel-wide and global forms (which do not report per-sensor refusals).
-TEST(WvlAvg, TargetsAreCheckedAndANewTargetEmptiesTheRing) {
-  CVr480WvlAvg avg;
-  EXPECT_EQ(avg.SetTargetNumAvg(0, 0, 5), kWvlAvgNotInitialised);
-  ASSERT_EQ(QuietInit(avg, 8, 250, 1250), kWvlAvgOk);
-  EXPECT_EQ(avg.SetTargetNumAvg(0, 0, 0), kWvlAvgTargetRaised);
-  EXPECT_EQ(avg.GetTargetNumAvg(0, 0), 1);
-  EXPECT_EQ(avg.SetTargetNumAvg(0, 1, 1250), kWvlAvgOk);
-  avg.AddValue(0, 1, 8);
-  avg.AddValue(0, 1, 4);
-  for (auto [ch, s, n] : {std::array{0, 1, 1251}, std::array{8, 1, 5}, std::array{0, 250, 5}})
-    EXPECT_EQ(avg.SetTargetNumAvg(ch, s, n), kWvlAvgOutOfRange) << ch << " " << s << " " << n;
-  EXPECT_EQ(avg.GetAverage(0, 1), 6);
-  EXPECT_EQ(avg.SetTargetNumAvg(0, 1, 1250), kWvlAvgOk);  // even the same target starts over
-  avg.AddValue(0, 1, 100);
-  EXPECT_EQ(avg.GetAverage(0, 1), 100);
-
-  avg.AddValue(2, 0, 50);
-  EXPECT_EQ(avg.SetTargetNumAvg(3, 20), kWvlAvgOk);
-  EXPECT_EQ(avg.SetTargetNumAvg(3, 5000), kWvlAvgOk);
-  EXPECT_EQ(avg.SetTargetNumAvg(8, 20), kWvlAvgOutOfRange);
-  EXPECT_EQ((std::array{avg.GetTargetNumAvg(3, 249), avg.GetTargetNumAvg(2, 0)}), (std::array<uint16_t, 2>{20, 1}));
-  EXPECT_EQ(avg.GetAverage(2, 0), 50);
-  EXPECT_EQ(avg.SetTargetNumAvg(9), kWvlAvgOk);
-  EXPECT_EQ(avg.SetTargetNumAvg(1251), kWvlAvgOk);
-  EXPECT_EQ((std::array{avg.GetTargetNumAvg(7, 249), avg.GetNumAvg(2, 0)}), (std::array<uint16_t, 2>{9, 0}));
-}
-
-// Guards the console texts of Init, the refused second Init, and Close/Init with a new shape.
+// Guards the console texts of Init, the refused second Init, Close/Init with a new shape, and the
+// target checks (0 raised to 1, beyond capacity refused with the ring kept).
 TEST(WvlAvg, InitCloseAndTheirConsoleTexts) {
   CVr480WvlAvg avg;
   testing::internal::CaptureStdout();
@@ -114,7 +85,10 @@ TEST(WvlAvg, InitCloseAndTheirConsoleTexts) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "Illegal attempt to re-initialize the running average arrays.\n(Hint: You must call Close() first.)\n");
   EXPECT_EQ(avg.GetAverage(3, 249), 42);
-  EXPECT_EQ(avg.GetTargetNumAvg(4, 0), 0);
+  EXPECT_EQ(avg.SetTargetNumAvg(3, 249, 10001), kWvlAvgOutOfRange);
+  EXPECT_EQ(avg.GetAverage(3, 249), 42);
+  EXPECT_EQ(avg.SetTargetNumAvg(3, 249, 0), kWvlAvgTargetRaised);
+  EXPECT_EQ(avg.GetTargetNumAvg(3, 249), 1);
 
   EXPECT_EQ(avg.Close(), kWvlAvgOk);
   EXPECT_EQ(avg.SetTargetNumAvg(1), kWvlAvgNotInitialised);
