@@ -280,8 +280,11 @@ void CVr480Server::CountSweep(uint32_t sweep) {
 
 void CVr480Server::AdvanceProcessedRing() {
   RecordsPublished.fetch_add(1, std::memory_order_relaxed);
-  std::lock_guard<std::mutex> g(DataMutex);
-  const uint16_t index = ProcessedWriteIndex;
-  ProcessedWriteIndex = index >= kProcessedRingSlots - 1 ? 0 : static_cast<uint16_t>(index + 1);
+  {
+    std::lock_guard<std::mutex> g(DataMutex);
+    const uint16_t index = ProcessedWriteIndex;
+    ProcessedWriteIndex = index >= kProcessedRingSlots - 1 ? 0 : static_cast<uint16_t>(index + 1);
+  }
+  // Woken after the lock is let go, the streaming sessions do not queue up on it.
   DataCond.notify_all();
 }

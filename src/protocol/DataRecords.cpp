@@ -95,11 +95,16 @@ EWait WaitForRecord(CVr480Server& s, int row, uint16_t r) {
         s.DataCond.wait_for(lock, slice);
         continue;
       }
-      lock.unlock();
-      const bool input = s.Socket.WaitReadable(static_cast<uint16_t>(row), 0) != 0;
-      lock.lock();
-      if (input && r == s.ProcessedWriteIndex) return EWait::kInput;
-      if (r != s.ProcessedWriteIndex) continue;
+      // The line read before this wait was taken; one arriving since is looked for when a
+      // slice passes without a record (a recording card's next record comes first, and its
+      // session reads the line then).
+      if (waited) {
+        lock.unlock();
+        const bool input = s.Socket.WaitReadable(static_cast<uint16_t>(row), 0) != 0;
+        lock.lock();
+        if (input && r == s.ProcessedWriteIndex) return EWait::kInput;
+        if (r != s.ProcessedWriteIndex) continue;
+      }
     }
     s.DataCond.wait_for(lock, slice);
   }

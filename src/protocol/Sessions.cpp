@@ -26,6 +26,7 @@ constexpr const char kMoreToken[] = "XXXXXXXX";  // another streamed record foll
 constexpr const char kEndToken[] = "ZZZZZZZZ";   // the stream has ended
 constexpr unsigned kTokenBytes = 8;
 constexpr int kMaxCommandLine = 256;
+constexpr auto kStreamReadInterval = std::chrono::milliseconds(2);
 
 // Writes the frame digits into the 10 bytes before `body` and sends frame and body together,
 // followed in the same write by `tail` (a streamed record's token, which its length counts).
@@ -143,8 +144,16 @@ void* ClientServiceThread(void* raw) {
 
   char line[kMaxCommandLine + 1];
   bool streamed = false;  // this thread last served the client as streaming
+  auto nextRead = std::chrono::steady_clock::time_point{};
   while (!s.bClientDisconnect[client] && !s.bClosingSessions && mine()) {
-    s.Socket.ReadCmd(client, line, sizeof line);  // room for a whole 256-character line
+    // A streaming session looks at its socket every couple of milliseconds rather than once a
+    // record (at 2 kHz that read mostly finds nothing); a line already buffered goes at once.
+    const auto now = std::chrono::steady_clock::now();
+    line[0] = '\0';
+    if (!s.bStreaming[client] || now >= nextRead || s.Socket.LineBuffered(client)) {
+      s.Socket.ReadCmd(client, line, sizeof line);  // room for a whole 256-character line
+      nextRead = now + kStreamReadInterval;
+    }
     if (!s.bStreaming[client]) {
       // A stream switched off by the server rather than by the client's own command (the
       // acquisition's start clears every stream, and clients may connect while the server

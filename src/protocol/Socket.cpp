@@ -455,6 +455,12 @@ void CSocket::BindSessionThread(uint16_t client, std::weak_ptr<void> connection)
 CSocket::ConnectionPtr CSocket::Lease(uint16_t client) const {
   if (!ValidClient(client)) return nullptr;
   const std::shared_ptr<void> bound = tSessionClient == client ? tSessionConnection.lock() : nullptr;
+  // A session's own thread, several times a record while it streams, needs no table lookup:
+  // its connection is the slot's for as long as the slot holds it.
+  if (bound) {
+    auto conn = std::static_pointer_cast<CClientConnection>(bound);
+    return conn->bInTable.load(std::memory_order_acquire) ? conn : nullptr;
+  }
   std::lock_guard<std::mutex> g(TableLock);
   if (!bClientConnected[client]) return nullptr;
   if (tSessionClient == client && bound != ClientSocket[client]) return nullptr;  // not this thread's client
@@ -549,6 +555,11 @@ int CSocket::WaitReadable(uint16_t client, int timeoutMs) {
   int r = ::poll(&p, 1, timeoutMs);
   if (r < 0) return errno == EINTR ? 0 : -1;
   return r > 0 ? 1 : 0;
+}
+
+bool CSocket::LineBuffered(uint16_t client) const {
+  const ConnectionPtr conn = Lease(client);
+  return conn && conn->LineBuffered();
 }
 
 // ---- Writing ------------------------------------------------------------------------------
@@ -764,6 +775,7 @@ int CSocket::CloseSlot(uint16_t client, const CClientConnection* expected) {
   {
     std::lock_guard<std::mutex> g(TableLock);
     conn = std::move(ClientSocket[client]);
+    conn->bInTable.store(false, std::memory_order_release);
     bClientConnected[client] = false;
     bClientClosing[client] = false;
     --NumClients;

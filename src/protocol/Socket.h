@@ -124,6 +124,8 @@ class CSocket {
   // buffered), 0 time-out or interrupted, -1 slot free or poll failed. Returns early when the
   // slot is closed by another thread.
   int WaitReadable(uint16_t client, int timeoutMs);
+  // True when a whole command line is already buffered (no system call).
+  bool LineBuffered(uint16_t client) const;
 
   // Writes all `len` bytes straight from `data`. Each time the socket buffer is full one unit of
   // the slot's retry budget is used and the thread sleeps the slot's delay. 0 when all was
@@ -176,6 +178,7 @@ class CSocket {
     char Input[kInputBlock];      // bytes read from the socket ...
     size_t InputStart = 0;        // ... of which those from here ...
     size_t InputEnd = 0;          // ... to here are not yet taken
+    std::atomic<bool> bInTable{true};  // false once its slot let it go (set under TableLock)
     explicit CClientConnection(int fd) : Fd(fd) {}
     ~CClientConnection();
     // Moves buffered bytes into CmdBuffer; true when that completed a line.
