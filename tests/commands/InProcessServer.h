@@ -1,9 +1,7 @@
-// The whole server in this process: a fresh workstation root, the simulated card pacing its
-// records in real time, Init and Run as vr480d runs them (Run on a thread of its own), and the
-// TCP command server on a free loopback port. Tests talk to it as clients do and read back what
-// the card received through the card's control API, which a separate vr480d process would
-// hide. One at a time per process: the server uses the process-wide host, card seam, options
-// and stop flags.
+// The whole server in this process on a fresh workstation root and the simulated card, Init and
+// Run as vr480d runs them, the command port on a free loopback port; tests read what the card
+// received through its control API. One at a time per process (process-wide host, card seam,
+// options and stop flags).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -40,29 +38,26 @@ constexpr uint8_t kSoaOnCountCode = 0x2D;
 constexpr uint8_t kSyncHiCode = 0x31;
 constexpr uint8_t kSyncLoCode = 0x32;
 
-// Settings that put the simulated laser at its ready bias and scan amplitude from the start
-// (its default internal temperature is 35 degC), so that tests not about the loops do not
-// wait for them. They follow the baseline lines of a fresh root and override them.
+// Tags (after a fresh root's baseline) that start the simulated laser at its ready bias and scan
+// amplitude, so that tests not about the loops do not wait for them.
 inline std::vector<std::string> ReadyLaserTags() {
   return {"#SET_SCAN_AMP = \"40800\"", "#SET_INITIAL_BIAS = \"28440\""};
 }
 
 class CInProcessServer {
  public:
-  // `card` sets the simulated card up (scene file, time scale); its root is this server's.
-  // `beforeInit` runs once the host is installed and before Init: it may prepare files under
-  // the root or script the host's answers (a DHCP server that does not answer). `beforeRun`
-  // runs after a successful Init, where vr480d starts its front panel.
+  // `card`: scene file, time scale (its root is this server's). `beforeInit` runs with the host
+  // installed, before Init (files under the root, scripted host answers); `beforeRun` after a
+  // successful Init, where vr480d starts its front panel.
   explicit CInProcessServer(const std::vector<std::string>& extraTags = ReadyLaserTags(),
                             sim::CSimOptions card = {},
                             const std::function<void(const std::string& root)>& beforeInit = {},
                             const std::function<void(CVr480Server&)>& beforeRun = {}) {
     std::string error;
     EXPECT_TRUE(PrepareWorkstationRoot(Root.Path(), error)) << error;
-    {
-      std::ofstream tags(Root / "vr480/vr480.tag", std::ios::app);
-      for (const std::string& line : extraTags) tags << line << "\n";
-    }
+    std::ofstream tags(Root / "vr480/vr480.tag", std::ios::app);
+    for (const std::string& line : extraTags) tags << line << "\n";
+    tags.close();
     InstallHost(Root.Path());
     card.Root = Root.Path();
     Provider = std::make_shared<sim::CSimCardProvider>(card);
@@ -81,7 +76,6 @@ class CInProcessServer {
   }
 
   ~CInProcessServer() {
-    // A stop asked for before Run starts its loop is still honoured (Run checks the flag).
     bStopSignalled = true;
     bRun = false;
     if (Acquisition.joinable()) Acquisition.join();
@@ -137,9 +131,8 @@ inline bool WaitReady(CTestClient& client, std::chrono::milliseconds timeout = s
   return WaitFor([&] { return client.Command("#READY?") == "1"; }, timeout);
 }
 
-// A suite whose tests share one in-process server (started once, stopped after the last test);
-// each test starts with its own client on a ready laser and ends by proving the server still
-// answers.
+// Tests sharing one in-process server: each starts with its own client on a ready laser and
+// ends by proving the server still answers.
 template <class Suite>
 class CSharedServerSuite : public ::testing::Test {
  protected:
