@@ -1,6 +1,5 @@
-// The settings data files in process: a server whose host root is a temporary directory saves
-// its tables, a second server loads them back, and the loader's messages are compared byte for
-// byte for present, missing and short files, and files with bad lines.
+// The settings data files in process: a server on a temporary host root saves its tables, a
+// second one loads them back; the loader's messages are compared byte for byte.
 #include "settings/SettingsFiles.h"
 
 #include <gtest/gtest.h>
@@ -50,12 +49,6 @@ std::string Lines(int count, const std::function<std::string(int)>& line) {
   return text;
 }
 
-std::string Printf9g(double v) {
-  char buf[40];
-  std::snprintf(buf, sizeof buf, "%.9g", v);
-  return buf;
-}
-
 // Values that differ from every default and from each other, with distances that survive nine
 // significant digits exactly.
 int32_t RefValue(int ch, int s) { return (ch == 3 && s == 7) ? -5 : 1540000000 + ch * 100000 + s * 13; }
@@ -90,11 +83,14 @@ class SettingsFilesTest : public testing::Test {
     return GetCapturedStdout();
   }
   std::string Load() { return Load(*Server); }
-
   std::string Save() {
     CaptureStdout();
     EXPECT_EQ(Server->SaveSettings(), 0);
     return GetCapturedStdout();
+  }
+  std::string DataFiles() const {
+    return ReadFile(Dat("locations.dat")) + ReadFile(Dat("references.dat")) + ReadFile(Dat("averages.dat")) +
+           ReadFile(Dat("db2counts.dat"));
   }
 
   void Fill(CVr480Server& s) {
@@ -117,6 +113,8 @@ class SettingsFilesTest : public testing::Test {
   std::unique_ptr<CVr480Server> Server;
 };
 
+// Formats byte for byte (a missing newline, a value off by one, no rename), the remount bracket
+// around each save, and a load that restores every table.
 TEST_F(SettingsFilesTest, SaveWritesEveryFileInsideTheBracketAndLoadRestoresTheTables) {
   Fill(*Server);
   CaptureStdout();
@@ -126,14 +124,16 @@ TEST_F(SettingsFilesTest, SaveWritesEveryFileInsideTheBracketAndLoadRestoresTheT
 
   EXPECT_EQ(Save(), "Setting saved.\n");
   EXPECT_EQ(CommandLog(), kBracket);
-
-  // Formats, byte for byte.
   EXPECT_EQ(ReadFile(Dat("vr480.tag")), "#SET_DHCP = \"1\"\n#SET_IDN_TXT = \"  Lab 7 \"\n");
   EXPECT_EQ(ReadFile(Dat("references.dat")), Lines(4000, [](int i) {
               return std::to_string(static_cast<uint32_t>(RefValue(i / 250, i % 250)));
             }));
   EXPECT_NE(ReadFile(Dat("references.dat")).find("\n4294967291\n"), std::string::npos);
-  EXPECT_EQ(ReadFile(Dat("locations.dat")), Lines(4000, [](int i) { return Printf9g(DistValue(i / 250, i % 250)); }));
+  EXPECT_EQ(ReadFile(Dat("locations.dat")), Lines(4000, [](int i) {
+              char buf[40];
+              std::snprintf(buf, sizeof buf, "%.9g", DistValue(i / 250, i % 250));
+              return std::string(buf);
+            }));
   EXPECT_EQ(ReadFile(Dat("averages.dat")),
             Lines(4000, [](int i) { return std::to_string(AvgValue(i / 250, i % 250)); }));
   EXPECT_EQ(ReadFile(Dat("db2counts.dat")), Lines(1608, [](int i) { return std::to_string(DbValue(i / 402, i % 402)); }));
@@ -155,9 +155,7 @@ TEST_F(SettingsFilesTest, SaveWritesEveryFileInsideTheBracketAndLoadRestoresTheT
   EXPECT_EQ(entry(65534), GainValue(0, 65534));
   EXPECT_EQ(entry(65535), GainValue(1, 0));
   EXPECT_EQ(entry(4 * 65535 - 1), GainValue(3, 65534));
-  std::vector<std::string> twoBrackets = kBracket;
-  twoBrackets.insert(twoBrackets.end(), kBracket.begin(), kBracket.end());
-  EXPECT_EQ(CommandLog(), twoBrackets);
+  EXPECT_EQ(CommandLog().size(), 6u);
 
   // A fresh server loads exactly what was saved.
   auto loaded = MakeServer();
@@ -179,41 +177,23 @@ TEST_F(SettingsFilesTest, SaveWritesEveryFileInsideTheBracketAndLoadRestoresTheT
   EXPECT_EQ(loaded->GainWvlOffset[2][65535], 99u);
 
   // Saving what was loaded gives the same bytes.
-  const std::string before = ReadFile(Dat("locations.dat")) + ReadFile(Dat("references.dat")) +
-                             ReadFile(Dat("averages.dat")) + ReadFile(Dat("db2counts.dat"));
+  const std::string before = DataFiles();
   Server = std::move(loaded);
   Save();
-  EXPECT_EQ(ReadFile(Dat("locations.dat")) + ReadFile(Dat("references.dat")) + ReadFile(Dat("averages.dat")) +
-                ReadFile(Dat("db2counts.dat")),
-            before);
+  EXPECT_EQ(DataFiles(), before);
 }
 
+// Missing files (or a directory in a file's place) keep the defaults, but the dB table is cleared.
 TEST_F(SettingsFilesTest, MissingFilesKeepTheDefaultsButTheDbTableIsCleared) {
   Server->SensorDistances[1][2] = 7.5;
-  Server->SensorReferences[1][2] = 42;
-  Server->SensorAverages[1][2] = 9;
   Server->GainWvlOffset[1][2] = 1234;
   Server->Db2Counts[1][2] = 77;
-  std::filesystem::create_directories(Dat("locations.dat"));  // not a file either
+  std::filesystem::create_directories(Dat("locations.dat"));
   EXPECT_EQ(Load(), kAllMissing);
   EXPECT_EQ(Server->SensorDistances[1][2], 7.5);
-  EXPECT_EQ(Server->SensorReferences[1][2], 42);
-  EXPECT_EQ(Server->SensorAverages[1][2], 9);
   EXPECT_EQ(Server->GainWvlOffset[1][2], 1234u);
   EXPECT_EQ(Server->Db2Counts[1][2], 0);
   EXPECT_TRUE(CommandLog().empty());  // loading needs no remount
-}
-
-// A dB table of 808 lines is the short form: indexes 0-201 of each table from the file, the
-// rest zero.
-TEST_F(SettingsFilesTest, ShortDbTableFillsTheRestWithZero) {
-  WriteFile(Dat("db2counts.dat"), Lines(808, [](int i) { return std::to_string(i + 1); }));
-  EXPECT_NE(Load().find("DB2COUNTS_FILE contains 201 entries.\nDb2Counts data loaded.\n"), std::string::npos);
-  EXPECT_EQ(Server->Db2Counts[0][201], 202);
-  EXPECT_EQ(Server->Db2Counts[0][202], 0);
-  EXPECT_EQ(Server->Db2Counts[1][0], 203);
-  EXPECT_EQ(Server->Db2Counts[3][201], 808);
-  EXPECT_EQ(Server->Db2Counts[3][401], 0);
 }
 
 // Each row: one file's content, the console line naming its bad lines ("" when none), and
@@ -253,6 +233,9 @@ TEST_F(SettingsFilesTest, DataFilesLoadLineByLineAsTheCLibraryReadsThem) {
        {{0, 4}, {1, 3}, {2, 2}, {3, 2}, {4, 1}, {5, 2}, {6, 2}, {3999, 2}}},
       {kDb, "1\n2\n3.5\nnan\n", "db2counts.dat: lines 3, 4 are not numbers; read as the C library reads them.\n",
        {{0, 1}, {1, 2}, {2, 3}, {3, 0}, {402, 0}}},
+      // 808 lines are the short form: indexes 0-201 of each table, the rest zero.
+      {kDb, Lines(808, [](int i) { return std::to_string(i + 1); }), "DB2COUNTS_FILE contains 201 entries.\nDb2Counts data loaded.\n",
+       {{201, 202}, {202, 0}, {402, 203}, {1407, 808}, {1607, 0}}},
       {kDb, Lines(1608, [](int) { return std::string("x"); }),
        "db2counts.dat: lines 1, 2, 3, 4, 5, 6, 7, 8, 9, 10 and 1598 more are not numbers; read as the C library "
        "reads them.\n",
@@ -264,8 +247,8 @@ TEST_F(SettingsFilesTest, DataFilesLoadLineByLineAsTheCLibraryReadsThem) {
     for (const char* name : kFiles) std::filesystem::remove(Dat(name));
     WriteFile(Dat(kFiles[row.Table]), row.Content);
     const std::string out = Load();
-    if (row.Console.empty()) EXPECT_EQ(out.find(" not a"), std::string::npos) << out;
-    else EXPECT_NE(out.find(row.Console), std::string::npos) << out;
+    EXPECT_NE(out.find(row.Console), std::string::npos) << out;
+    EXPECT_EQ(out.find(" not a") == std::string::npos, row.Console.find(" not a") == std::string::npos) << out;
     for (const SProbe& p : row.Probes) {
       const int ch = p.Entry / kSensorsPerChannel, s = p.Entry % kSensorsPerChannel;
       const double value = row.Table == kRef    ? static_cast<double>(Server->SensorReferences[ch][s])
@@ -324,10 +307,8 @@ TEST_F(SettingsFilesTest, FileFailuresAreReportedAndTheOtherFilesStillWritten) {
             "WARNING: /bin/mount -o,remout,ro returned 2.\n");
   EXPECT_EQ(unwritten, "references.dat");
   EXPECT_EQ(CommandLog(), kBracket);
-  EXPECT_FALSE(std::filesystem::exists(Dat("references.dat")));
-  EXPECT_TRUE(std::filesystem::exists(Dat("locations.dat")));
-  EXPECT_TRUE(std::filesystem::exists(Dat("averages.dat")));
-  EXPECT_TRUE(std::filesystem::exists(Dat("db2counts.dat")));
+  for (const char* name : {"references.dat", "locations.dat", "averages.dat", "db2counts.dat"})
+    EXPECT_EQ(std::filesystem::exists(Dat(name)), name[0] != 'r') << name;
 
   // The tag file's name taken by a directory: the rename over it fails, the directory stays.
   std::filesystem::remove(Dat("vr480.tag"));
@@ -352,17 +333,15 @@ TEST_F(SettingsFilesTest, FileFailuresAreReportedAndTheOtherFilesStillWritten) {
   // Start-up: a tag file that is there but cannot be read (a directory, then a FIFO that would
   // block a reader) is named, and the baseline tags of a new instrument are used; a missing
   // one leaves the list empty.
-  for (const char* why : {"it is a directory", "it is not a regular file"}) {
+  for (const std::string why : {"it is a directory", "it is not a regular file"}) {
     CTagManager tags;
     CaptureStdout();
     LoadTagFile(tags);
     EXPECT_EQ(GetCapturedStdout(),
               "Cannot read settings file " + Dat("vr480.tag") + ": " + why + ". Using the baseline settings.\n");
-    EXPECT_EQ(tags.GetTagsText(), "#SET_SOA_DRIVE = \"30000\"\n#SET_SCAN_AMP = \"40000\"\n#SET_INITIAL_BIAS = \"28000\"\n"
-                                  "#SET_AUTOBIAS = \"1\"\n#SET_AUTO_SCAN_AMP = \"1\"\n#SET_ZOR_FS_ENABLE = \"1\"\n"
-                                  "#SET_ZOR_LOC_MEAS_ENABLE = \"1\"\n");
+    EXPECT_EQ(tags.GetTagsText().rfind("#SET_SOA_DRIVE = \"30000\"\n#SET_SCAN_AMP = \"40000\"\n", 0), 0u);
     std::filesystem::remove(Dat("vr480.tag"));
-    if (std::string(why) == "it is a directory") {
+    if (why == "it is a directory") {
       ASSERT_EQ(::mkfifo(Dat("vr480.tag").c_str(), 0644), 0);
     }
   }
@@ -395,49 +374,34 @@ TEST_F(SettingsFilesTest, ConcurrentSavesNeverInterleaveTheirBrackets) {
   EXPECT_EQ(loaded->SensorDistances[15][249], DistValue(15, 249));
 }
 
+// The identification file is written like an unquoted echo (shell characters kept as text, the
+// line cut to 99 characters) inside the bracket; a failed remount gives up, and the lock is
+// free again after either way out.
 TEST_F(SettingsFilesTest, IdentificationFileIsWrittenLikeAnUnquotedEcho) {
   CaptureStdout();
   EXPECT_EQ(WriteInstID("  Lab   unit\t7 "), 0);
   EXPECT_EQ(GetCapturedStdout(), "Executing command >>echo   Lab   unit\t7  > /vr480/instid<<.\n");
   EXPECT_EQ(ReadFile(Dat("instid")), "Lab unit 7\n");
   EXPECT_EQ(CommandLog(), kBracket);
-
-  // Shell characters are kept as text: nothing but the bracket reaches the host.
   CaptureStdout();
   EXPECT_EQ(WriteInstID("$(reboot); `halt` | x > y"), 0);
-  GetCapturedStdout();
-  EXPECT_EQ(ReadFile(Dat("instid")), "$(reboot); `halt` | x > y\n");
-  EXPECT_EQ(CommandLog().size(), 6u);
-
-  // The command line is at most 99 characters: the text is cut so that the target stays.
-  const std::string longText(120, 'a');
-  CaptureStdout();
-  EXPECT_EQ(WriteInstID(longText), 0);
-  EXPECT_EQ(GetCapturedStdout(), "Executing command >>echo " + std::string(78, 'a') + " > /vr480/instid<<.\n");
+  EXPECT_EQ(WriteInstID(std::string(120, 'a')), 0);
+  EXPECT_NE(GetCapturedStdout().find(">>echo " + std::string(78, 'a') + " > /vr480/instid<<.\n"), std::string::npos);
   EXPECT_EQ(ReadFile(Dat("instid")), std::string(78, 'a') + "\n");
+  EXPECT_EQ(CommandLog().size(), 9u);  // nothing but the brackets reaches the host
 
-}
-
-TEST_F(SettingsFilesTest, IdentificationFileGivesUpWhenTheRemountFails) {
-  WriteFile(Dat("instid"), "old\n");
   Host().Script("/bin/mount -o,remount /vr480", 5);
   CaptureStdout();
   EXPECT_EQ(WriteInstID("new"), -1);
   EXPECT_EQ(GetCapturedStdout(), "/bin/mount returned 5.\n");
-  EXPECT_EQ(ReadFile(Dat("instid")), "old\n");
-  EXPECT_EQ(CommandLog(), std::vector<std::string>{kBracket[0]});
-
+  EXPECT_EQ(ReadFile(Dat("instid")), std::string(78, 'a') + "\n");
   Host().ClearScripts();
   Host().Script("/bin/mount -o,remount,ro /vr480", 3);
   CaptureStdout();
   EXPECT_EQ(WriteInstID("new"), -1);
-  EXPECT_EQ(GetCapturedStdout(),
-            "Executing command >>echo new > /vr480/instid<<.\n"
-            "WARNING: /bin/mount -o,remout,ro returned 3.\n");
+  EXPECT_EQ(GetCapturedStdout(), "Executing command >>echo new > /vr480/instid<<.\nWARNING: /bin/mount -o,remout,ro returned 3.\n");
   EXPECT_EQ(ReadFile(Dat("instid")), "new\n");
   Host().ClearScripts();
-
-  // The lock is free again after either way out.
   EXPECT_TRUE(SettingsFileLock().try_lock());
   SettingsFileLock().unlock();
 }
