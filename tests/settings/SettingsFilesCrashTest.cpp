@@ -1,7 +1,6 @@
-// A save killed at any moment: a child process saves two alternating versions of every table
-// and of the tag list in a loop and is killed with SIGKILL at random moments; after each kill
-// every settings file must hold exactly one of the two complete versions, never a mixture or
-// a truncated file.
+// A save killed at any moment (a child saving two alternating versions of everything in a loop,
+// killed with SIGKILL at random moments) leaves each settings file one of the two complete
+// versions, never a mixture or a truncated file.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -9,7 +8,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -26,8 +24,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-const char* const kFiles[] = {"vr480.tag",     "references.dat", "locations.dat",
-                              "averages.dat",  "db2counts.dat",  "gain_wvl_offsets.dat"};
+const char* const kFiles[] = {"vr480.tag",    "references.dat", "locations.dat",
+                              "averages.dat", "db2counts.dat",  "gain_wvl_offsets.dat"};
+std::string Read(const CTempDir& root, const char* f) { return ReadFile(root / (std::string("vr480/") + f)); }
 
 // Version v of everything that is saved. The versions differ in every file and in length, so
 // that a torn write could not pass for either.
@@ -48,11 +47,6 @@ void Apply(CVr480Server& s, int v) {
     s.TagManager.AddTag("#SET_USER_VAR = \"" + std::to_string(i) + " " + std::to_string(v * 1000 + i) + "\"");
 }
 
-void Save(CVr480Server& s) {
-  s.SaveSettings();
-  s.SaveWvlGains();
-}
-
 }  // namespace
 
 TEST(SettingsFilesCrash, AKilledSaveLeavesEveryFileOldOrNewAndComplete) {
@@ -69,8 +63,9 @@ TEST(SettingsFilesCrash, AKilledSaveLeavesEveryFileOldOrNewAndComplete) {
   const auto started = Clock::now();
   for (int v = 0; v < 2; ++v) {
     Apply(*server, v);
-    Save(*server);
-    for (const char* f : kFiles) known[v][f] = ReadFile(root / (std::string("vr480/") + f));
+    server->SaveSettings();
+    server->SaveWvlGains();
+    for (const char* f : kFiles) known[v][f] = Read(root, f);
   }
   const auto round = (Clock::now() - started) / 2;
   testing::internal::GetCapturedStdout();
@@ -99,7 +94,8 @@ TEST(SettingsFilesCrash, AKilledSaveLeavesEveryFileOldOrNewAndComplete) {
       ::dup2(devNull, STDOUT_FILENO);
       for (int i = kills;; ++i) {
         Apply(*server, i % 2);
-        Save(*server);
+        server->SaveSettings();
+        server->SaveWvlGains();
       }
     }
     std::this_thread::sleep_for(std::chrono::microseconds(delayUs(random)));
@@ -110,7 +106,7 @@ TEST(SettingsFilesCrash, AKilledSaveLeavesEveryFileOldOrNewAndComplete) {
     ++kills;
 
     for (const char* f : kFiles) {
-      const std::string content = ReadFile(root / (std::string("vr480/") + f));
+      const std::string content = Read(root, f);
       ASSERT_TRUE(content == known[0][f] || content == known[1][f])
           << f << " after kill " << kills << " holds " << content.size() << " bytes that are neither version";
       if (content != last[f]) ++changes;
@@ -119,7 +115,6 @@ TEST(SettingsFilesCrash, AKilledSaveLeavesEveryFileOldOrNewAndComplete) {
   }
   EXPECT_GE(kills, 10);
   EXPECT_GT(changes, 0) << "no kill came late enough to let a save finish";
-  std::printf("%d kills, %d file changes seen\n", kills, changes);
 
   // Whatever mixture of versions the kills left, start-up loads every file.
   auto loaded = std::make_unique<CVr480Server>();
@@ -130,13 +125,8 @@ TEST(SettingsFilesCrash, AKilledSaveLeavesEveryFileOldOrNewAndComplete) {
   const std::string messages = testing::internal::GetCapturedStdout();
   const std::string tags = loaded->TagManager.GetTagsText();
   EXPECT_TRUE(tags == known[0]["vr480.tag"] || tags == known[1]["vr480.tag"]);
-  EXPECT_EQ(messages,
-            "Locations data loaded.\n"
-            "References data loaded.\n"
-            "Averages data loaded.\n"
-            "Wvl gain offsets data loaded.\n"
-            "DB2COUNTS_FILE contains 401 entries.\n"
-            "Db2Counts data loaded.\n");
+  EXPECT_EQ(messages, "Locations data loaded.\nReferences data loaded.\nAverages data loaded.\n"
+                      "Wvl gain offsets data loaded.\nDB2COUNTS_FILE contains 401 entries.\nDb2Counts data loaded.\n");
 
   server.reset();
   loaded.reset();

@@ -16,17 +16,11 @@
 namespace {
 
 constexpr const char* kBaselineTags =
-    "#SET_SOA_DRIVE = \"30000\"\n"
-    "#SET_SCAN_AMP = \"40000\"\n"
-    "#SET_INITIAL_BIAS = \"28000\"\n"
-    "#SET_AUTOBIAS = \"1\"\n"
-    "#SET_AUTO_SCAN_AMP = \"1\"\n"
-    "#SET_ZOR_FS_ENABLE = \"1\"\n"
-    "#SET_ZOR_LOC_MEAS_ENABLE = \"1\"\n";
+    "#SET_SOA_DRIVE = \"30000\"\n#SET_SCAN_AMP = \"40000\"\n#SET_INITIAL_BIAS = \"28000\"\n#SET_AUTOBIAS = \"1\"\n"
+    "#SET_AUTO_SCAN_AMP = \"1\"\n#SET_ZOR_FS_ENABLE = \"1\"\n#SET_ZOR_LOC_MEAS_ENABLE = \"1\"\n";
 
-// Waits for each line on its own (other threads print between them, and the console reaches
-// the test some time after the reply), then checks that they came in this order, as the one
-// thread that prints them wrote them.
+// Waits for each line on its own (other threads print between them), then checks they came in
+// this order, as the one thread that prints them wrote them.
 void ExpectLinesInOrder(CServerProcess& server, const std::vector<std::string>& lines) {
   for (const auto& line : lines)
     ASSERT_TRUE(server.WaitForOutput(line, std::chrono::seconds(30))) << "missing: [" << line << "]";
@@ -53,15 +47,13 @@ void ExpectBracketAfter(const CTempDir& root, size_t* from) {
 
 }  // namespace
 
+// Tag file replay, the tag commands' replies and console lines (counts, dump indexes), and
+// what the two saves write inside the remount bracket.
 TEST(SettingsFilesServer, TagCommandsAndSaveInsideTheBracket) {
   CTempDir root;
   WriteFile(root / "cfc_build.dat", "12\nignored\n");
-  WriteFile(root / "vr480/vr480.tag", std::string(kBaselineTags) +
-                                          "// a remark, lost at the next save\n"
-                                          "\n"
-                                          "#SET_USER_VAR = \"1 5\"\n"
-                                          "   #SET_USER_VAR = \"2 6\"\n"
-                                          "#SET_IDN_TXT = \"Lab unit 7\"\n");
+  WriteFile(root / "vr480/vr480.tag", std::string(kBaselineTags) + "// a remark, lost at the next save\n\n"
+                                          "#SET_USER_VAR = \"1 5\"\n   #SET_USER_VAR = \"2 6\"\n#SET_IDN_TXT = \"Lab unit 7\"\n");
   CServerProcess server(root.Path(), FreePort());
   ASSERT_TRUE(server.WaitForOutput("Error opening db2counts file.\n", std::chrono::seconds(40)))
       << server.Output().substr(0, 4000);
@@ -70,10 +62,8 @@ TEST(SettingsFilesServer, TagCommandsAndSaveInsideTheBracket) {
                               "Error opening db2counts file.\n"});
   CTestClient client(server.Port());
   ASSERT_TRUE(client.Connected());
-  EXPECT_EQ(client.Command("#GET_TAGS"), std::string(kBaselineTags) +
-                                             "#SET_USER_VAR = \"1 5\"\n"
-                                             "#SET_USER_VAR = \"2 6\"\n"
-                                             "#SET_IDN_TXT = \"Lab unit 7\"\n");
+  EXPECT_EQ(client.Command("#GET_TAGS"),
+            std::string(kBaselineTags) + "#SET_USER_VAR = \"1 5\"\n#SET_USER_VAR = \"2 6\"\n#SET_IDN_TXT = \"Lab unit 7\"\n");
   EXPECT_EQ(client.Command("#remove_tag #set_user_var"), "Removing 2 tag(s).\n");
   EXPECT_EQ(client.Command("#REMOVE_TAG #SET_NO_SUCH_SETTING"), "Removing 0 tag(s).\n");
   EXPECT_EQ(client.Command("#DUMP_TAGS"), "Dumping Tags...\n");
@@ -88,9 +78,7 @@ TEST(SettingsFilesServer, TagCommandsAndSaveInsideTheBracket) {
                               "Tag[9] #SET_IDN_TXT = \"Lab unit 7\"\n", "Setting saved.\n"});
   // The remark and the blank line are gone; removed tags stay, commented out.
   EXPECT_EQ(ReadFile(root / "vr480/vr480.tag"), std::string(kBaselineTags) +
-                                                    "//#SET_USER_VAR = \"1 5\"\n"
-                                                    "//#SET_USER_VAR = \"2 6\"\n"
-                                                    "#SET_IDN_TXT = \"Lab unit 7\"\n");
+            "//#SET_USER_VAR = \"1 5\"\n//#SET_USER_VAR = \"2 6\"\n#SET_IDN_TXT = \"Lab unit 7\"\n");
   EXPECT_EQ(ReadFile(root / "vr480/gain_wvl_offsets.dat").size(), 1048560u);
 }
 
