@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <deque>
+#include <memory>
 #include <functional>
 #include <string>
 #include <thread>
@@ -49,51 +52,33 @@ class DriverTest : public testing::Test {
   std::vector<unsigned long> Sleeps;
 };
 
-// ---------------------------------------------------------------------------------------------
-// Opening the card
-
+// Opening counts the clients, programs every buffer's bus address, then arms the ring, maps it
+// and darkens both LEDs; closing undoes all of it.
 TEST_F(DriverTest, InitProgramsRingAddressesArmsMapsAndDarkensLeds) {
   CaptureStdout();
   ASSERT_EQ(Driver.init_vr480(), 0);
   EXPECT_EQ(GetCapturedStdout(), "");
-
-  // Every buffer's bus address, low half, high half, index, in ring order.
-  const auto& cmds = Fake().Commands;
-  ASSERT_EQ(cmds.size(), 3u * kDmaBuffers);
+  std::vector<uint32_t> words;  // low half, high half, index, in ring order
   for (uint32_t k = 0; k < kDmaBuffers; ++k) {
-    uint32_t address = FakeCardState::kBusBase + 8192 * k;
-    ASSERT_EQ(cmds[3 * k], 0x38000000 | (address & 0xFFFF)) << k;
-    ASSERT_EQ(cmds[3 * k + 1], 0x39000000 | (address >> 16)) << k;
-    ASSERT_EQ(cmds[3 * k + 2], 0x3A000000 | k) << k;
+    const uint32_t a = FakeCardState::kBusBase + 8192 * k;
+    words.insert(words.end(), {0x38000000 | (a & 0xFFFF), 0x39000000 | (a >> 16), 0x3A000000 | k});
   }
-  // The clients were counted before, and the ring armed after, the addresses went out.
+  EXPECT_EQ(Fake().Commands, words);
   const auto& req = Fake().Requests;
-  int clientCount = Fake().FirstRequest(kVrClientCount);
-  int firstWrite = Fake().FirstRequest(kVrWriteReg32);
-  int start = Fake().FirstRequest(kVrStart);
-  ASSERT_GE(clientCount, 0);
-  EXPECT_LT(clientCount, firstWrite);
-  int lastWrite = -1;
-  for (size_t i = 0; i < req.size(); ++i)
-    if (req[i] == kVrWriteReg32) lastWrite = static_cast<int>(i);
-  EXPECT_GT(start, lastWrite);
+  const long lastWrite = std::find(req.rbegin(), req.rend(), kVrWriteReg32).base() - req.begin() - 1;
+  ASSERT_GE(Fake().FirstRequest(kVrClientCount), 0);
+  EXPECT_LT(Fake().FirstRequest(kVrClientCount), Fake().FirstRequest(kVrWriteReg32));
+  EXPECT_GT(Fake().FirstRequest(kVrStart), lastWrite);
   EXPECT_EQ(Sleeps, std::vector<unsigned long>{1000000});  // settle before the addresses
-
-  ASSERT_EQ(Fake().MapLengths.size(), static_cast<size_t>(kDmaBuffers));
-  for (int k = 0; k < kDmaBuffers; ++k) {
-    ASSERT_EQ(Fake().MapLengths[k], 6176u);
-    ASSERT_EQ(Driver.PeaksData[k], &Fake().Buffers[k]);
-  }
-
-  // Port byte 4, then both LED bits cleared one at a time.
-  EXPECT_EQ(Fake().PpBytes, (std::vector<uint8_t>{4, 4}));
+  EXPECT_EQ(Fake().MapLengths, std::vector<size_t>(kDmaBuffers, 6176));
+  for (int k = 0; k < kDmaBuffers; ++k) ASSERT_EQ(Driver.PeaksData[k], &Fake().Buffers[k]);
+  EXPECT_EQ(Fake().PpBytes, (std::vector<uint8_t>{4, 4}));  // port byte 4, then the LED bits one at a time
   EXPECT_EQ(pp_shadow, 4);
   EXPECT_EQ(pp_driver_fd, 0);
 
   EXPECT_EQ(Driver.close_vr480(), 0);
   EXPECT_EQ(Fake().Unmaps, kDmaBuffers);
-  EXPECT_TRUE(Fake().Closed);
-  EXPECT_TRUE(Fake().PpClosed);
+  EXPECT_TRUE(Fake().Closed && Fake().PpClosed);
   EXPECT_EQ(Driver.PeaksData[0], nullptr);
 }
 
@@ -108,31 +93,36 @@ TEST_F(DriverTest, InitEdgeCases) {
   EXPECT_TRUE(Sleeps.empty());
   Driver.close_vr480();
 
-  FakeCardProvider waiting;
-  C480_DriverInterface second(&waiting);
-  std::vector<unsigned long> sleeps;
-  second.SetSleepHook([&](unsigned long us) { sleeps.push_back(us); });
-  waiting.Card().ClientCounts = {2, 2, 1};
-  CaptureStdout();
-  ASSERT_EQ(second.init_vr480(), 0);
-  EXPECT_EQ(GetCapturedStdout(), "Waiting on 1 driver clients...89\rWaiting on 0 driver clients...88\r");
-  EXPECT_EQ(sleeps.size(), 3u);  // two polls and the settle
-  EXPECT_EQ(waiting.Card().Commands.size(), 3u * kDmaBuffers);
-  second.close_vr480();
-
-  FakeCardProvider staying;
-  C480_DriverInterface third(&staying);
-  sleeps.clear();
-  third.SetSleepHook([&](unsigned long us) { sleeps.push_back(us); });
-  staying.Card().ClientCounts = {3};
-  CaptureStdout();
-  EXPECT_EQ(third.init_vr480(), -1);
-  std::string out = GetCapturedStdout();
-  EXPECT_EQ(sleeps.size(), 90u);
-  EXPECT_NE(out.find("Waiting on 2 driver clients...89\r"), std::string::npos);
-  EXPECT_TRUE(out.ends_with("...0\rError: a client is already attached to the driver. \n")) << out;
-  EXPECT_TRUE(staying.Card().Commands.empty());
-  EXPECT_EQ(staying.Card().FirstRequest(kVrStart), -1);
+  // A fresh card whose client count answers `counts`: the opening's result, output and sleeps.
+  struct Opening {
+    int Result = 0;
+    std::string Out;
+    size_t Sleeps = 0;
+    FakeCardProvider Card;
+  };
+  auto open = [](std::deque<uint16_t> counts) {
+    auto o = std::make_unique<Opening>();
+    C480_DriverInterface d(&o->Card);
+    d.SetSleepHook([&](unsigned long) { ++o->Sleeps; });
+    o->Card.Card().ClientCounts = std::move(counts);
+    CaptureStdout();
+    o->Result = d.init_vr480();
+    o->Out = GetCapturedStdout();
+    d.close_vr480();
+    return o;
+  };
+  auto waiting = open({2, 2, 1});
+  EXPECT_EQ(waiting->Result, 0);
+  EXPECT_EQ(waiting->Out, "Waiting on 1 driver clients...89\rWaiting on 0 driver clients...88\r");
+  EXPECT_EQ(waiting->Sleeps, 3u);  // two polls and the settle
+  EXPECT_EQ(waiting->Card.Card().Commands.size(), 3u * kDmaBuffers);
+  auto staying = open({3});
+  EXPECT_EQ(staying->Result, -1);
+  EXPECT_EQ(staying->Sleeps, 90u);
+  EXPECT_NE(staying->Out.find("Waiting on 2 driver clients...89\r"), std::string::npos);
+  EXPECT_TRUE(staying->Out.ends_with("...0\rError: a client is already attached to the driver. \n")) << staying->Out;
+  EXPECT_TRUE(staying->Card.Card().Commands.empty());
+  EXPECT_EQ(staying->Card.Card().FirstRequest(kVrStart), -1);
 
   Fake().Absent = true;
   CaptureStdout();
@@ -147,9 +137,7 @@ TEST_F(DriverTest, InitEdgeCases) {
   EXPECT_EQ(Driver.PeaksData[7], nullptr);
 }
 
-// ---------------------------------------------------------------------------------------------
-// FPGA commands: what the card receives, what the shadow keeps
-
+// What the card receives for each FPGA command, and what the driver's shadow keeps.
 TEST_F(DriverTest, CommandWordsAndShadows) {
   Open();
   C480_DriverInterface& d = Driver;
@@ -195,39 +183,28 @@ TEST_F(DriverTest, CommandWordsAndShadows) {
   const size_t before = CommandCount();
   EXPECT_EQ(d.SetAnalogVout(1, 1000), 0);
   EXPECT_EQ(d.GetAnalogVout(1), 0);
-  EXPECT_EQ(d.SetChGain(6, 77), -1);
-  EXPECT_EQ(d.SetChThresh(6, 1), -1);
-  EXPECT_EQ(d.SetChLockoutPeriod(200, 1), -1);
-  EXPECT_EQ(d.SetChNoiseThreshEnabled(6, true), -1);
-  EXPECT_EQ(d.SetChNtValidPeriod(6, 1), -1);
-  EXPECT_EQ(d.SetChNtvResetOnZc(6, true), -1);
+  for (int r : {d.SetChGain(6, 77), d.SetChThresh(6, 1), d.SetChLockoutPeriod(200, 1), d.SetChNoiseThreshEnabled(6, true),
+                d.SetChNtValidPeriod(6, 1), d.SetChNtvResetOnZc(6, true)})
+    EXPECT_EQ(r, -1);
   EXPECT_EQ(CommandCount(), before);
   EXPECT_EQ(d.GetChGain(6), 0);
   EXPECT_EQ(d.GetChGain(5), 77);
 
-  // Converter words carry the amplitude channel; the control write's reference bit stays.
+  // Converter words carry the amplitude channel and keep the control write's reference bit;
+  // the LEDs go to the FPGA and to the port.
   d.SetAmpCh(5);
-  EXPECT_EQ(LastCommand(), 0x12009400u);
-  EXPECT_EQ(d.GetAmpCh(), 5);
   d.WriteAd7329ControlRegister(0x810);
-  EXPECT_EQ(LastCommand(), 0x12008810u);
   d.WriteAd7329RangeRegister2(0xAA0);
-  EXPECT_EQ(LastCommand(), 0x1200CAA0u);
   d.SetAmpCh(5);
-  EXPECT_EQ(LastCommand(), 0x12009410u);
-
-  // The LEDs go to the port and to the FPGA.
   d.SetClientLed(true);
-  EXPECT_EQ(LastCommand(), 0x08000001u);
   d.SetReadyLed(true);
-  EXPECT_EQ(LastCommand(), 0x07000001u);
   d.SetClientLed(false);
+  EXPECT_EQ(std::vector<uint32_t>(Fake().Commands.begin() + static_cast<long>(before), Fake().Commands.end()),
+            (std::vector<uint32_t>{0x12009400, 0x12008810, 0x1200CAA0, 0x12009410, 0x08000001, 0x07000001, 0x08000000}));
+  EXPECT_EQ(d.GetAmpCh(), 5);
   EXPECT_EQ(Fake().PpBytes, (std::vector<uint8_t>{0x0C, 0x1C, 0x14}));
   EXPECT_TRUE(d.GetReadyLed());
 }
-
-// ---------------------------------------------------------------------------------------------
-// The mailbox
 
 // Each word waits for the FPGA to take the one before. (A mailbox that stays full, losing the
 // command but keeping the shadow, is the acquisition suite's case, on the simulated card.)
@@ -274,9 +251,6 @@ TEST_F(DriverTest, MailboxLockSerialisesThreadsAndInstances) {
   second.close_vr480();
 }
 
-// ---------------------------------------------------------------------------------------------
-// Records
-
 // An index outside the ring is never used: WaitForData reports -1 and GetData waits for the
 // next valid record.
 TEST_F(DriverTest, RecordIndexOutsideRingIsRejected) {
@@ -298,9 +272,6 @@ TEST_F(DriverTest, RecordIndexOutsideRingIsRejected) {
   EXPECT_EQ(Driver.GetData(&record), -1);
 }
 
-// ---------------------------------------------------------------------------------------------
-// Configuration memory
-
 TEST_F(DriverTest, NvRamSerialNumberAndConfigurationImage) {
   Open();
   EXPECT_EQ(Driver.nvRAM_write(0x10, 0xAB), 0);
@@ -314,38 +285,31 @@ TEST_F(DriverTest, NvRamSerialNumberAndConfigurationImage) {
   Fake().NvRam[0x20] = 0x00;
 
   EXPECT_EQ(Driver.make_ZOR_device(3), 0);
-  const uint8_t image3[64] = {
-      0xE8, 0x10, 0x82, 0x88, 0x00, 0x01, 0x00, 0x00, 0x03, 0x00, 0x00, 0xFF, 0x00, 0xFF, 0x00, 0x00,
-      0xC1, 0xFF, 0xE8, 0x10, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
-      0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
-      0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xFF, 0x01, 0xFF, 0x00};
-  for (int a = 0; a < 256; ++a) {
-    uint8_t expected = (a >= 0x40 && a < 0x80) ? image3[a - 0x40] : 0xFF;
-    ASSERT_EQ(Fake().NvRam[a], expected) << "address " << a;  // serial number erased too
-  }
+  std::vector<uint8_t> image(256, 0xFF);  // the serial number erased too
+  const std::vector<std::pair<int, uint8_t>> set3 = {{0x40, 0xE8}, {0x41, 0x10}, {0x42, 0x82}, {0x43, 0x88}, {0x45, 0x01},
+                                                     {0x48, 0x03}, {0x4B, 0xFF}, {0x4D, 0xFF}, {0x50, 0xC1}, {0x51, 0xFF},
+                                                     {0x52, 0xE8}, {0x53, 0x10}, {0x7C, 0xFF}, {0x7D, 0x01}, {0x7E, 0xFF}};
+  std::fill(image.begin() + 0x40, image.begin() + 0x80, 0x00);
+  for (auto [a, v] : set3) image[a] = v;
+  EXPECT_EQ(std::vector<uint8_t>(Fake().NvRam, Fake().NvRam + 256), image);
   EXPECT_EQ(Driver.GetNvRamRev(), 3);
-
   Driver.make_ZOR_device(1);
-  EXPECT_EQ(Fake().NvRam[0x45], 0x81);
-  EXPECT_EQ(Fake().NvRam[0x4D], 0x00);
-  EXPECT_EQ(Fake().NvRam[0x7E], 0x00);
+  EXPECT_EQ(std::vector<uint8_t>({Fake().NvRam[0x45], Fake().NvRam[0x4D], Fake().NvRam[0x7E]}),
+            std::vector<uint8_t>({0x81, 0x00, 0x00}));
   EXPECT_EQ(Driver.GetNvRamRev(), 1);
 
   // Without a revision the driver release decides.
-  CaptureStdout();
-  Driver.make_ZOR_device();
-  EXPECT_EQ(GetCapturedStdout(),
-            "** Warning: No RID was specified.  Assuming a Rev. 3 ZOR device... **\n");
-  EXPECT_EQ(Driver.GetNvRamRev(), 3);
-  Fake().DriverRelease = 49;
-  CaptureStdout();
-  Driver.make_ZOR_device();
-  EXPECT_EQ(GetCapturedStdout(),
-            "** Warning: No RID was specified.  Assuming a Rev. 2 ZOR device... **\n");
-  EXPECT_EQ(Driver.GetNvRamRev(), 2);
+  for (int release : {52, 49}) {
+    Fake().DriverRelease = static_cast<uint16_t>(release);
+    CaptureStdout();
+    Driver.make_ZOR_device();
+    const int rev = release >= 50 ? 3 : 2;
+    EXPECT_EQ(GetCapturedStdout(),
+              "** Warning: No RID was specified.  Assuming a Rev. " + std::to_string(rev) + " ZOR device... **\n");
+    EXPECT_EQ(Driver.GetNvRamRev(), rev);
+  }
   EXPECT_EQ(Fake().NvRam[0x45], 0x81);
   EXPECT_EQ(Fake().NvRam[0x4D], 0xFF);
-  // (Reading the serial number back and clearing the image are the memory commands' cases.)
 }
 
 TEST_F(DriverTest, NvRamBusyForeverReportsMcsrNotReady) {

@@ -29,7 +29,6 @@ struct FakeCardState {
   uint16_t DeviceId = 0x8882;
   uint16_t DriverRelease = 52;
   std::deque<uint16_t> ClientCounts;  // successive client-count answers; the last one repeats
-  bool MailboxStalled = false;    // the FPGA never empties outgoing mailbox 1
   int MailboxBusyReads = 1;       // reads of 0x34 that show the mailbox full after a command
   std::atomic<int> MailboxReadPauseUs{0};  // pause after every mailbox status read
   bool NvRamStuckBusy = false;    // the nvRAM busy bit never clears
@@ -69,15 +68,11 @@ struct FakeCardState {
     auto* access = reinterpret_cast<VrRegisterAccess*>(arg);
     auto* u16 = reinterpret_cast<uint16_t*>(arg);
     switch (request) {
-      case kVrReadReg8:
-      case kVrReadReg16:
-      case kVrReadReg32:
+      case kVrReadReg8: case kVrReadReg16: case kVrReadReg32:
         access->value = ReadRegister(access->reg) &
                         (request == kVrReadReg8 ? 0xFF : request == kVrReadReg16 ? 0xFFFF : 0xFFFFFFFF);
         return 0;
-      case kVrWriteReg8:
-      case kVrWriteReg16:
-      case kVrWriteReg32:
+      case kVrWriteReg8: case kVrWriteReg16: case kVrWriteReg32:
         WriteRegister(access->reg, access->value &
                                        (request == kVrWriteReg8 ? 0xFF : request == kVrWriteReg16 ? 0xFFFF : 0xFFFFFFFF));
         return 0;
@@ -87,8 +82,7 @@ struct FakeCardState {
       case kVrGetDriverVersion:
         *u16 = DriverRelease;
         return 0;
-      case kVrStart:
-      case kVrDebug:
+      case kVrStart: case kVrDebug:
         return 0;
       case kVrWaitForData:
         if (WaitIndices.empty()) return -1;
@@ -123,21 +117,15 @@ struct FakeCardState {
 
  private:
   uint32_t ReadRegister(uint32_t reg) {
-    if (reg == kRegMbef) {
-      if (MailboxStalled) return 0x0F;
-      return MailboxFullReads > 0 && MailboxFullReads-- ? 0x0F : 0;
-    }
-    if (reg == kRegNvControl) {
-      if (NvRamStuckBusy) return 0x80;
-      return NvBusyPolls > 0 && NvBusyPolls-- ? 0x80 : 0;
-    }
+    if (reg == kRegMbef) return MailboxFullReads > 0 && MailboxFullReads-- ? 0x0F : 0;
+    if (reg == kRegNvControl) return NvRamStuckBusy || (NvBusyPolls > 0 && NvBusyPolls--) ? 0x80 : 0;
     return reg == kRegNvData ? NvReadData : Registers[reg];
   }
   // The nvRAM interface: the access code written to 0x3F decides what the next write to 0x3E
   // means; a read or commit keeps the busy bit up for two polls.
   void WriteRegister(uint32_t reg, uint32_t value) {
     if (reg == kRegOmb1) {
-      if (MailboxStalled || MailboxFullReads > 0) ++WritesWhileFull;
+      if (MailboxFullReads > 0) ++WritesWhileFull;
       Commands.push_back(value);
       MailboxFullReads = MailboxBusyReads;
     } else if (reg == kRegNvControl) {
