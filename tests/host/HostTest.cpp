@@ -12,9 +12,9 @@
 TEST(HostPaths, WorkstationPathsStayInsideTheRootInstrumentPathsAreUnchanged) {
   CTempDir root;
   CHost host(root.Path());
-  EXPECT_FALSE(host.IsInstrument());
+  EXPECT_FALSE(host.IsInstrument());  // the working directory is /vr480
   const std::pair<const char*, const char*> rows[] = {
-      {"/vr480/vr480.tag", "vr480/vr480.tag"},   {"references.dat", "vr480/references.dat"},  // the working directory
+      {"/vr480/vr480.tag", "vr480/vr480.tag"},   {"references.dat", "vr480/references.dat"},
       {"/tmp//./a/../DistMeas.log", "tmp/DistMeas.log"}, {"/../../etc/passwd", "etc/passwd"},
       {"../../../etc/shadow", "etc/shadow"},
   };
@@ -35,14 +35,12 @@ TEST(HostCommands, WorkstationRecordsCommandsInOrderAndRunsNone) {
   EXPECT_EQ(host.Run("touch " + victim), 0);
   std::string out = "stale";
   EXPECT_EQ(host.Capture("/sbin/hwclock --systohc", &out), 0);
-  EXPECT_EQ(out, "");
-  EXPECT_FALSE(std::filesystem::exists(victim));
+  EXPECT_TRUE(out.empty() && !std::filesystem::exists(victim));
   EXPECT_EQ(host.CommandLog(),
             (std::vector<std::string>{"/bin/mount -o,remount /vr480", "touch " + victim, "/sbin/hwclock --systohc"}));
 
   // Each log line carries a time stamp before a tab, then the exact text.
-  std::string log = ReadFile(root / "tmp/host-commands.log");
-  EXPECT_NE(log.find("\t/bin/mount -o,remount /vr480\n"), std::string::npos);
+  EXPECT_NE(ReadFile(root / "tmp/host-commands.log").find("\t/bin/mount -o,remount /vr480\n"), std::string::npos);
 }
 
 TEST(HostCommands, ScriptedAnswersMatchByPrefixNewestFirst) {
@@ -51,14 +49,14 @@ TEST(HostCommands, ScriptedAnswersMatchByPrefixNewestFirst) {
   host.Script("ntpq", 0, "remote refid\n*10.0.0.1 .GPS.\n");
   host.Script("pgrep ntpd", 1);
   host.Script("pgrep", 0, "1234\n");
-  std::string out;
-  EXPECT_EQ(host.Capture("ntpq -p", &out), 0);
-  EXPECT_EQ(out, "remote refid\n*10.0.0.1 .GPS.\n");
-  EXPECT_EQ(host.Capture("pgrep ntpd", &out), 0);  // the newer, shorter script wins
-  EXPECT_EQ(out, "1234\n");
+  auto capture = [&](const std::string& line) {
+    std::string out;
+    return std::to_string(host.Capture(line, &out)) + ":" + out;
+  };
+  EXPECT_EQ(capture("ntpq -p"), "0:remote refid\n*10.0.0.1 .GPS.\n");
+  EXPECT_EQ(capture("pgrep ntpd"), "0:1234\n");  // the newer, shorter script wins
   host.ClearScripts();
-  EXPECT_EQ(host.Capture("pgrep ntpd", &out), 0);
-  EXPECT_EQ(out, "");
+  EXPECT_EQ(capture("pgrep ntpd"), "0:");
   EXPECT_EQ(host.CommandLog().size(), 3u);
 }
 
@@ -78,41 +76,30 @@ TEST(HostCommands, InstrumentRunsThroughBashWithoutLeakingDescriptors) {
   ::close(fd);
 }
 
+// No argument: the instrument's defaults and the window; any argument suppresses the window.
 TEST(ServerOptions, ParsesWorkstationOptions) {
-  auto parse = [](std::vector<std::string> args, CServerOptions& o, std::string& err) {
-    std::vector<char*> argv;
+  auto parse = [](std::vector<std::string> args, CServerOptions& o) {
     static std::string name = "vr480d";
-    argv.push_back(name.data());
+    std::vector<char*> argv = {name.data()};
     for (auto& a : args) argv.push_back(a.data());
-    return ParseOptions(static_cast<int>(argv.size()), argv.data(), o, err);
+    std::string err;
+    const bool ok = ParseOptions(static_cast<int>(argv.size()), argv.data(), o, err);
+    EXPECT_EQ(err.empty(), ok) << args[0];
+    return ok;
   };
-  CServerOptions o;
-  std::string err;
-  ASSERT_TRUE(parse({}, o, err));
-  EXPECT_TRUE(o.bFrontPanel);
-  EXPECT_EQ(o.Port, 1852);
-  EXPECT_EQ(o.Root, "/");
-
-  CServerOptions w;
-  ASSERT_TRUE(parse({"--root", "/tmp/x", "--port", "8520", "--sim", "--scene", "s.txt"}, w, err));
-  EXPECT_FALSE(w.bFrontPanel);
-  EXPECT_EQ(w.Port, 8520);
-  EXPECT_EQ(w.ListenAddress, "127.0.0.1");
-  EXPECT_TRUE(w.bForceSim);
-  EXPECT_EQ(w.SceneFile, "s.txt");
-
-  CServerOptions any, fp;
-  ASSERT_TRUE(parse({"nogui"}, any, err));  // any argument only suppresses the window
+  CServerOptions o, w, any, fp;
+  ASSERT_TRUE(parse({}, o));
+  EXPECT_TRUE(o.bFrontPanel && o.Port == 1852 && o.Root == "/");
+  ASSERT_TRUE(parse({"--root", "/tmp/x", "--port", "8520", "--sim", "--scene", "s.txt"}, w));
+  EXPECT_TRUE(!w.bFrontPanel && w.Port == 8520 && w.ListenAddress == "127.0.0.1" && w.bForceSim && w.SceneFile == "s.txt");
+  ASSERT_TRUE(parse({"nogui"}, any));
   EXPECT_FALSE(any.bFrontPanel);
-  ASSERT_TRUE(parse({"--listen", "0.0.0.0", "--front-panel"}, fp, err));
-  EXPECT_TRUE(fp.bFrontPanel);
-  EXPECT_EQ(fp.ListenAddress, "0.0.0.0");
-
+  ASSERT_TRUE(parse({"--listen", "0.0.0.0", "--front-panel"}, fp));
+  EXPECT_TRUE(fp.bFrontPanel && fp.ListenAddress == "0.0.0.0");
   for (std::vector<std::string> bad : {std::vector<std::string>{"--port", "0"}, {"--port", "10000"},
                                        {"--port", "12x"}, {"--port"}, {"--bogus"}}) {
     CServerOptions b;
-    EXPECT_FALSE(parse(bad, b, err)) << bad[0];
-    EXPECT_FALSE(err.empty());
+    EXPECT_FALSE(parse(bad, b)) << bad[0];
   }
 }
 
@@ -120,9 +107,8 @@ TEST(ServerOptions, NewRootGetsSkeletonAndBaselineTagsButKeepsExistingOnes) {
   CTempDir root;
   std::string err;
   ASSERT_TRUE(PrepareWorkstationRoot(root.Path(), err)) << err;
-  EXPECT_TRUE(std::filesystem::is_directory(root / "vr480"));
-  EXPECT_TRUE(std::filesystem::is_directory(root / "tmp"));
-  std::string tags = ReadFile(root / "vr480/vr480.tag");
+  EXPECT_TRUE(std::filesystem::is_directory(root / "vr480") && std::filesystem::is_directory(root / "tmp"));
+  const std::string tags = ReadFile(root / "vr480/vr480.tag");
   EXPECT_NE(tags.find("#SET_SOA_DRIVE = \"30000\"\n"), std::string::npos);
   EXPECT_NE(tags.find("#SET_ZOR_LOC_MEAS_ENABLE = \"1\"\n"), std::string::npos);
 
