@@ -22,26 +22,19 @@ struct CReadyCard : CTestDriver {
   }
 };
 
-int SampleOf(const struct_dma_peaks_data& r, int i) { return static_cast<int>(r.FsSamples[i] & 0xFFFF); }
-
 }  // namespace
 
+// Record counter, sweep counter (dropped sweeps count too) and phase over more than one lap.
 TEST(SimInstrument, CountersPhaseAndDivider) {
   CReadyCard d;
   d.Command(cmd::kDataRateDivider, 3);
-  auto* prev = &d.StepNext();
-  uint16_t prevCounter = prev->status.RecordCounter;
-  uint32_t prevSweep = prev->status.SweepCounter;
-  uint8_t prevPhase = prev->status.CurrentLayer;
+  auto prev = d.StepNext().status;
   for (int i = 0; i < 200; ++i) {
-    auto& r = d.StepNext();
-    EXPECT_EQ(r.status.RecordCounter, static_cast<uint16_t>(prevCounter + 1));
-    EXPECT_EQ(r.status.SweepCounter, prevSweep + 3) << "dropped sweeps count too";
-    EXPECT_EQ(r.status.CurrentLayer, (prevPhase + 1) % 128);
-    EXPECT_EQ(r.status.DataRateDivider, 3);
-    prevCounter = r.status.RecordCounter;
-    prevSweep = r.status.SweepCounter;
-    prevPhase = r.status.CurrentLayer;
+    const auto r = d.StepNext().status;
+    ASSERT_EQ(std::vector<uint32_t>({r.RecordCounter, r.SweepCounter, r.CurrentLayer, r.DataRateDivider}),
+              std::vector<uint32_t>({static_cast<uint16_t>(prev.RecordCounter + 1), prev.SweepCounter + 3,
+                                     (prev.CurrentLayer + 1) % 128u, 3}));
+    prev = r;
   }
   d.Command(cmd::kDataRateDivider, 0);  // 0 counts as 1
   EXPECT_EQ(d.Advance(3).status.DataRateDivider, 1);
@@ -54,8 +47,7 @@ TEST(SimInstrument, BiasAndScanAmplitudeMoveThePeaks) {
   const double fbg0 = r0.FbgPeaks[0];
   EXPECT_EQ(r0.status.FbgPosition & 0xFFFFFF, r0.FbgPeaks[0]);
   EXPECT_NEAR(fbg0, 32768, 600) << "the working point puts the grating near mid-sweep";
-  const int teeth0 = r0.status.NumPeaks[1];
-  EXPECT_GT(teeth0, 120);
+  EXPECT_GT(r0.status.NumPeaks[1], 120);
 
   d.Command(cmd::kBias, sim::factory::kBias + 500);
   auto& r1 = d.StepNext();
@@ -92,7 +84,7 @@ TEST(SimInstrument, DetectionRules) {
 
   d.Command(cmd::kLockout, 2 << 16 | 200);
   d.Command(cmd::kNoiseThreshEnable, 2 << 16 | 1);
-  d.ChannelCommand(cmd::kThresh, 2, static_cast<uint16_t>(3000 * 9.765625 / 2 + 32768), true);
+  d.Command(cmd::kThresh, 0x32 << 16 | static_cast<uint16_t>(3000 * 9.765625 / 2 + 32768));
   auto& r = d.StepNext();
   ASSERT_EQ(r.status.NumPeaks[2], 1) << "weak under threshold, close inside the lockout";
 
@@ -111,34 +103,28 @@ TEST(SimInstrument, DetectionRules) {
   EXPECT_EQ(d.StepNext().status.NumPeaks[2], 2);
 }
 
+// A software start opens one window of consecutive sweeps; once done, a start needs a new enable.
 TEST(SimModes, SoftwareTriggerWindows) {
   CReadyCard d;
-  d.Command(cmd::kTrigSource, 0);
-  d.Command(cmd::kTrigStopType, 0);
-  d.Command(cmd::kTrigAcq, 5);
-  d.Command(cmd::kTrigEnable, 1);
+  for (auto [code, arg] : {std::pair{cmd::kTrigSource, 0}, {cmd::kTrigStopType, 0}, {cmd::kTrigAcq, 5}, {cmd::kTrigEnable, 1}})
+    d.Command(code, arg);
   d.Advance(3);
   EXPECT_EQ(d.Card().TriggerState(), ETriggerState::Armed);
   auto& armed = d.StepNext();
-  EXPECT_TRUE(armed.TriggeredAcquisition());
-  EXPECT_FALSE(armed.InTriggerWindow());
-
+  EXPECT_TRUE(armed.TriggeredAcquisition() && !armed.InTriggerWindow());
   d.Command(cmd::kSwStart, 0);
-  uint32_t sweep = 0;
-  for (int i = 0; i < 5; ++i) {
+  auto& opened = d.StepNext();
+  EXPECT_TRUE(opened.InTriggerWindow());
+  const uint32_t first = opened.status.SweepCounter;
+  for (uint32_t i = 1; i < 5; ++i) {
     auto& r = d.StepNext();
-    EXPECT_TRUE(r.InTriggerWindow()) << i;
-    if (i > 0) {
-      EXPECT_EQ(r.status.SweepCounter, sweep + 1) << "consecutive sweeps in a window";
-    }
-    sweep = r.status.SweepCounter;
+    EXPECT_TRUE(r.InTriggerWindow() && r.status.SweepCounter == first + i) << i;
   }
   auto& after = d.StepNext();
-  EXPECT_FALSE(after.InTriggerWindow());
-  EXPECT_TRUE(after.TriggeredAcquisition());
+  EXPECT_TRUE(!after.InTriggerWindow() && after.TriggeredAcquisition());
   EXPECT_EQ(d.Card().TriggerState(), ETriggerState::Done);
   d.Command(cmd::kSwStart, 0);
-  EXPECT_FALSE(d.StepNext().InTriggerWindow()) << "done: a start needs a new enable";
+  EXPECT_FALSE(d.StepNext().InTriggerWindow());
 }
 
 // The alignment pattern numbers the 32768 points of a spectrum in order, sample i of phase p
@@ -153,7 +139,7 @@ TEST(SimSamples, AlignmentPatternNumbersThePointsInOrder) {
     const auto& r = d.StepNext();
     for (int i = 0; i < 256; ++i) {
       ASSERT_EQ(r.FsSamples[i] >> 16, 0xA5A5u) << "marker in the high half of every word";
-      points[128 * i + r.status.CurrentLayer] = SampleOf(r, i);
+      points[128 * i + r.status.CurrentLayer] = static_cast<int>(r.FsSamples[i] & 0xFFFF);
     }
   }
   for (int k = 0; k < 32768; ++k) ASSERT_EQ(points[k], k);

@@ -31,23 +31,17 @@ TEST(SimScene, ParsesSensorsAndKnobs) {
   EXPECT_FALSE(s.Sensors[15][0].PresentAt(1.2));
   ASSERT_EQ(s.Sensors[12].size(), 1u) << "1.4: channel 1 of layer 4";
   EXPECT_DOUBLE_EQ(s.Sensors[12][0].WavelengthAt(3.0), 1549.9);
-  EXPECT_DOUBLE_EQ(s.Environment.InternalDegC + s.Environment.GratingOffsetDegC, 27.5);
-  EXPECT_DOUBLE_EQ(s.Optics.ScanGainThzPerLsb, 3.6e-4);
-  EXPECT_DOUBLE_EQ(s.Optics.CalibrationErrorFsr, -0.2);
-  EXPECT_EQ(s.Environment.MasterDivider, 5);
-  EXPECT_DOUBLE_EQ(s.Environment.ChannelLengthM[1], 15.5);
-  EXPECT_DOUBLE_EQ(s.Environment.LayerLengthM[3], 100.0);
-  EXPECT_EQ(s.Optics.GratingList, 3);
-  EXPECT_TRUE(s.Hardware.bAbsent);
-  EXPECT_EQ(s.Hardware.DeviceIdOverride, 0x1234);
-  EXPECT_EQ(s.Hardware.DriverRelease, 49);
+  const auto& e = s.Environment;
+  EXPECT_EQ(std::vector<double>({e.InternalDegC + e.GratingOffsetDegC, s.Optics.ScanGainThzPerLsb,
+                                 s.Optics.CalibrationErrorFsr, static_cast<double>(e.MasterDivider), e.ChannelLengthM[1],
+                                 e.LayerLengthM[3], static_cast<double>(s.Optics.GratingList),
+                                 static_cast<double>(s.Hardware.bAbsent), static_cast<double>(s.Hardware.DeviceIdOverride),
+                                 static_cast<double>(s.Hardware.DriverRelease)}),
+            std::vector<double>({27.5, 3.6e-4, -0.2, 5, 15.5, 100, 3, 1, 0x1234, 49}));
 }
 
 TEST(SimScene, ErrorsNameTheLine) {
-  struct Case {
-    std::string Text;
-    std::string Expect;
-  } cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {"1 1530 0 9000\n17 1530 0 9000\n", "line 2: bad channel '17'"},
       {"5.1 1530 0 9000\n", "line 1: bad channel '5.1'"},
       {"1 abc 0 9000\n", "line 1: expected wavelength in nm, got 'abc'"},
@@ -62,10 +56,9 @@ TEST(SimScene, ErrorsNameTheLine) {
       {"channel_length 2.5 3\n", "line 1: index must be a whole number 1-4"},
       {"\ndevice_id 0xZZ\n", "line 2:"},
   };
-  for (const Case& c : cases) {
-    CSceneParseResult r = ParseScene(c.Text);
-    EXPECT_FALSE(r.bOk) << c.Text;
-    EXPECT_EQ(r.Error.rfind(c.Expect, 0), 0u) << "got: " << r.Error;
+  for (const auto& [text, expect] : cases) {
+    CSceneParseResult r = ParseScene(text);
+    EXPECT_TRUE(!r.bOk && r.Error.rfind(expect, 0) == 0) << text << " -> " << r.Error;
   }
   std::string many;
   for (int i = 0; i < 251; ++i) many += "3 1550 0 100\n";

@@ -29,7 +29,7 @@ inline CSimOptions StepOptions() {
 // FPGA command codes the tests use.
 namespace cmd {
 constexpr uint8_t kDma = 0x01, kBias = 0x03, kScanAmp = 0x04, kGain = 0x06, kThresh = 0x0D, kLockout = 0x0E,
-                  kNoiseThreshEnable = 0x0F, kConverter = 0x12, kDataRateDivider = 0x17, kSoaDrive = 0x18,
+                  kNoiseThreshEnable = 0x0F, kDataRateDivider = 0x17, kSoaDrive = 0x18,
                   kSoaEnable = 0x19, kAlign = 0x1E, kTrigEnable = 0x21, kTrigSource = 0x22, kSwStart = 0x23,
                   kTrigStopType = 0x25, kTrigAcq = 0x28, kMaxDutPeaks = 0x2F;
 }
@@ -65,15 +65,11 @@ class CTestDriver {
     }
     return Write(4, 0x00, (static_cast<uint32_t>(code) << 24) | (arg & 0xFFFFFF));
   }
-  int ChannelCommand(uint8_t code, int ch, uint16_t v, bool offset30) {
-    return Command(code, (static_cast<uint32_t>(offset30 ? 0x30 + ch : ch) << 16) | v);
-  }
 
   // The nvRAM interface: an access code to 0x3F once the busy bit clears, then a byte through
   // 0x3E (address low, address high, data to write) or a read of it.
   void NvWait() {
-    for (int i = 0; i < 100000 && (Read(1, 0x3F) & 0x80); ++i) {
-    }
+    for (int i = 0; i < 100000 && (Read(1, 0x3F) & 0x80); ++i) continue;
   }
   void Nv(uint8_t code, int data = -1) {
     NvWait();
@@ -129,15 +125,14 @@ class CTestDriver {
     LastIndex = index;
     return *Buffers[index % kDmaBuffers];
   }
-  // Steps one record period and takes the record.
+  // Steps one record period and takes the record; Advance steps n and returns the last.
   struct_dma_peaks_data& StepNext() {
     EXPECT_EQ(Card().Step(1), 1);
     return Next();
   }
-  // Steps n periods and drains every record, returning the last.
   struct_dma_peaks_data& Advance(int n) {
-    for (int i = 0; i < n; ++i) StepNext();
-    return *Buffers[LastIndex];
+    for (int i = 1; i < n; ++i) StepNext();
+    return StepNext();
   }
 
   std::shared_ptr<CSimCardProvider> Provider;
