@@ -95,10 +95,10 @@ TEST_F(DriverTest, InitEdgeCases) {
 
   // A fresh card whose client count answers `counts`: the opening's result, output and sleeps.
   struct Opening {
-    int Result = 0;
-    std::string Out;
-    size_t Sleeps = 0;
     FakeCardProvider Card;
+    int Result = 0;
+    size_t Sleeps = 0;
+    std::string Out;
   };
   auto open = [](std::deque<uint16_t> counts) {
     auto o = std::make_unique<Opening>();
@@ -108,7 +108,6 @@ TEST_F(DriverTest, InitEdgeCases) {
     CaptureStdout();
     o->Result = d.init_vr480();
     o->Out = GetCapturedStdout();
-    d.close_vr480();
     return o;
   };
   auto waiting = open({2, 2, 1});
@@ -206,19 +205,8 @@ TEST_F(DriverTest, CommandWordsAndShadows) {
   EXPECT_TRUE(d.GetReadyLed());
 }
 
-// Each word waits for the FPGA to take the one before. (A mailbox that stays full, losing the
-// command but keeping the shadow, is the acquisition suite's case, on the simulated card.)
-TEST_F(DriverTest, MailboxWaitsForTheFpgaToTakeEachWord) {
-  Open();
-  Fake().MailboxBusyReads = 50;
-  Driver.SetScanAmp(40000);
-  Driver.SetSOADrive(30000);
-  EXPECT_EQ(Fake().Commands, (std::vector<uint32_t>{0x04009C40, 0x18007530}));
-  EXPECT_EQ(Fake().WritesWhileFull, 0);
-}
-
-// The lock is class-wide: two interfaces on the same card, each used from two threads, never
-// write into a full mailbox and lose nothing.
+// Each word waits for the FPGA to take the one before, under a class-wide lock: two interfaces on
+// the same card, each used from two threads, never write into a full mailbox and lose nothing.
 TEST_F(DriverTest, MailboxLockSerialisesThreadsAndInstances) {
   Open();
   C480_DriverInterface second(&Provider);

@@ -1,4 +1,3 @@
-// The bridge registers' interpretation texts.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -8,7 +7,8 @@
 namespace {
 
 TEST(S5335Registers, Interpretations) {
-  // Names and the binary rendering show in the register commands' suite; here the texts.
+  // The bridge registers' interpretation texts (names and the binary rendering show in the
+  // register commands' suite).
   EXPECT_EQ(GetRegisterByNumber(0x02), "Unknown Register");
   EXPECT_EQ(interpret_register(0x24, 0xFFFFFFFF), "PCI controlled bus master write address = -1.");
   EXPECT_EQ(interpret_register(0x30, 1234), "PCI controlled bus master read xfer count = 1234.");

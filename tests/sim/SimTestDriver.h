@@ -20,18 +20,14 @@ namespace simtest {
 
 using namespace sim;
 
-inline CSimOptions StepOptions() {
-  CSimOptions o;
-  o.Mode = EProducerMode::Step;
-  return o;
-}
+inline CSimOptions StepOptions() { return [] { CSimOptions o; o.Mode = EProducerMode::Step; return o; }(); }
 
 // FPGA command codes the tests use.
 namespace cmd {
 constexpr uint8_t kDma = 0x01, kBias = 0x03, kScanAmp = 0x04, kGain = 0x06, kThresh = 0x0D, kLockout = 0x0E,
-                  kNoiseThreshEnable = 0x0F, kDataRateDivider = 0x17, kSoaDrive = 0x18,
-                  kSoaEnable = 0x19, kAlign = 0x1E, kTrigEnable = 0x21, kTrigSource = 0x22, kSwStart = 0x23,
-                  kTrigStopType = 0x25, kTrigAcq = 0x28, kMaxDutPeaks = 0x2F;
+                  kNoiseThreshEnable = 0x0F, kDataRateDivider = 0x17, kSoaDrive = 0x18, kSoaEnable = 0x19, kAlign = 0x1E,
+                  kTrigEnable = 0x21, kTrigSource = 0x22, kSwStart = 0x23, kTrigStopType = 0x25, kTrigAcq = 0x28,
+                  kMaxDutPeaks = 0x2F;
 }
 
 class CTestDriver {
@@ -60,9 +56,8 @@ class CTestDriver {
   // Returns -1 when the mailbox stayed full (the command is lost).
   int Command(uint8_t code, uint32_t arg) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
-    while (Read(4, 0x34) & 0x0F) {
+    while (Read(4, 0x34) & 0x0F)
       if (std::chrono::steady_clock::now() > deadline) return -1;
-    }
     return Write(4, 0x00, (static_cast<uint32_t>(code) << 24) | (arg & 0xFFFFFF));
   }
 
