@@ -19,7 +19,6 @@ TEST(Ad7329, RegisterWordsFieldsSequenceAndRanges) {
       adc.SelectSequenceMode(0x000C), adc.SelectDoutState(0x0003), adc.DisableWrite(), adc.SelectInputChannel(0)};
   EXPECT_EQ(words, (std::vector<uint16_t>{0x8400, 0x8810, 0xAAA0, 0xCAA0, 0xFFE0, 0x8810, 0x9410, 0x8410, 0x8710,
                                           0x87D0, 0x87F0, 0x87E0, 0x87EC, 0x87EE, 0x07EE, 0x83EE}));
-
   Cad7329 seq;
   seq.SequenceRegAddCh(0);
   const std::vector<uint16_t> seqWords = {
@@ -34,7 +33,6 @@ TEST(Ad7329, RegisterWordsFieldsSequenceAndRanges) {
       seq.SetChRange(1, 0)};  // range 1 kept its fields while range 2 changed
   EXPECT_EQ(seqWords, (std::vector<uint16_t>{0xF020, 0xF020, 0xE020, 0xE220, 0x8800, 0xB800, 0xB860, 0xC600, 0xC200,
                                              0xC000, 0xC200, 0xDA00, 0xB860}));
-
   Cad7329 raw;
   raw.InitAd7329ControlReg(0x7FFF);  // write bit clear; bit 0 is no field
   const uint16_t control = raw.DisableWrite();

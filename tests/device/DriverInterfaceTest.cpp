@@ -25,9 +25,7 @@ class DriverTest : public testing::Test {
     Driver.SetSleepHook([this](unsigned long us) { Sleeps.push_back(us); });
   }
   ~DriverTest() override { Driver.close_vr480(); }
-
   FakeCardState& Fake() { return Provider.Card(); }
-
   // Opens the card and forgets what the opening sent.
   void Open() {
     ASSERT_EQ(Driver.init_vr480(), 0);
@@ -37,7 +35,6 @@ class DriverTest : public testing::Test {
     Fake().PpBytes.clear();
     Sleeps.clear();
   }
-
   uint32_t LastCommand() {
     std::lock_guard<std::mutex> g(Fake().Lock);
     return Fake().Commands.empty() ? 0xDEADBEEF : Fake().Commands.back();
@@ -46,7 +43,6 @@ class DriverTest : public testing::Test {
     std::lock_guard<std::mutex> g(Fake().Lock);
     return Fake().Commands.size();
   }
-
   FakeCardProvider Provider;
   C480_DriverInterface Driver;
   std::vector<unsigned long> Sleeps;
@@ -75,7 +71,6 @@ TEST_F(DriverTest, InitProgramsRingAddressesArmsMapsAndDarkensLeds) {
   EXPECT_EQ(Fake().PpBytes, (std::vector<uint8_t>{4, 4}));  // port byte 4, then the LED bits one at a time
   EXPECT_EQ(pp_shadow, 4);
   EXPECT_EQ(pp_driver_fd, 0);
-
   EXPECT_EQ(Driver.close_vr480(), 0);
   EXPECT_EQ(Fake().Unmaps, kDmaBuffers);
   EXPECT_TRUE(Fake().Closed && Fake().PpClosed);
@@ -92,7 +87,6 @@ TEST_F(DriverTest, InitEdgeCases) {
   EXPECT_GE(Fake().FirstRequest(kVrStart), 0);
   EXPECT_TRUE(Sleeps.empty());
   Driver.close_vr480();
-
   // A fresh card whose client count answers `counts`: the opening's result, output and sleeps.
   struct Opening {
     FakeCardProvider Card;
@@ -122,7 +116,6 @@ TEST_F(DriverTest, InitEdgeCases) {
   EXPECT_TRUE(staying->Out.ends_with("...0\rError: a client is already attached to the driver. \n")) << staying->Out;
   EXPECT_TRUE(staying->Card.Card().Commands.empty());
   EXPECT_EQ(staying->Card.Card().FirstRequest(kVrStart), -1);
-
   Fake().Absent = true;
   CaptureStdout();
   EXPECT_EQ(Driver.init_vr480(), -1);
@@ -176,7 +169,6 @@ TEST_F(DriverTest, CommandWordsAndShadows) {
     }
   }
   EXPECT_TRUE(d.GetChNtvResetOnZc(3));  // the constructor's default
-
   // SetAnalogVout reaches nothing; channels above five are refused and read 0.
   d.SetChGain(5, 77);
   const size_t before = CommandCount();
@@ -188,7 +180,6 @@ TEST_F(DriverTest, CommandWordsAndShadows) {
   EXPECT_EQ(CommandCount(), before);
   EXPECT_EQ(d.GetChGain(6), 0);
   EXPECT_EQ(d.GetChGain(5), 77);
-
   // Converter words carry the amplitude channel and keep the control write's reference bit;
   // the LEDs go to the FPGA and to the port.
   d.SetAmpCh(5);
@@ -253,9 +244,7 @@ TEST_F(DriverTest, RecordIndexOutsideRingIsRejected) {
   std::string out = GetCapturedStdout();
   EXPECT_NE(out.find("buffer 600 outside the ring"), std::string::npos);
   EXPECT_EQ(out.find("buffer 512"), std::string::npos);  // reported once, not per record
-
   EXPECT_EQ(Driver.WaitForData(), -1);  // the request itself fails: nothing delivered
-
   Driver.close_vr480();
   EXPECT_EQ(Driver.GetData(&record), -1);
 }
@@ -271,7 +260,6 @@ TEST_F(DriverTest, NvRamSerialNumberAndConfigurationImage) {
   EXPECT_EQ(std::memcmp(&Fake().NvRam[0x80], sn, kSerialNumberLength), 0);
   EXPECT_EQ(Fake().NvRam[0x90], 0xFF);  // exactly 16 bytes
   Fake().NvRam[0x20] = 0x00;
-
   EXPECT_EQ(Driver.make_ZOR_device(3), 0);
   std::vector<uint8_t> image(256, 0xFF);  // the serial number erased too
   const std::vector<std::pair<int, uint8_t>> set3 = {{0x40, 0xE8}, {0x41, 0x10}, {0x42, 0x82}, {0x43, 0x88}, {0x45, 0x01},
@@ -285,7 +273,6 @@ TEST_F(DriverTest, NvRamSerialNumberAndConfigurationImage) {
   EXPECT_EQ(std::vector<uint8_t>({Fake().NvRam[0x45], Fake().NvRam[0x4D], Fake().NvRam[0x7E]}),
             std::vector<uint8_t>({0x81, 0x00, 0x00}));
   EXPECT_EQ(Driver.GetNvRamRev(), 1);
-
   // Without a revision the driver release decides.
   for (int release : {52, 49}) {
     Fake().DriverRelease = static_cast<uint16_t>(release);

@@ -23,7 +23,6 @@
 
 struct FakeCardState {
   std::mutex Lock;
-
   // Configuration.
   bool Absent = false;            // opening "/dev/vr480" fails
   uint16_t DeviceId = 0x8882;
@@ -34,7 +33,6 @@ struct FakeCardState {
   bool NvRamStuckBusy = false;    // the nvRAM busy bit never clears
   int FailMapAt = -1;             // this mapping fails
   std::deque<int> WaitIndices;    // answers of the wait-for-data request
-
   // What the card received.
   std::vector<unsigned long> Requests;  // every ioctl request, in order
   std::vector<uint32_t> Commands;       // words written to outgoing mailbox 1
@@ -44,15 +42,12 @@ struct FakeCardState {
   bool Closed = false;                  // "/dev/vr480" closed
   bool PpClosed = false;                // "/dev/pp_driver" closed
   std::vector<uint8_t> PpBytes;         // data bytes written to the parallel port
-
   // Card memory.
   std::map<uint32_t, uint32_t> Registers;
   uint8_t NvRam[256];
   std::vector<struct_dma_peaks_data> Buffers = std::vector<struct_dma_peaks_data>(kDmaBuffers);
   static constexpr uint32_t kBusBase = 0x1F000000;  // bus address of buffer 0; 8192 apart
-
   FakeCardState() { std::memset(NvRam, 0xFF, sizeof NvRam); }
-
   // Position of the first occurrence of a request in the log, -1 if never sent.
   int FirstRequest(unsigned long request) {
     std::lock_guard<std::mutex> g(Lock);
@@ -60,7 +55,6 @@ struct FakeCardState {
       if (Requests[i] == request) return static_cast<int>(i);
     return -1;
   }
-
   // Device side (called by the fake device files).
   int Ioctl(unsigned long request, uintptr_t arg) {
     std::lock_guard<std::mutex> g(Lock);
@@ -141,7 +135,6 @@ struct FakeCardState {
     }
     Registers[reg] = value;
   }
-
   int MailboxFullReads = 0;  // remaining reads of 0x34 that show the mailbox full
   uint8_t NvMode = 0;        // last access code written to 0x3F
   uint16_t NvAddr = 0;

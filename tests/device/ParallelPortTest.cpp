@@ -20,7 +20,6 @@ TEST(ParallelPort, BitWritesWorkOnTheShadowAndAMissingDeviceIsExplained) {
   pp_write(0x10);
   EXPECT_EQ(pp_shadow, 0x10);
   EXPECT_EQ(card.PpPort().Written().size(), 4u);
-
   struct CNoDevices : CCardProvider {
     std::unique_ptr<CDeviceFile> Open(const std::string&) override { return nullptr; }
   } none;

@@ -18,7 +18,6 @@ TEST(S5335Registers, Interpretations) {
   for (const char* label : {"OMB2", "OMB3", "OMB4", "IMB1", "IMB2", "IMB3", "IMB4"})
     mbef += std::string(label) + "        " + blank + blank + blank + blank + "\n";
   EXPECT_EQ(interpret_register(0x34, 0x1), mbef);
-
   EXPECT_EQ(interpret_register(0x3C, 0),
             "Master Control/Status Register\n\n"
             "Write vs. Read priority NOT asserted.\n"

@@ -20,7 +20,6 @@ TEST(HostPaths, WorkstationPathsStayInsideTheRootInstrumentPathsAreUnchanged) {
   };
   for (const auto& [path, inside] : rows) EXPECT_EQ(host.Path(path), root / inside) << path;
   EXPECT_EQ(host.Path("/"), root.Path());
-
   CHost instrument("/");
   EXPECT_TRUE(instrument.IsInstrument());
   EXPECT_EQ(instrument.Path("/mnt/ram7/ntp/ntp.conf"), "/mnt/ram7/ntp/ntp.conf");
@@ -38,7 +37,6 @@ TEST(HostCommands, WorkstationRecordsCommandsInOrderAndRunsNone) {
   EXPECT_TRUE(out.empty() && !std::filesystem::exists(victim));
   EXPECT_EQ(host.CommandLog(),
             (std::vector<std::string>{"/bin/mount -o,remount /vr480", "touch " + victim, "/sbin/hwclock --systohc"}));
-
   // Each log line carries a time stamp before a tab, then the exact text.
   EXPECT_NE(ReadFile(root / "tmp/host-commands.log").find("\t/bin/mount -o,remount /vr480\n"), std::string::npos);
 }
@@ -68,7 +66,6 @@ TEST(HostCommands, InstrumentRunsThroughBashWithoutLeakingDescriptors) {
   EXPECT_EQ(host.Capture("echo one &>/dev/null; echo two", &out), 0);
   EXPECT_EQ(out, "two\n");
   EXPECT_EQ(host.Run("exit 3"), 3);
-
   int fd = ::open("/dev/null", O_RDONLY);  // deliberately without close-on-exec
   ASSERT_GE(fd, 3);
   EXPECT_EQ(host.Capture("test -e /proc/self/fd/" + std::to_string(fd) + " && echo open || echo closed", &out), 0);
@@ -111,7 +108,6 @@ TEST(ServerOptions, NewRootGetsSkeletonAndBaselineTagsButKeepsExistingOnes) {
   const std::string tags = ReadFile(root / "vr480/vr480.tag");
   EXPECT_NE(tags.find("#SET_SOA_DRIVE = \"30000\"\n"), std::string::npos);
   EXPECT_NE(tags.find("#SET_ZOR_LOC_MEAS_ENABLE = \"1\"\n"), std::string::npos);
-
   WriteFile(root / "vr480/vr480.tag", "#SET_SCAN_AMP = \"1\"\n");
   ASSERT_TRUE(PrepareWorkstationRoot(root.Path(), err));
   EXPECT_EQ(ReadFile(root / "vr480/vr480.tag"), "#SET_SCAN_AMP = \"1\"\n");

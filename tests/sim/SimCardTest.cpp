@@ -16,24 +16,19 @@ TEST(SimDevice, RequestTable) {
   // Device ID, driver release, client count (only the server), data ready (nothing recorded yet).
   EXPECT_EQ(std::vector<uint16_t>({d.Get16(0x80043506), d.Get16(0x80043507), d.Get16(0x80043513), d.Get16(0x8004350E)}),
             std::vector<uint16_t>({0x8882, 52, 1, 0}));
-
   uint32_t address = 5;
   ASSERT_EQ(d.Dev().Ioctl(0x40043512, reinterpret_cast<uintptr_t>(&address)), 0);
   EXPECT_EQ(address, CSimRing::BusAddress(0) + 5 * 8192);
   address = 512;
   EXPECT_EQ(d.Dev().Ioctl(0x40043512, reinterpret_cast<uintptr_t>(&address)), -1);
-
   EXPECT_EQ(d.Dev().Ioctl(0x40043510, 0x123456), 0);
   EXPECT_EQ(d.Card().DebugWords(), std::vector<unsigned long>{0x123456});
-
   EXPECT_EQ(d.Dev().Ioctl(0x80043599, 0), -1) << "unknown request";
   EXPECT_EQ(d.Dev().Ioctl(0x80043506, 0), -1) << "missing argument";
   CRegisterAccess outside{0x40, 0};
   EXPECT_EQ(d.Dev().Ioctl(0x80043502, reinterpret_cast<uintptr_t>(&outside)), -1);
-
   d.Card().SetClientCount(2, 1);  // another client for the next query
   EXPECT_EQ(std::vector<uint16_t>({d.Get16(0x80043513), d.Get16(0x80043513)}), std::vector<uint16_t>({2, 1}));
-
   // Start arms the ring; records flow once DMA is on too.
   d.Start();
   d.LaserOn();
@@ -52,7 +47,6 @@ TEST(SimDevice, MailboxHandshakeAndRegisters) {
   d.Card().Step(1);
   EXPECT_EQ(d.Card().Applied().Bias, 28200);
   EXPECT_EQ(d.Read(4, 0x14), 0x03006E28u) << "incoming mailbox 2: last applied word";
-
   // A word nobody polls for is taken at the next sweep.
   d.Write(4, 0x00, 0x04009F60);
   d.Card().Step(1);
@@ -70,7 +64,6 @@ TEST(SimDevice, StalledMailboxLosesCommands) {
   EXPECT_EQ(d.Card().Applied().Bias, 0) << "the card never applies the stuck word";
   EXPECT_EQ(d.Read(4, 0x18), 1u) << "incoming mailbox 3: lost words";
   EXPECT_EQ(d.Card().CommandLog().size(), 1u) << "only the written word reached the card";
-
   d.Card().SetMailboxStall(false);
   EXPECT_EQ(d.Read(4, 0x34) & 0xF, 0u);
   EXPECT_EQ(d.Command(cmd::kBias, 3000), 0);
@@ -89,7 +82,6 @@ TEST(SimDevice, CommandLogAndControlWords) {
   EXPECT_TRUE(log[0].Word == 0x04000064u && log[0].SweepCounter == 7u) << std::hex << log[0].Word;
   EXPECT_NEAR(log[0].CardSeconds, 0.007, 1e-9);
   EXPECT_TRUE(d.Card().UnknownCommands() == 1u && d.Card().StoredArgument(0x55) == 1u);
-
   // Test control words through incoming mailbox 1, for tests that speak only TCP.
   d.Write(4, 0x10, 0x04000000 | (40 * 128));  // internal temperature 40 degC
   EXPECT_DOUBLE_EQ(d.Card().InternalTemperature(), 40.0);
@@ -132,7 +124,6 @@ TEST(SimRing, LappingKeepsNewestAndSparesTheHeldBuffer) {
   held.status.Byte49 = 3;  // the server patches the record it holds in place
   std::vector<uint8_t> snapshot(reinterpret_cast<uint8_t*>(&held),
                                 reinterpret_cast<uint8_t*>(&held) + kPeaksRecordBytes);
-
   d.Card().Step(511);  // fills every other buffer: 511 undelivered
   EXPECT_EQ(d.Card().Overruns(), 0u);
   EXPECT_EQ(d.Card().Ring().Undelivered(), 511u);
@@ -140,7 +131,6 @@ TEST(SimRing, LappingKeepsNewestAndSparesTheHeldBuffer) {
   EXPECT_EQ(d.Card().Overruns(), 1u);
   EXPECT_EQ(d.Read(4, 0x1C), 1u) << "incoming mailbox 4: overruns";
   EXPECT_EQ(std::memcmp(snapshot.data(), &held, kPeaksRecordBytes), 0) << "held buffer untouched";
-
   // The server resumes at the present: the newest record before the lap, then the new one.
   auto& a = d.Next();
   EXPECT_NE(d.LastIndex, heldIndex);
@@ -167,12 +157,10 @@ TEST(SimRing, Release50FillsOnlyProgrammedBuffers) {
   EXPECT_EQ(d.LastIndex, 3);
   d.Next();
   EXPECT_EQ(d.LastIndex, 7);
-
   CTestDriver none;  // never programmed: nothing is written
   none.Start(false);
   none.LaserOn();
   EXPECT_EQ(none.Card().Step(5), 0);
-
   CSimOptions old = StepOptions();
   old.DriverRelease = 48;  // older drivers program nothing, every buffer is used
   CTestDriver d48(old);
@@ -189,7 +177,6 @@ TEST(SimRing, MappingFaultAndBlockingWait) {
     EXPECT_EQ(p == nullptr, k == 4) << k;
   }
   EXPECT_EQ(d.Dev().Map(6176 * 2), nullptr) << "a mapping is one buffer";
-
   // Wait for data blocks until a record arrives, and a close ends it.
   CTestDriver w;
   w.Start();

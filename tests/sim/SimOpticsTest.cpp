@@ -48,17 +48,14 @@ TEST(SimInstrument, BiasAndScanAmplitudeMoveThePeaks) {
   EXPECT_EQ(r0.status.FbgPosition & 0xFFFFFF, r0.FbgPeaks[0]);
   EXPECT_NEAR(fbg0, 32768, 600) << "the working point puts the grating near mid-sweep";
   EXPECT_GT(r0.status.NumPeaks[1], 120);
-
   d.Command(cmd::kBias, sim::factory::kBias + 500);
   auto& r1 = d.StepNext();
   EXPECT_NEAR(r1.FbgPeaks[0] - fbg0, 505, 6) << "about one count per bias LSB";
-
   d.Command(cmd::kScanAmp, 45000);  // wider span: the comb teeth crowd together
   auto& r2 = d.StepNext();
   const double spacing1 = (r1.FfpiPeaks[60] - r1.FfpiPeaks[20]) / 40.0;
   const double spacing2 = (r2.FfpiPeaks[60] - r2.FfpiPeaks[20]) / 40.0;
   EXPECT_NEAR(spacing2 / spacing1, sim::factory::kScanAmp / 45000.0, 0.01);
-
   d.Command(cmd::kScanAmp, 0);  // no sweep, no peaks
   auto& r3 = d.StepNext();
   for (int c = 0; c < 6; ++c) EXPECT_EQ(r3.status.NumPeaks[c], 0) << c;
@@ -81,24 +78,20 @@ TEST(SimInstrument, DetectionRules) {
   CSimSensor close = strong;
   close.WavelengthNm = 1550.1;  // about 60 counts after `strong`
   d.Card().SetSensors(0, {strong, weak, close});
-
   d.Command(cmd::kLockout, 2 << 16 | 200);
   d.Command(cmd::kNoiseThreshEnable, 2 << 16 | 1);
   d.Command(cmd::kThresh, 0x32 << 16 | static_cast<uint16_t>(3000 * 9.765625 / 2 + 32768));
   auto& r = d.StepNext();
   ASSERT_EQ(r.status.NumPeaks[2], 1) << "weak under threshold, close inside the lockout";
-
   d.Command(cmd::kNoiseThreshEnable, 2 << 16 | 0);
   d.Command(cmd::kLockout, 2 << 16 | 20);
   auto& r2 = d.StepNext();
   EXPECT_EQ(r2.status.NumPeaks[2], 3);
   EXPECT_LT(r2.DutPeaks[0][0], r2.DutPeaks[0][1]) << "reported by position";
   EXPECT_LT(r2.DutPeaks[0][1], r2.DutPeaks[0][2]);
-
   d.Command(cmd::kGain, (0x32 << 16) | 65535);  // +40 dB lifts the weak one over any threshold
   d.Command(cmd::kNoiseThreshEnable, 2 << 16 | 1);
   EXPECT_EQ(d.StepNext().status.Gain[0], 65535);
-
   d.Command(cmd::kMaxDutPeaks, 2);
   EXPECT_EQ(d.StepNext().status.NumPeaks[2], 2);
 }

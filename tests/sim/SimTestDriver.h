@@ -36,10 +36,8 @@ class CTestDriver {
       : Provider(std::make_shared<CSimCardProvider>(options)) {
     File = Provider->Open("/dev/vr480");
   }
-
   CSimCard& Card() { return Provider->Card(); }
   CDeviceFile& Dev() { return *File; }
-
   uint32_t Read(int width, uint32_t reg) {
     CRegisterAccess a{reg, 0};
     const unsigned long r = width == 1 ? 0x80043500 : width == 2 ? 0x80043501 : 0x80043502;
@@ -51,7 +49,6 @@ class CTestDriver {
     const unsigned long r = width == 1 ? 0x40043503 : width == 2 ? 0x40043504 : 0x40043505;
     return File->Ioctl(r, reinterpret_cast<uintptr_t>(&a));
   }
-
   // As the driver sends an FPGA command: wait up to 20 ms for the mailbox, then write it.
   // Returns -1 when the mailbox stayed full (the command is lost).
   int Command(uint8_t code, uint32_t arg) {
@@ -60,7 +57,6 @@ class CTestDriver {
       if (std::chrono::steady_clock::now() > deadline) return -1;
     return Write(4, 0x00, (static_cast<uint32_t>(code) << 24) | (arg & 0xFFFFFF));
   }
-
   // The nvRAM interface: an access code to 0x3F once the busy bit clears, then a byte through
   // 0x3E (address low, address high, data to write) or a read of it.
   void NvWait() {
@@ -76,13 +72,11 @@ class CTestDriver {
     return static_cast<uint8_t>(Read(1, 0x3E));
   }
   void NvWrite(uint16_t addr, uint8_t b) { Nv(0x80, addr & 0xFF), Nv(0xA0, addr >> 8), Nv(0x00, b), Nv(0xC0), NvWait(); }
-
   uint16_t Get16(unsigned long request) {
     uint16_t v = 0xFFFF;
     EXPECT_EQ(File->Ioctl(request, reinterpret_cast<uintptr_t>(&v)), 0);
     return v;
   }
-
   // Start-up as the driver interface does it: program the buffer addresses (release >= 50),
   // start, map the buffers; then enable DMA.
   void Start(bool programAddresses = true) {
@@ -103,7 +97,6 @@ class CTestDriver {
     Command(0x39, address >> 16);
     Command(0x3A, index);
   }
-
   // Laser on at the sweep the server's loops settle at (the card's factory calibration), SOA on.
   void LaserOn(uint16_t bias = sim::factory::kBias, uint16_t scanAmp = sim::factory::kScanAmp) {
     Command(cmd::kSoaDrive, 30000);
@@ -111,7 +104,6 @@ class CTestDriver {
     Command(cmd::kScanAmp, scanAmp);
     Command(cmd::kBias, bias);
   }
-
   // The next record as the driver's GetData hands it out (the card must have one pending).
   struct_dma_peaks_data& Next() {
     uint16_t index = 0xFFFF;
@@ -129,7 +121,6 @@ class CTestDriver {
     for (int i = 1; i < n; ++i) StepNext();
     return StepNext();
   }
-
   std::shared_ptr<CSimCardProvider> Provider;
   std::unique_ptr<CDeviceFile> File;
   std::array<struct_dma_peaks_data*, kDmaBuffers> Buffers{};

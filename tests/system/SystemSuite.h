@@ -1,8 +1,7 @@
-// The suite the system tests share: one in-process server on the simulated card for every
-// test of the folder (a start costs seconds), each test starting from the default network
-// settings, no host answers scripted and shell commands allowed, as a fresh instrument has.
-// Tests do not wait for the laser: those that need it ready wait themselves, so that the
-// others run while it comes up. The last test shuts the server down.
+// One in-process server on the simulated card for every test of the folder (a start costs
+// seconds); each test starts from the default network settings, no host answers scripted and
+// shell commands allowed. Tests that need the laser ready wait themselves. The last test shuts
+// the server down.
 #pragma once
 
 #include <algorithm>
@@ -22,15 +21,8 @@ inline const std::vector<std::string> kRemountBracket = {"/bin/mount -o,remount 
 
 class SystemSuite : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    RestoreNetworkDefaults();
-    Server = new laser_test::CInProcessServer();
-  }
-  static void TearDownTestSuite() {
-    delete Server;
-    Server = nullptr;
-    RestoreNetworkDefaults();
-  }
+  static void SetUpTestSuite() { RestoreNetworkDefaults(), Server = new laser_test::CInProcessServer(); }
+  static void TearDownTestSuite() { delete Server, Server = nullptr, RestoreNetworkDefaults(); }
   void SetUp() override {
     ASSERT_TRUE(Server->Started());
     ASSERT_TRUE(Client.Connect(Server->Port()));
@@ -41,16 +33,14 @@ class SystemSuite : public ::testing::Test {
   void TearDown() override {
     ServerOptions.bNoShellCommands = false;
     Host().ClearScripts();
-    if (!bShutDown) {
-      EXPECT_EQ(Client.Command("#GET_FIRMWARE_VER"), "2.0h") << "the server answers on";
-    }
+    if (!bShutDown) EXPECT_EQ(Client.Command("#GET_FIRMWARE_VER"), "2.0h") << "the server answers on";
   }
   CVr480Server& S() { return Server->S(); }
   std::string RootFile(const std::string& path) { return ReadFile(Server->RootPath() + path); }
-
+  // Rows of command line, exact reply, and the host commands it ran, in order.
   struct Row {
     std::string Line, Reply;
-    std::vector<std::string> Host;  // what the command ran, in order
+    std::vector<std::string> Host;
   };
   void RunRows(const std::vector<Row>& rows) {
     for (const Row& r : rows) {
@@ -59,7 +49,6 @@ class SystemSuite : public ::testing::Test {
       EXPECT_EQ(HostCommandsSince(before), r.Host) << r.Line;
     }
   }
-
   static inline laser_test::CInProcessServer* Server = nullptr;
   static inline bool bShutDown = false;
   CTestClient Client;
