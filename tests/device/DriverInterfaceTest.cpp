@@ -249,19 +249,14 @@ TEST_F(DriverTest, RecordIndexOutsideRingIsRejected) {
   EXPECT_EQ(Driver.GetData(&record), -1);
 }
 
-TEST_F(DriverTest, NvRamSerialNumberAndConfigurationImage) {
+TEST_F(DriverTest, NvRamAccessAndConfigurationImage) {
   Open();
   EXPECT_EQ(Driver.nvRAM_write(0x10, 0xAB), 0);
   EXPECT_EQ(Driver.nvRAM_read(0x10), 0xAB);
   EXPECT_EQ(Sleeps, std::vector<unsigned long>{10000});  // the EEPROM's programming time
-  char sn[kSerialNumberLength];
-  std::memcpy(sn, "VR480-0001234567", kSerialNumberLength);
-  EXPECT_EQ(Driver.write_nvRAM_SN(sn), 0);
-  EXPECT_EQ(std::memcmp(&Fake().NvRam[0x80], sn, kSerialNumberLength), 0);
-  EXPECT_EQ(Fake().NvRam[0x90], 0xFF);  // exactly 16 bytes
-  Fake().NvRam[0x20] = 0x00;
+  Fake().NvRam[0x20] = 0x00;  // (writing the serial number is the memory commands' case)
   EXPECT_EQ(Driver.make_ZOR_device(3), 0);
-  std::vector<uint8_t> image(256, 0xFF);  // the serial number erased too
+  std::vector<uint8_t> image(256, 0xFF);  // the whole memory is erased first
   const std::vector<std::pair<int, uint8_t>> set3 = {{0x40, 0xE8}, {0x41, 0x10}, {0x42, 0x82}, {0x43, 0x88}, {0x45, 0x01},
                                                      {0x48, 0x03}, {0x4B, 0xFF}, {0x4D, 0xFF}, {0x50, 0xC1}, {0x51, 0xFF},
                                                      {0x52, 0xE8}, {0x53, 0x10}, {0x7C, 0xFF}, {0x7D, 0x01}, {0x7E, 0xFF}};

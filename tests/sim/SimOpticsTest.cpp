@@ -53,31 +53,22 @@ TEST(SimInstrument, BiasAndScanAmplitudeMoveThePeaks) {
   EXPECT_NEAR(r1.FbgPeaks[0] - fbg0, 505, 6) << "about one count per bias LSB";
   d.Command(cmd::kScanAmp, 45000);  // wider span: the comb teeth crowd together
   auto& r2 = d.StepNext();
-  const double spacing1 = (r1.FfpiPeaks[60] - r1.FfpiPeaks[20]) / 40.0;
-  const double spacing2 = (r2.FfpiPeaks[60] - r2.FfpiPeaks[20]) / 40.0;
-  EXPECT_NEAR(spacing2 / spacing1, sim::factory::kScanAmp / 45000.0, 0.01);
+  EXPECT_NEAR(static_cast<double>(r2.FfpiPeaks[60] - r2.FfpiPeaks[20]) / (r1.FfpiPeaks[60] - r1.FfpiPeaks[20]), sim::factory::kScanAmp / 45000.0, 0.01);
   d.Command(cmd::kScanAmp, 0);  // no sweep, no peaks
   auto& r3 = d.StepNext();
-  for (int c = 0; c < 6; ++c) EXPECT_EQ(r3.status.NumPeaks[c], 0) << c;
+  EXPECT_EQ(std::vector<uint32_t>(r3.status.NumPeaks, r3.status.NumPeaks + 6), std::vector<uint32_t>(6, 0));
   EXPECT_EQ(r3.status.FbgPosition & 0xFFFFFF, 0u);
-}
-
-// The record reports the grating's thermistor reading; the server's model gives back its
-// temperature.
-TEST(SimInstrument, ThermistorReadingFollowsTheGratingTemperature) {
-  CReadyCard d;
+  // The record reports the grating's thermistor reading; the server's model gives back its temperature.
   d.Card().SetGratingTemperature(31.25);
-  auto& r = d.StepNext();
-  EXPECT_NEAR(ServerThermistorDegC(r.status.Vth), 31.25, 0.01);
-  EXPECT_EQ(r.status.InternalTemp, 35 * 128);
+  auto& r4 = d.StepNext();
+  EXPECT_NEAR(ServerThermistorDegC(r4.status.Vth), 31.25, 0.01);
+  EXPECT_EQ(r4.status.InternalTemp, 35 * 128);
 }
 
 TEST(SimInstrument, DetectionRules) {
   CReadyCard d;
-  CSimSensor weak{1535.0, 0.0, 2000.0}, strong{1550.0, 0.0, 9000.0};
-  CSimSensor close = strong;
-  close.WavelengthNm = 1550.1;  // about 60 counts after `strong`
-  d.Card().SetSensors(0, {strong, weak, close});
+  // Strong, weak, and one about 60 counts after the strong one.
+  d.Card().SetSensors(0, {CSimSensor{1550.0, 0.0, 9000.0}, CSimSensor{1535.0, 0.0, 2000.0}, CSimSensor{1550.1, 0.0, 9000.0}});
   d.Command(cmd::kLockout, 2 << 16 | 200);
   d.Command(cmd::kNoiseThreshEnable, 2 << 16 | 1);
   d.Command(cmd::kThresh, 0x32 << 16 | static_cast<uint16_t>(3000 * 9.765625 / 2 + 32768));
