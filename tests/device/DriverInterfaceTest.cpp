@@ -21,28 +21,17 @@ namespace {
 
 class DriverTest : public testing::Test {
  protected:
-  DriverTest() : Driver(&Provider) {
-    Driver.SetSleepHook([this](unsigned long us) { Sleeps.push_back(us); });
-  }
+  DriverTest() : Driver(&Provider) { Driver.SetSleepHook([this](unsigned long us) { Sleeps.push_back(us); }); }
   ~DriverTest() override { Driver.close_vr480(); }
   FakeCardState& Fake() { return Provider.Card(); }
   // Opens the card and forgets what the opening sent.
   void Open() {
     ASSERT_EQ(Driver.init_vr480(), 0);
     std::lock_guard<std::mutex> g(Fake().Lock);
-    Fake().Commands.clear();
-    Fake().Requests.clear();
-    Fake().PpBytes.clear();
-    Sleeps.clear();
+    Fake().Commands.clear(), Fake().Requests.clear(), Fake().PpBytes.clear(), Sleeps.clear();
   }
-  uint32_t LastCommand() {
-    std::lock_guard<std::mutex> g(Fake().Lock);
-    return Fake().Commands.empty() ? 0xDEADBEEF : Fake().Commands.back();
-  }
-  size_t CommandCount() {
-    std::lock_guard<std::mutex> g(Fake().Lock);
-    return Fake().Commands.size();
-  }
+  uint32_t LastCommand() { std::lock_guard<std::mutex> g(Fake().Lock); return Fake().Commands.empty() ? 0xDEADBEEF : Fake().Commands.back(); }
+  size_t CommandCount() { std::lock_guard<std::mutex> g(Fake().Lock); return Fake().Commands.size(); }
   FakeCardProvider Provider;
   C480_DriverInterface Driver;
   std::vector<unsigned long> Sleeps;
@@ -69,8 +58,7 @@ TEST_F(DriverTest, InitProgramsRingAddressesArmsMapsAndDarkensLeds) {
   EXPECT_EQ(Fake().MapLengths, std::vector<size_t>(kDmaBuffers, 6176));
   for (int k = 0; k < kDmaBuffers; ++k) ASSERT_EQ(Driver.PeaksData[k], &Fake().Buffers[k]);
   EXPECT_EQ(Fake().PpBytes, (std::vector<uint8_t>{4, 4}));  // port byte 4, then the LED bits one at a time
-  EXPECT_EQ(pp_shadow, 4);
-  EXPECT_EQ(pp_driver_fd, 0);
+  EXPECT_TRUE(pp_shadow == 4 && pp_driver_fd == 0);
   EXPECT_EQ(Driver.close_vr480(), 0);
   EXPECT_EQ(Fake().Unmaps, kDmaBuffers);
   EXPECT_TRUE(Fake().Closed && Fake().PpClosed);
@@ -88,12 +76,7 @@ TEST_F(DriverTest, InitEdgeCases) {
   EXPECT_TRUE(Sleeps.empty());
   Driver.close_vr480();
   // A fresh card whose client count answers `counts`: the opening's result, output and sleeps.
-  struct Opening {
-    FakeCardProvider Card;
-    int Result = 0;
-    size_t Sleeps = 0;
-    std::string Out;
-  };
+  struct Opening { FakeCardProvider Card; int Result = 0; size_t Sleeps = 0; std::string Out; };
   auto open = [](std::deque<uint16_t> counts) {
     auto o = std::make_unique<Opening>();
     C480_DriverInterface d(&o->Card);
@@ -105,17 +88,14 @@ TEST_F(DriverTest, InitEdgeCases) {
     return o;
   };
   auto waiting = open({2, 2, 1});
-  EXPECT_EQ(waiting->Result, 0);
   EXPECT_EQ(waiting->Out, "Waiting on 1 driver clients...89\rWaiting on 0 driver clients...88\r");
-  EXPECT_EQ(waiting->Sleeps, 3u);  // two polls and the settle
-  EXPECT_EQ(waiting->Card.Card().Commands.size(), 3u * kDmaBuffers);
+  // Opened after two polls and the settle, the addresses programmed.
+  EXPECT_TRUE(waiting->Result == 0 && waiting->Sleeps == 3u && waiting->Card.Card().Commands.size() == 3u * kDmaBuffers);
   auto staying = open({3});
-  EXPECT_EQ(staying->Result, -1);
-  EXPECT_EQ(staying->Sleeps, 90u);
+  EXPECT_TRUE(staying->Result == -1 && staying->Sleeps == 90u);
   EXPECT_NE(staying->Out.find("Waiting on 2 driver clients...89\r"), std::string::npos);
   EXPECT_TRUE(staying->Out.ends_with("...0\rError: a client is already attached to the driver. \n")) << staying->Out;
-  EXPECT_TRUE(staying->Card.Card().Commands.empty());
-  EXPECT_EQ(staying->Card.Card().FirstRequest(kVrStart), -1);
+  EXPECT_TRUE(staying->Card.Card().Commands.empty() && staying->Card.Card().FirstRequest(kVrStart) == -1);
   Fake().Absent = true;
   CaptureStdout();
   EXPECT_EQ(Driver.init_vr480(), -1);

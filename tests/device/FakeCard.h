@@ -70,37 +70,23 @@ struct FakeCardState {
         WriteRegister(access->reg, access->value &
                                        (request == kVrWriteReg8 ? 0xFF : request == kVrWriteReg16 ? 0xFFFF : 0xFFFFFFFF));
         return 0;
-      case kVrGetDid:
-        *u16 = DeviceId;
-        return 0;
-      case kVrGetDriverVersion:
-        *u16 = DriverRelease;
-        return 0;
-      case kVrStart: case kVrDebug:
-        return 0;
+      case kVrGetDid: *u16 = DeviceId; return 0;
+      case kVrGetDriverVersion: *u16 = DriverRelease; return 0;
+      case kVrStart: case kVrDebug: return 0;
       case kVrWaitForData:
         if (WaitIndices.empty()) return -1;
         *u16 = static_cast<uint16_t>(WaitIndices.front());
         WaitIndices.pop_front();
         return 0;
-      case kVrDataReady:
-        *u16 = WaitIndices.empty() ? 0 : 1;
-        return 0;
-      case kVrGetMwar:
-        *reinterpret_cast<uint32_t*>(arg) = kBusBase + 8192u * *reinterpret_cast<uint32_t*>(arg);
-        return 0;
+      case kVrDataReady: *u16 = WaitIndices.empty() ? 0 : 1; return 0;
+      case kVrGetMwar: *reinterpret_cast<uint32_t*>(arg) = kBusBase + 8192u * *reinterpret_cast<uint32_t*>(arg); return 0;
       case kVrClientCount:
         *u16 = ClientCounts.empty() ? 1 : ClientCounts.front();
         if (ClientCounts.size() > 1) ClientCounts.pop_front();
         return 0;
-      case kPpWriteRequest:
-        PpBytes.push_back(static_cast<uint8_t>(arg));
-        return 0;
-      case kPpReadStatusRequest:
-        *reinterpret_cast<uint8_t*>(arg) = 0x78;
-        return 0;
-      default:
-        return -1;
+      case kPpWriteRequest: PpBytes.push_back(static_cast<uint8_t>(arg)); return 0;
+      case kPpReadStatusRequest: *reinterpret_cast<uint8_t*>(arg) = 0x78; return 0;
+      default: return -1;
     }
   }
   void* Map(int k, size_t length) {  // the k-th mapping of an open
@@ -157,16 +143,8 @@ class FakeDeviceFile : public CDeviceFile {
   }
   // Like the driver, every open maps the ring from buffer 0 again.
   void* Map(size_t length) override { return State->Map(MapCalls++, length); }
-  int Unmap(void*, size_t) override {
-    std::lock_guard<std::mutex> g(State->Lock);
-    ++State->Unmaps;
-    return 0;
-  }
-  int Close() override {
-    std::lock_guard<std::mutex> g(State->Lock);
-    (Pp ? State->PpClosed : State->Closed) = true;
-    return 0;
-  }
+  int Unmap(void*, size_t) override { std::lock_guard<std::mutex> g(State->Lock); ++State->Unmaps; return 0; }
+  int Close() override { std::lock_guard<std::mutex> g(State->Lock); (Pp ? State->PpClosed : State->Closed) = true; return 0; }
 
  private:
   std::shared_ptr<FakeCardState> State;
