@@ -6,7 +6,7 @@
 
 using namespace simtest;
 
-TEST(SimScene, ParsesSensorsAndKnobs) {
+TEST(SimScene, ParsesSensorsAndKnobsAndNamesTheBadLine) {
   const std::string text =
       "# a test scene\n"
       "\n"
@@ -36,9 +36,7 @@ TEST(SimScene, ParsesSensorsAndKnobs) {
                                  static_cast<double>(s.Hardware.bAbsent), static_cast<double>(s.Hardware.DeviceIdOverride),
                                  static_cast<double>(s.Hardware.DriverRelease)}),
             std::vector<double>({27.5, 3.6e-4, -0.2, 5, 15.5, 100, 3, 1, 0x1234, 49}));
-}
-
-TEST(SimScene, ErrorsNameTheLine) {
+  // Errors name the line.
   const std::pair<std::string, std::string> cases[] = {
       {"1 1530 0 9000\n17 1530 0 9000\n", "line 2: bad channel '17'"},
       {"5.1 1530 0 9000\n", "line 1: bad channel '5.1'"},
@@ -53,9 +51,9 @@ TEST(SimScene, ErrorsNameTheLine) {
       {"channel_length 2.5 3\n", "line 1: index must be a whole number 1-4"},
       {"\ndevice_id 0xZZ\n", "line 2:"},
   };
-  for (const auto& [text, expect] : cases) {
-    CSceneParseResult r = ParseScene(text);
-    EXPECT_TRUE(!r.bOk && r.Error.rfind(expect, 0) == 0) << text << " -> " << r.Error;
+  for (const auto& [bad, expect] : cases) {
+    const CSceneParseResult refused = ParseScene(bad);
+    EXPECT_TRUE(!refused.bOk && refused.Error.rfind(expect, 0) == 0) << bad << " -> " << refused.Error;
   }
   std::string many;
   for (int i = 0; i < 251; ++i) many += "3 1550 0 100\n";
