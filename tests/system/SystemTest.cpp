@@ -1,15 +1,25 @@
-// System and identification commands end to end: replies, the host commands they run (recorded
-// on a workstation), the diagnostic bundle, persistence across a restart, watchdog and power-down.
+// System, network, clock and log commands end to end: replies and the host commands they run
+// (recorded on a workstation), the files the server writes, the diagnostic bundle, persistence
+// across a restart, the watchdog and the power-down countdown. One in-process server on the
+// simulated card serves every test (a start costs seconds); each starts from the default network
+// settings, no host answers scripted and shell commands allowed. Tests that need the laser ready
+// wait themselves. The last test shuts the server down.
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <future>
+#include <regex>
 #include <string>
 #include <vector>
 
-#include "system/SystemSuite.h"
+#include "commands/InProcessServer.h"
+#include "system/Clock.h"
+#include "system/DataLogger.h"
+#include "system/Network.h"
+#include "system/NetworkGlobals.h"
 
 namespace {
 
@@ -17,6 +27,50 @@ using namespace laser_test;
 using namespace std::chrono_literals;
 using Strings = std::vector<std::string>;
 namespace fs = std::filesystem;
+
+// The host commands recorded since `from` (a size of the command log).
+Strings HostCommandsSince(size_t from, const Strings& log = Host().CommandLog()) {
+  return {log.begin() + static_cast<long>(std::min(from, log.size())), log.end()};
+}
+
+const Strings kRemountBracket = {"/bin/mount -o,remount /vr480", "/bin/sync", "/bin/mount -o,remount,ro /vr480"};
+
+class SystemSuite : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { RestoreNetworkDefaults(), Server = new laser_test::CInProcessServer(); }
+  static void TearDownTestSuite() { delete Server, Server = nullptr, RestoreNetworkDefaults(); }
+  void SetUp() override {
+    ASSERT_TRUE(Server->Started());
+    ASSERT_TRUE(Client.Connect(Server->Port()));
+    RestoreNetworkDefaults();
+    S().bEmbeddedMode = false;
+    Host().ClearScripts();
+  }
+  void TearDown() override {
+    ServerOptions.bNoShellCommands = false;
+    Host().ClearScripts();
+    if (!bShutDown) {
+      EXPECT_EQ(Client.Command("#GET_FIRMWARE_VER"), "2.0h") << "the server answers on";
+    }
+  }
+  CVr480Server& S() { return Server->S(); }
+  std::string RootFile(const std::string& path) { return ReadFile(Server->RootPath() + path); }
+  // Rows of command line, exact reply, and the host commands it ran, in order.
+  struct Row {
+    std::string Line, Reply;
+    std::vector<std::string> Host;
+  };
+  void RunRows(const std::vector<Row>& rows) {
+    for (const Row& r : rows) {
+      const size_t before = Host().CommandLog().size();
+      EXPECT_EQ(Client.Command(r.Line), r.Reply) << r.Line;
+      EXPECT_EQ(HostCommandsSince(before), r.Host) << r.Line;
+    }
+  }
+  static inline laser_test::CInProcessServer* Server = nullptr;
+  static inline bool bShutDown = false;
+  CTestClient Client;
+};
 
 constexpr uint8_t kClientLedCode = 0x08;
 const std::string kCpuInfo = "cat /proc/cpuinfo | grep 'model name' | awk -F : '{print $2}'";
@@ -32,7 +86,226 @@ Strings BundleCommands(size_t from) {
   return out;
 }
 
+Strings operator+(Strings a, const Strings& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+const Strings kDown = {"kill `pgrep ntpd`", "/sbin/dhclient -r ", "/sbin/ifconfig eth0 down"};
+const Strings kUp = {"/sbin/ifconfig lo 127.0.0.1 up", "sysctl -w net.ipv4.tcp_keepalive_probes=2",
+                      "sysctl -w net.ipv4.tcp_keepalive_time=15", "sysctl -w net.ipv4.tcp_keepalive_intvl=5"};
+
+Strings StaticStart(const std::string& ip, const std::string& mask, const std::string& gw) {
+  return kDown + Strings{"/sbin/ifconfig eth0 inet " + ip + " netmask " + mask + " txqueuelen 10000",
+                          "/sbin/route add default gw " + gw} +
+         kUp;
+}
+
+const std::string kResolver = std::string("nameserver 10.0.0.254\nnameserver ") + kFallbackNameServer + "\n";
+const std::string kAscTime = R"([A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]\d \d\d:\d\d:\d\d \d{4}\n)";
+const std::string kLog = "/vr480/vr480.log";
+
 }  // namespace
+
+// Entries are time-stamped lines written inside one remount bracket; the command history lists
+// runs of one command once they end, its lines cut short.
+TEST_F(SystemSuite, LogAndCommandHistoryCommands) {
+  std::filesystem::remove(Server->RootPath() + kLog);
+  const size_t before = Host().CommandLog().size();
+  EXPECT_EQ(Client.Command("#LOG_ENTRY Fan failure"), "Log Entry: >>Fan failure<<.\n");
+  EXPECT_EQ(HostCommandsSince(before), kRemountBracket) << "the entry is written inside one remount bracket";
+  EXPECT_EQ(Client.Command("#LOG_ENTRY"), "Log Entry: >><<.\n");
+  const std::string log = RootFile(kLog);
+  const std::string stamp = R"([A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]\d \d\d:\d\d:\d\d \d{4}:\t)";  // asctime, no line feed
+  EXPECT_TRUE(std::regex_match(log, std::regex(stamp + "Fan failure\n" + stamp + "\n"))) << log;
+  EXPECT_EQ(Client.Command("#GET_LOG"), log + '\0');
+  const std::string text49(49, 'x');  // "#LOG_ENTRY " and 49 characters: a 60-character line
+  const std::pair<std::string, std::string> rows[] = {
+      {"#SET_ENABLE_CMD_LOG 1", "Command Log enabled.\n"},
+      {"#GET_ENABLE_CMD_LOG", "1"},
+      {"#FLUSH_CMD_LOG", "Command Log Flushed.\n"},
+      {"#READY?", ""},
+      {"#READY?", ""},
+      {"#READY?", ""},
+      {"#GET_TAGS", ""},
+      // A run is listed once it ends; the first entry after a flush is the empty line's.
+      {"#GET_CMD_LOG", "1 \n3 #READY? \n1 #GET_TAGS \n"},
+      {"#LOG_ENTRY " + text49, "Log Entry: >>" + text49 + "<<.\n"},
+      {"#GET_CMD_LOG", "1 \n3 #READY? \n1 #GET_TAGS \n1 #GET_CMD_LOG \n1 #LOG_ENTRY " + text49.substr(0, 26) + "\n"},
+      {"#SET_ENABLE_CMD_LOG 0", "Command Log disabled.\n"},
+      {"#GET_ENABLE_CMD_LOG", "0"},
+      {"#FLUSH_CMD_LOG", "Command Log Flushed.\n"},
+      {"#GET_CMD_LOG", ""},
+  };
+  for (const auto& [line, expected] : rows) {
+    const std::string reply = Client.Command(line);
+    EXPECT_TRUE(reply == expected || (expected.empty() && line != "#GET_CMD_LOG")) << line << " -> " << reply;  // others only recorded
+  }
+}
+
+// The log only grows: a missing file answers the NUL alone, a new logger appends to what is
+// there, and a long log answers with its first 31999 bytes without being read whole.
+TEST_F(SystemSuite, LogFileGrowsAndAnswersItsFirstBytes) {
+  std::filesystem::remove(Server->RootPath() + kLog);
+  EXPECT_EQ(Client.Command("#GET_LOG"), std::string(1, '\0'));
+  for (int run = 0; run < 2; ++run) {  // two server lives, each with its own logger
+    CDataLogger logger;
+    EXPECT_EQ(logger.OpenLog("vr480.log"), run == 0 ? 1 : 0);
+    logger.UseDateStamp(false);
+    EXPECT_EQ(logger.LogEntry("run " + std::to_string(run)), 0);
+    EXPECT_EQ(logger.CloseLog(), 0);
+  }
+  EXPECT_EQ(RootFile(kLog), "run 0\nrun 1\n");
+  std::string big;
+  for (int i = 0; i < 100000; ++i) big += "Wed Nov 18 14:35:48 2026:\tentry " + std::to_string(i) + "\n";
+  WriteFile(Server->RootPath() + kLog, big);
+  EXPECT_EQ(Client.Command("#GET_LOG"), big.substr(0, 31999) + '\0');
+}
+
+// Start-up: the tags replayed, then the set in force started before any client can connect.
+TEST_F(SystemSuite, NetworkStartsAtStartUp) {
+  const Strings log = Host().CommandLog(), expected = StaticStart("10.0.0.126", "255.255.255.0", "10.0.0.1");
+  const auto start = std::find(log.begin(), log.end(), kDown[0]);
+  EXPECT_EQ(Strings(start, start + std::min(log.end() - start, static_cast<long>(expected.size()))), expected);
+}
+
+// The setters store text and persist it; nothing reaches the interface until a restart.
+TEST_F(SystemSuite, NetworkSettersAndRefusals) {
+  RunRows({
+      {"#SET_IP_ADDRESS 10.1.2.3", "IP address set to 10.1.2.3.\n", {}},
+      {"#SET_IP_ADDRESS 10.0.0.300", "!Invalid IP address: 10.0.0.300\n", {}},
+      {"#SET_IP_ADDRESS 123456789012345678901234", "!Invalid IP address: 1234567890123456789\n", {}},
+      {"#SET_IP_NETMASK 255.255.0.0", "Netmask set to 255.255.0.0.\n", {}},
+      {"#SET_IP_NETMASK 255.255.0.x", "!Invalid Netmask: 255.255.0.x.\n", {}},
+      {"#SET_DEFAULT_GATEWAY 10.1.0.1", "Default gateway set to 10.1.0.1.\n", {}},
+      {"#SET_DEFAULT_GATEWAY gw", "!Invalid default gateway: gw.\n", {}},
+      {"#SET_DNS_SERVER 1.2.3.4.5", "!Invalid DNS Server: 1.2.3.4.5.\n", {}},
+      {"#SET_EMBEDDED_IP_ADDRESS 172.16.1.9", "Embedded IP address set to 172.16.1.9.\n", {}},
+      {"#SET_EMBEDDED_IP_NETMASK bad", "!Invalid Netmask: bad.\n", {}},
+      {"#GET_EMBEDDED_IP_NETMASK", "0.0.0.0", {}},
+      {"#SET_DHCP 1", "DHCP client enabled.\n", {}},
+      {"#GET_DHCP", "1", {}},
+      {"#SET_EMBEDDED_MODE 256", "Embedded Mode disabled (network restart or reboot required).\n", {}},
+      {"#SET_EMBEDDED_MODE 1", "Embedded Mode enabled (network restart or reboot required).\n", {}},
+      {"#GET_EMBEDDED_MODE", "1", {}},
+      {"#SET_ENABLE_NTP 1", "NTP Services turned ON.\n", {}},
+      {"#GET_ENABLE_NTP", "1", {}},
+      {"#SET_AUTO_START_NTP 0", "Auto-start NTP Services OFF.\n", {}},
+      {"#GET_AUTO_START_NTP", "0", {}},
+      {"#SET_USE_CUSTOM_NTP_CONF 1", "Custom NTP configuration ON.\n", {}},
+      {"#GET_USE_CUSTOM_NTP_CONF", "1", {}},
+      {"#SET_NTP_SERVER3 ntp.example.org iburst", "NTP Server 3 set to ntp.example.org iburst.\n", {}},
+      {"#GET_NTP_SERVER3", "ntp.example.org iburst", {}},
+      {"#GET_NTP_SERVER4", "", {}},
+  });
+  EXPECT_STREQ(IpAddress[0], "0.0.0.0");
+  EXPECT_STREQ(Gateway[0], "0.0.0.0");
+}
+
+// #RESTART_NETWORK starts the set chosen by embedded mode, and answers whatever happens.
+TEST_F(SystemSuite, RestartNetwork) {
+  RunRows({
+      {"#RESTART_NETWORK", "Restarting network...\n", StaticStart("10.0.0.126", "255.255.255.0", "10.0.0.1")},
+      {"#GET_IP_ADDRESS", "10.0.0.126", {}},
+      {"#GET_IP_NETMASK", "255.255.255.0", {}},
+      {"#GET_DEFAULT_GATEWAY", "10.0.0.1", {}},
+      {"#GET_DNS_SERVER", "10.0.0.254", {}},
+      {"#SET_DHCP 1", "DHCP client enabled.\n", {}},
+      {"#RESTART_NETWORK", "Restarting network...\n", kDown + Strings{"/sbin/dhclient"} + kUp},
+      {"#SET_EMBEDDED_MODE 1", "Embedded Mode enabled (network restart or reboot required).\n", {}},
+      {"#RESTART_NETWORK", "Restarting network...\n", StaticStart("172.16.1.3", "255.0.0.0", "0.0.0.0")},
+      {"#GET_IP_ADDRESS", "0.0.0.0", {}},
+      {"#GET_EMBEDDED_IP_ADDRESS", "172.16.1.3", {}},
+      {"#SET_DHCP 1", "DHCP client disabled.\n", {}},  // the state of the set in force
+      {"#SET_EMBEDDED_MODE 0", "Embedded Mode disabled (network restart or reboot required).\n", {}},
+      {"#SET_DHCP 0", "DHCP client disabled.\n", {}},
+      {"#SET_IP_ADDRESS 10.0.0.300", "!Invalid IP address: 10.0.0.300\n", {}},
+      {"#RESTART_NETWORK", "Restarting network...\n", kDown},  // the interface stays down
+      {"#SET_IP_ADDRESS 10.0.0.127", "IP address set to 10.0.0.127.\n", {}},
+      {"#SET_ENABLE_NTP 1", "NTP Services turned ON.\n", {}},
+      {"#SET_USE_CUSTOM_NTP_CONF 1", "Custom NTP configuration ON.\n", {}},
+      {"#RESTART_NETWORK", "Restarting network...\n",
+       StaticStart("10.0.0.127", "255.255.255.0", "10.0.0.1") +
+           Strings{"kill `pgrep ntpd`", "ntpd -g -c /etc/custom_ntp.conf"}},
+  });
+  EXPECT_TRUE(bNtpRunning);
+  EXPECT_EQ(RootFile("/mnt/ram7/dhcp/resolv.conf"), kResolver);
+  // A DHCP server that does not answer: no fall-back to the static address, no keep-alive
+  // tuning, no NTP.
+  Host().Script("/sbin/dhclient", 1);
+  RunRows({
+      {"#SET_DHCP 1", "DHCP client enabled.\n", {}},
+      {"#RESTART_NETWORK", "Restarting network...\n", kDown + Strings{"/sbin/dhclient"}},
+  });
+}
+
+TEST_F(SystemSuite, Date) {
+  const size_t before = Host().CommandLog().size();
+  EXPECT_TRUE(std::regex_match(Client.Command("#SET_DATE 11.18.14.35.26"), std::regex("System clock reads " + kAscTime + "\\.")));
+  EXPECT_EQ(HostCommandsSince(before), (Strings{"/bin/date 1118143526", "/sbin/hwclock --systohc"}));
+  EXPECT_TRUE(std::regex_match(Client.Command("#GET_DATE"), std::regex(kAscTime)));
+  Host().Script("/sbin/hwclock", 1);
+  RunRows({
+      {"#SET_DATE 11.18.14.35.26", "!Failed to set system clock.\n", {"/bin/date 1118143526", "/sbin/hwclock --systohc"}},
+      {"#SET_DATE 11.18.14.35", "!Invalid date format (11.18.14.35).  Correct format: MM.DD.hh.mm.yy\n", {}},
+      {"#SET_DATE 1;reboot;1234", "!Invalid date format (1;reboot;1234).  Correct format: MM.DD.hh.mm.yy\n", {}},
+  });
+}
+
+TEST_F(SystemSuite, Ntp) {
+  const Strings start = Strings{"kill `pgrep ntpd`"} + Strings(3, "ntpdate -u 10.0.0.5 iburst") +
+                         Strings{"ntpd -g -c /etc/ntp/ntp.conf"};
+  RunRows({
+      {"#START_NTP", "NTP Services Started", {}},  // NTP not in use
+      {"#SET_ENABLE_NTP 1", "NTP Services turned ON.\n", {}},
+      {"#SET_NTP_SERVER0 10.0.0.5 iburst", "NTP Server 0 set to 10.0.0.5 iburst.\n", {}},
+      {"#SET_NTP_SERVER2 ntp.example.org", "NTP Server 2 set to ntp.example.org.\n", {}},
+      {"#START_NTP", "NTP Services Started", start},
+  });
+  EXPECT_EQ(RootFile("/mnt/ram7/ntp/ntp.conf"),
+            "restrict default ignore\n"
+            "restrict 127.0.0.1\n"
+            "restrict 10.0.0.5 mask 255.255.255.255 nomodify notrap noquery\n"
+            "server 10.0.0.5 iburst\n"
+            "restrict ntp.example.org mask 255.255.255.255 nomodify notrap noquery\n"
+            "server ntp.example.org\n"
+            "fudge\t127.127.1.0 stratum 10\n"
+            "driftfile /etc/ntp/drift\n"
+            "keyfile /etc/ntp/keys\n"
+            "broadcastdelay\t0.008\n");
+  EXPECT_TRUE(bNtpRunning);
+  Host().Script("ntpdate", 1);  // the daemon starts, but the clock was never stepped
+  RunRows({
+      {"#START_NTP", "!Failed to start NTP Services.", start},
+      {"#SET_USE_CUSTOM_NTP_CONF 1", "Custom NTP configuration ON.\n", {}},
+      {"#START_NTP", "NTP Services Started", {"kill `pgrep ntpd`", "ntpd -g -c /etc/custom_ntp.conf"}},
+      {"#STOP_NTP", "NTP Services Halted.", {"kill `pgrep ntpd`"}},
+      {"#SET_EMBEDDED_MODE 1", "Embedded Mode enabled (network restart or reboot required).\n", {}},
+      {"#RESTART_NETWORK", "Restarting network...\n", StaticStart("172.16.1.3", "255.0.0.0", "0.0.0.0")},
+      {"#START_NTP", "NTP Services Started", {}},  // the embedded set never uses NTP
+  });
+  EXPECT_FALSE(bNtpRunning);
+}
+
+// The query's output and the custom configuration reach the client as downloads.
+TEST_F(SystemSuite, NtpqAndCustomConfiguration) {
+  Host().Script("ntpq -c peers", 0, "     remote           refid\n");
+  Host().Script("ntpq -c help", 0, "ntpq commands:\n");
+  RunRows({
+      {"#NTPQ peers", "     remote           refid\n", {"ntpq -c peers &>/tmp/ntpq.dat"}},
+      {"#NTPQ", "ntpq commands:\n", {"ntpq -c help &>/tmp/ntpq.dat"}},
+  });
+  ServerOptions.bNoShellCommands = true;
+  RunRows({{"#NTPQ peers", "!Shell commands are disabled on this instrument.\n", {}}});
+  const std::string conf = "server 10.0.0.5 iburst\n";
+  const size_t before = Host().CommandLog().size();
+  ASSERT_TRUE(Client.Send("#UPLOAD_CUSTOM_NTP_CONF " + std::to_string(conf.size())));
+  ASSERT_TRUE(Client.SendRaw(conf));
+  EXPECT_EQ(Client.ReadFrame(), std::to_string(conf.size()) + " bytes received.\n");
+  EXPECT_EQ(HostCommandsSince(before), (Strings{"mount -o,remount /", "mount -o,remount,ro /"}));
+  EXPECT_EQ(RootFile("/etc/custom_ntp.conf"), conf);
+  EXPECT_EQ(Client.Command("#DOWNLOAD_CUSTOM_NTP_CONF"), conf);
+}
 
 TEST_F(SystemSuite, RepliesAndHostCommands) {
   // Start-up appends the server, driver, synthesis and CFC releases to the identification.
