@@ -371,7 +371,14 @@ std::string Upload(CTestClient& c, const std::string& path, const std::string& b
 
 // Guards byte-exact transfers, also one client downloading while another uploads and downloads.
 TEST_F(EndToEnd, FileTransferRoundTripsAreByteExactAlsoForTwoClientsAtOnce) {
+  // Both clients allow 10 s of write budget, so that a machine too busy to read for a while
+  // fails no download.
+  const auto patient = [](CTestClient& c) {
+    c.Command("#SET_SOCKET_RECOVERY_ATTEMPTS 40000");
+    c.Command("#SET_STREAMING_DATA 0");  // takes the new budget
+  };
   CTestClient Client(Port());
+  patient(Client);
   const std::pair<std::string, std::string> rows[] = {
       {"empty.bin", ""}, {"forty.bin", RandomBytes(40000, 1)}, {"big.bin", RandomBytes(10 << 20, 2)}};
   for (const auto& [name, content] : rows) {
@@ -382,13 +389,6 @@ TEST_F(EndToEnd, FileTransferRoundTripsAreByteExactAlsoForTwoClientsAtOnce) {
   }
   EXPECT_TRUE(Download(Client, "/vr480/forty.bin") == Frame(rows[1].second));
   EXPECT_FALSE(HasUploadLeftovers(Dir()));
-  // Both clients allow 10 s of write budget, so that a machine too busy to read for a while
-  // fails no download.
-  const auto patient = [](CTestClient& c) {
-    c.Command("#SET_SOCKET_RECOVERY_ATTEMPTS 40000");
-    c.Command("#SET_STREAMING_DATA 0");  // takes the new budget
-  };
-  patient(Client);
   const std::string other = RandomBytes(10 << 20, 3);
   std::string downloaded[2], uploadReply, small[20];
   std::thread second([&] {
