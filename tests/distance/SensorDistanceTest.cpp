@@ -168,9 +168,10 @@ TEST_F(SensorDistance, AFailedMeasurementZeroesTheResultsAndKeepsTheLocations) {
   // A sensor so far away that the fast sweep loses it past its end: it shows at one rate only.
   const std::vector<sim::CSimSensor> channel3 = Server->Card().Sensors(2);
   Server->Card().SetSensors(2, {sim::CSimSensor{1545.0, 40000.0, 10000.0}});
-  // Records already on their way still carry the old sensors: measure once the card's show it.
-  ASSERT_TRUE(laser_test::WaitFor(
-      [&] { return data_wire::SRecord{Client.Command("#GET_UNBUFFERED_DATA")}.Count(2) == 1; }, 30s));
+  // Records already in the card's ring still carry the old sensors: measure once more records
+  // than the ring holds went through.
+  const uint64_t from = Server->S().RecordsProcessed;
+  ASSERT_TRUE(laser_test::WaitFor([&] { return Server->S().RecordsProcessed > from + 600; }, 60s));
   EXPECT_EQ(Client.Command("#MEASURE_LOCATIONS", 120s), "!Measuring Sensor Locations...failed.\n");
   Server->Card().SetSensors(2, channel3);
   EXPECT_EQ(Client.Command("#GET_MEASURED_LOCATION 1 2"), "0.000000");
