@@ -197,7 +197,9 @@ void CVr480Server::ApplySensorLimit(uint32_t kept, uint32_t limit, uint8_t* slot
   const uint16_t divider = DataRateDivider;
   if (!bSwitchdownEnable || divider > 8) return;
   const uint16_t minDivider = MinDataRateDivider > 0 ? MinDataRateDivider.load() : uint16_t{1};
-  unsigned d = divider / minDivider;
+  // A divider below the minimum (a command changed either since this record's limit was taken)
+  // starts the search at the minimum itself, never at 0, which would divide the rate by zero.
+  unsigned d = std::max(1u, static_cast<unsigned>(divider / minDivider));
   while (minDivider * d <= 8 && Switchdown(static_cast<uint16_t>(minDivider * d)) <= kept) ++d;
   int rate = Driver.Get2khzMode() ? 2000 : 1000;
   if (Driver.GetHwClkDivider_()) rate /= 2;

@@ -254,6 +254,12 @@ TEST(PeakPipeline, SensorLimitSwitchesTheRateDown) {
   EXPECT_EQ(Kept(p), (std::array<int, 4>{250, 250, 250, 250}));
   EXPECT_EQ(s->DataRateDivider, 3);
   EXPECT_EQ(GetRecU32(p.Bytes, kRecSensorBytesOffset), 88u + 4000u);
+  // Limits out of order and a minimum above the divider in force (commands between records)
+  // start the search at the minimum: the rate is never divided by zero.
+  s->SwitchdownLimit[1] = 2000;
+  s->SwitchdownLimit[3] = 1000;  // the record fills divider 3's limit
+  s->MinDataRateDivider = 4;
+  EXPECT_EQ(Console([&] { Feed(*s, full); }), "Switching down to 500Hz operation.\n");
 }
 
 // Guards the ring's wrap and the wake-up of a client waiting for the next record.
