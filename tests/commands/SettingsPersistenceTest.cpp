@@ -139,7 +139,7 @@ TEST(SettingsPersistence, FreshRootComesUpReadyAndEverySavedSettingSurvivesARest
     CTestClient client;
     ASSERT_TRUE(client.Connect(server.Port()));
     // About 9.7 s on an idle machine; the bound leaves room for a loaded one.
-    ASSERT_TRUE(laser_test::WaitReady(client, 20s)) << server.Output();
+    ASSERT_TRUE(laser_test::WaitReady(client, 60s)) << server.Output();
     // The start-up auto-bias reports how long it took, in seconds of sweeps.
     ASSERT_TRUE(server.WaitForOutput("(Max time = 60)\n", 1s));
     const std::string out = server.Output();

@@ -11,13 +11,13 @@ class CTestClient {
   CTestClient() = default;
   // `receiveBuffer` > 0 shrinks the socket's receive buffer (a reader that stalls then fills
   // the server's send path quickly).
-  explicit CTestClient(int port, std::chrono::milliseconds connectTimeout = std::chrono::seconds(20), int receiveBuffer = 0);
+  explicit CTestClient(int port, std::chrono::milliseconds connectTimeout = std::chrono::seconds(60), int receiveBuffer = 0);
   ~CTestClient();
   CTestClient(const CTestClient&) = delete;
   CTestClient& operator=(const CTestClient&) = delete;
 
   // Connects to 127.0.0.1:port, retrying until the timeout (the server may still be starting).
-  bool Connect(int port, std::chrono::milliseconds timeout = std::chrono::seconds(20), int receiveBuffer = 0);
+  bool Connect(int port, std::chrono::milliseconds timeout = std::chrono::seconds(60), int receiveBuffer = 0);
   bool Connected() const { return Fd >= 0; }
   int Descriptor() const { return Fd; }
   void Close();
