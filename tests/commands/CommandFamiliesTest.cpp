@@ -104,7 +104,7 @@ class CommandFamilies : public CSharedServerSuite<CommandFamilies> {
   }
   // Settings apply at a sweep boundary: waits until the card shows them.
   template <class Condition>
-  bool CardShows(Condition condition) { return WaitFor(condition, 2s); }
+  bool CardShows(Condition condition) { return WaitFor(condition, 20s); }
   SRecord Next() { return SRecord{Client.Command("#GET_DATA")}; }
   // A record taken after everything sent so far has reached the pipeline.
   SRecord Fresh() {
