@@ -42,6 +42,7 @@ struct struct_dma_peaks_status {
   uint16_t ClkDivider;     // 70 hardware clock divider state
   uint32_t Granularity;    // 72 replaced by the server's granularity in published copies
   uint8_t Reserved76[12];  // 76
+  double InternalTempC() const { return InternalTemp / 128.0; }
 };
 
 struct struct_dma_peaks_data {
@@ -65,7 +66,7 @@ struct struct_dma_peaks_data {
   bool TriggeredAcquisition() const { return (status.flags1_lo & 0x10) != 0; }
   bool InTriggerWindow() const { return (status.Status3 & 0x80) != 0; }
   int AmplitudeChannel() const { return status.Status3 & 0x07; }
-  double InternalTempC() const { return status.InternalTemp / 128.0; }
+  double InternalTempC() const { return status.InternalTempC(); }
 };
 
 #define GET_SW_POSITION(status) ((status).flags1_lo & 0x03)

@@ -28,7 +28,7 @@ class CLatestStatus {
   // Temperature inside the transmitter in degrees C (0 before the first record).
   double InternalTempC() const {
     const auto s = Get();
-    return s ? s->InternalTemp / 128.0 : 0.0;
+    return s ? s->InternalTempC() : 0.0;
   }
 
  private:
