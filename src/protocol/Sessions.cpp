@@ -149,11 +149,9 @@ void* ClientServiceThread(void* raw) {
     // A streaming session looks at its socket every couple of milliseconds rather than once a
     // record (at 2 kHz that read mostly finds nothing); a line already buffered goes at once.
     const auto now = std::chrono::steady_clock::now();
-    line[0] = '\0';
-    if (!s.bStreaming[client] || now >= nextRead || s.Socket.LineBuffered(client)) {
-      s.Socket.ReadCmd(client, line, sizeof line);  // room for a whole 256-character line
-      nextRead = now + kStreamReadInterval;
-    }
+    const bool readSocket = !s.bStreaming[client] || now >= nextRead;
+    s.Socket.ReadCmd(client, line, sizeof line, readSocket);  // room for a whole 256-character line
+    if (readSocket) nextRead = now + kStreamReadInterval;
     if (!s.bStreaming[client]) {
       // A stream switched off by the server rather than by the client's own command (the
       // acquisition's start clears every stream, and clients may connect while the server

@@ -500,11 +500,12 @@ bool CSocket::CClientConnection::LineBuffered() const {
          std::memchr(Input + InputStart, '\n', have) != nullptr;
 }
 
-int CSocket::ReadCmd(uint16_t client, char* buf, int size) {
+int CSocket::ReadCmd(uint16_t client, char* buf, int size, bool readSocket) {
   if (buf && size > 0) buf[0] = '\0';
   ConnectionPtr conn = Lease(client);
   if (!conn) return -1;
   while (!conn->TakeLine()) {
+    if (!readSocket) return -1;
     const ssize_t n = ::recv(conn->Fd, conn->Input, sizeof conn->Input, 0);
     if (n > 0) {
       conn->InputStart = 0;
@@ -555,11 +556,6 @@ int CSocket::WaitReadable(uint16_t client, int timeoutMs) {
   int r = ::poll(&p, 1, timeoutMs);
   if (r < 0) return errno == EINTR ? 0 : -1;
   return r > 0 ? 1 : 0;
-}
-
-bool CSocket::LineBuffered(uint16_t client) const {
-  const ConnectionPtr conn = Lease(client);
-  return conn && conn->LineBuffered();
 }
 
 // ---- Writing ------------------------------------------------------------------------------

@@ -112,7 +112,8 @@ class CSocket {
   // line longer than 256 characters is cut: the 257th character is dropped and ends the line,
   // the characters after it begin the next one. At most size - 1 characters are copied, always
   // terminated. End of file or a read error closes the slot (once the buffered lines are taken).
-  int ReadCmd(uint16_t client, char* buf, int size);
+  // With `readSocket` false only a line already buffered is taken (no system call).
+  int ReadCmd(uint16_t client, char* buf, int size, bool readSocket = true);
 
   // Up to `len` bytes of the client's input: first those ReadCmd buffered beyond its last line,
   // else one plain read, whose result it returns (-1 with errno EAGAIN when nothing is
@@ -124,8 +125,6 @@ class CSocket {
   // buffered), 0 time-out or interrupted, -1 slot free or poll failed. Returns early when the
   // slot is closed by another thread.
   int WaitReadable(uint16_t client, int timeoutMs);
-  // True when a whole command line is already buffered (no system call).
-  bool LineBuffered(uint16_t client) const;
 
   // Writes all `len` bytes straight from `data`. Each time the socket buffer is full one unit of
   // the slot's retry budget is used and the thread sleeps the slot's delay. 0 when all was
