@@ -1,7 +1,5 @@
-// The whole server in this process on a fresh workstation root and the simulated card, Init and
-// Run as vr480d runs them, the command port on a free loopback port; tests read what the card
-// received through its control API. One at a time per process (process-wide host, card seam,
-// options and stop flags).
+// The whole server in process on a fresh root and the simulated card, Init and Run as vr480d runs
+// them, on a free loopback port. One at a time per process (the host, card seam and options are global).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -38,17 +36,15 @@ constexpr uint8_t kSoaOnCountCode = 0x2D;
 constexpr uint8_t kSyncHiCode = 0x31;
 constexpr uint8_t kSyncLoCode = 0x32;
 
-// Tags (after a fresh root's baseline) that start the simulated laser at its ready bias and scan
-// amplitude, so that tests not about the loops do not wait for them.
+// Tags that start the simulated laser at its ready bias and scan amplitude (no wait for the loops).
 inline std::vector<std::string> ReadyLaserTags() {
   return {"#SET_SCAN_AMP = \"40800\"", "#SET_INITIAL_BIAS = \"28440\""};
 }
 
 class CInProcessServer {
  public:
-  // `card`: scene file, time scale (its root is this server's). `beforeInit` runs with the host
-  // installed, before Init (files under the root, scripted host answers); `beforeRun` after a
-  // successful Init, where vr480d starts its front panel.
+  // `beforeInit` runs with the host installed (files under the root, scripted host answers);
+  // `beforeRun` after a successful Init, where vr480d starts its front panel.
   explicit CInProcessServer(const std::vector<std::string>& extraTags = ReadyLaserTags(),
                             sim::CSimOptions card = {},
                             const std::function<void(const std::string& root)>& beforeInit = {},
@@ -131,8 +127,7 @@ inline bool WaitReady(CTestClient& client, std::chrono::milliseconds timeout = s
   return WaitFor([&] { return client.Command("#READY?") == "1"; }, timeout);
 }
 
-// Tests sharing one in-process server: each starts with its own client on a ready laser and
-// ends by proving the server still answers.
+// Tests sharing one server: each starts with its own client on a ready laser, ends by proving it answers.
 template <class Suite>
 class CSharedServerSuite : public ::testing::Test {
  protected:
