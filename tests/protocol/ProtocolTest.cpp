@@ -57,12 +57,7 @@ class EndToEnd : public ::testing::Test {
     // Clients are served from early in start-up; the offset line ends it.
     bStarted = Server->WaitForOutput("**FsCountOffset = ", 90s) && Server->WaitForOutput("**\n", 5s);
   }
-  static void TearDownTestSuite() {
-    delete Server;
-    delete Root;
-    Server = nullptr;
-    Root = nullptr;
-  }
+  static void TearDownTestSuite() { delete Server, delete Root, Server = nullptr, Root = nullptr; }
   void SetUp() override { ASSERT_TRUE(bStarted) << Server->Output().substr(0, 4000); }
 
   static int Port() { return Server->Port(); }
@@ -78,14 +73,29 @@ class EndToEnd : public ::testing::Test {
   // Waits until the card stops delivering: this client's unread count stays put for half a second.
   static bool WaitForQuiet(CTestClient& c) {
     c.Command("#FLUSH_BUFFER");
-    std::string last = c.Command("#GET_BUFFER_COUNT");
-    for (int i = 0; i < 60; ++i) {
+    return WaitUntil([&] {
+      const std::string before = c.Command("#GET_BUFFER_COUNT");
       std::this_thread::sleep_for(500ms);
-      const std::string now = c.Command("#GET_BUFFER_COUNT");
-      if (now == last) return true;
-      last = now;
-    }
-    return false;
+      return c.Command("#GET_BUFFER_COUNT") == before;
+    });
+  }
+
+  // A fresh client gets the exact reply to a cheap command and two records whose sweep
+  // counters advance: the server still answers and still acquires.
+  static testing::AssertionResult StillServes() {
+    CTestClient c(Port());
+    const std::string dot = c.Command("#GET_DOT_NOTATION 10", 30s);
+    if (dot != "2.3") return testing::AssertionFailure() << "#GET_DOT_NOTATION 10 answered \"" << dot << "\"";
+    const SRecord a{c.Command("#GET_DATA", 10s)}, b{c.Command("#GET_DATA", 10s)};
+    if (a.Size() < 88 || b.Size() < 88 || b.Sweep() <= a.Sweep())
+      return testing::AssertionFailure() << "records of " << a.Size() << " and " << b.Size() << " bytes";
+    return testing::AssertionSuccess();
+  }
+  // A reader the machine's load keeps away for a while must not lose its session in the bulk
+  // cases: the server-wide budget (10 s) is taken into this client's slot.
+  static void Patient(CTestClient& c) {
+    c.Command("#SET_SOCKET_RECOVERY_ATTEMPTS 40000");
+    ASSERT_EQ(c.Command("#SET_STREAMING_DATA 0"), "Streaming data disabled.\n");
   }
 
   static inline CTempDir* Root = nullptr;
@@ -104,6 +114,14 @@ class CEarlyStart : public testing::Environment {
 };
 testing::Environment* const kEarlyStart = testing::AddGlobalTestEnvironment(new CEarlyStart);
 
+std::string RandomBytes(size_t n, unsigned seed) {
+  std::mt19937 gen(seed);
+  std::string s(n, '\0');
+  for (char& ch : s) ch = static_cast<char>(gen());
+  return s;
+}
+std::string Dot(int n) { return std::to_string((n - 1) % 4 + 1) + "." + std::to_string((n - 1) / 4 + 1); }
+
 std::string Frame(const std::string& body) {
   char digits[16];
   std::snprintf(digits, sizeof digits, "%010zu", body.size());
@@ -121,16 +139,6 @@ SFrame RawFrame(CTestClient& c, const std::string& command = "", std::chrono::mi
   if (f.Digits.find_first_not_of("0123456789") != std::string::npos) return f;
   f.Ok = c.ReadExact(std::stoul(f.Digits), &f.Body, timeout);
   return f;
-}
-
-// The header fields every record must have right, whatever the laser does.
-void ExpectWellFormed(const SRecord& rec) {
-  ASSERT_GE(rec.Size(), 88u);
-  EXPECT_EQ(std::make_pair(rec.Type(), rec.Granularity()), std::make_pair(1u, 1000000u));
-  const uint32_t status = rec.Status();
-  EXPECT_TRUE(status == 0 || (status >= 2 && status <= 7) || status == 0x81) << status;
-  if (status != 0 && status != 0x81) { EXPECT_EQ(rec.Sensors(), 0u); }
-  EXPECT_TRUE(rec.LengthMatchesCounts()) << rec.Size() << " bytes for " << rec.Sensors() << " sensors";
 }
 
 }  // namespace
@@ -235,8 +243,11 @@ TEST_F(EndToEnd, StreamsDeliverConsecutiveRecordsAndEndWithTheEndToken) {
         break;
       }
       ASSERT_GE(f.Body.size(), 88 + token);
-      const SRecord rec{f.Body.substr(0, f.Body.size() - token)};
-      ExpectWellFormed(rec);
+      const SRecord rec{f.Body.substr(0, f.Body.size() - token)};  // well formed whatever the laser does
+      const uint32_t status = rec.Status();
+      EXPECT_TRUE(status == 0 || (status >= 2 && status <= 7) || status == 0x81) << status;
+      EXPECT_TRUE(rec.Type() == 1 && rec.Granularity() == 1000000u && rec.LengthMatchesCounts()) << "record " << i;
+      if (status != 0 && status != 0x81) { EXPECT_EQ(rec.Sensors(), 0u); }
       if (last) { ASSERT_EQ(rec.Sweep(), last + 1) << "record " << i; }
       last = rec.Sweep();
       if (i == 100) { ASSERT_TRUE(c.Send("#GET_BUFFER_COUNT")); }  // executed, but not answered
@@ -250,6 +261,80 @@ TEST_F(EndToEnd, StreamsDeliverConsecutiveRecordsAndEndWithTheEndToken) {
     EXPECT_EQ(c.Command("#GET_STREAMING_DATA"), "0");
     EXPECT_EQ(c.Command("#GET_USE_STREAM_TOKENS"), tokens ? "1" : "0");
   }
+}
+
+// Crash safety: every reply before a known command's is a whole frame, garbage gets the invalid
+// reply, and 10000 pipelined commands are answered in order.
+TEST_F(EndToEnd, MalformedOrPipelinedInputIsAnsweredInWholeFramesInOrder) {
+  static constexpr char kNulLines[] = "\0\0\0\n\0\n#GET_DOT_NOTATION 3\0tail\n";
+  std::string burst;
+  std::vector<std::string> dots;
+  for (int i = 0; i < 10000; ++i) burst += "#GET_DOT_NOTATION " + std::to_string(i % 16 + 1) + "\n", dots.push_back(Dot(i % 16 + 1));
+  const struct {
+    const char* Name;
+    std::string Bytes;
+    int Replies;        // expected count, or -1 when it depends on how the line is cut
+    bool bOnlyInvalid;  // every reply is the invalid-command reply
+    std::vector<std::string> Expected;
+  } inputs[] = {
+      {"empty lines", "\n\n\n\n", 0, true, {}},
+      {"CR-only lines", "\r\n\r\n\r\n", 3, true, {}},
+      {"a 64 KB line", std::string(65536, 'x') + "\n", -1, true, {}},
+      {"NUL bytes", std::string(kNulLines, sizeof kNulLines - 1), -1, false, {}},
+      {"1 MB of random bytes", std::regex_replace(RandomBytes(1 << 20, 5), std::regex("#"), "$") + "\n", -1, true, {}},
+      {"10000 pipelined commands", burst, 10000, false, dots},
+  };
+  for (const auto& in : inputs) {
+    SCOPED_TRACE(in.Name);
+    CTestClient c(Port());
+    Patient(c);
+    std::thread writer([&] { c.SendRaw(in.Bytes + "#GET_LEGACY_NOTATION 4.4\n"); });
+    int replies = 0;
+    for (bool ok = true; ok; ++replies) {
+      const std::string body = c.ReadFrame(&ok, 30s);
+      if (body == "16") break;
+      EXPECT_TRUE(ok) << "torn or missing frame after " << replies << " replies";
+      if (in.bOnlyInvalid) { EXPECT_EQ(body.rfind("!Invalid command or argument: ", 0), 0u) << body.substr(0, 80); }
+      if (!in.Expected.empty() && (replies >= in.Replies || body != in.Expected[replies])) {
+        ADD_FAILURE() << "reply " << replies << ": " << body.substr(0, 80);
+        c.Abort();  // ends the writer
+        break;
+      }
+    }
+    writer.join();
+    if (in.Replies >= 0) { EXPECT_EQ(replies, in.Replies); }
+    EXPECT_TRUE(c.Silent(300ms));
+    EXPECT_TRUE(StillServes());
+  }
+}
+
+// Sessions ended inside a line (whose start must not leak into the next session), a reply or a
+// streamed record (the next client right behind, likely in the same slot, gets its own replies
+// and never the old stream), again and again: every slot is freed.
+TEST_F(EndToEnd, SessionsBrokenOffAnywhereFreeTheirSlots) {
+  std::string part;
+  for (int i = 0; i < 60; ++i) {
+    CTestClient c(Port(), 20s, i % 6 == 4 ? 4096 : 0);
+    ASSERT_TRUE(c.Connected()) << "cycle " << i;
+    if (i % 6 == 1) c.Send("#GET_DOT_NOTATION 1");
+    if (i % 6 == 2) {
+      ASSERT_TRUE(c.SendRaw("#GET_DOT_NOT"));
+      std::this_thread::sleep_for(50ms);  // read by the server into the slot's line
+      c.Abort();
+      EXPECT_EQ(CTestClient(Port()).Command("ATION 1"), "!Invalid command or argument: ATION 1.") << "cycle " << i;
+    }
+    if (i % 6 == 3) { EXPECT_TRUE(c.SendRaw("#ZOR_HELP\n#ZOR_HELP\n") && c.ReadExact(100, &part, 10s)); }
+    if (i % 6 == 4) { EXPECT_TRUE(c.Send("#SET_STREAMING_DATA 1")), std::this_thread::sleep_for(100ms); }
+    if (i % 6 == 3 || i % 6 == 4) c.Abort();  // a reset while the server writes
+    if (i % 6 == 5) {
+      ASSERT_TRUE(c.Send("#SET_STREAMING_DATA 1") && c.ReadExact(34 + 200, &part, 10s));
+      c.Close();
+      ASSERT_EQ(CTestClient(Port()).Command("#GET_DOT_NOTATION 10"), "2.3") << "cycle " << i;
+    }
+  }
+  CTestClient checker(Port());
+  EXPECT_TRUE(WaitUntil([&] { return checker.Command("#WHO?") == "127.0.0.1"; })) << "every broken-off session frees its slot";
+  EXPECT_TRUE(StillServes());
 }
 
 // Guards the wire form of an empty constant reply: the high-speed samples without full-spectrum
@@ -340,12 +425,6 @@ TEST_F(EndToEnd, CommandLineClientPrintsRepliesAndStreams) {
 
 namespace {
 
-std::string RandomBytes(size_t n, unsigned seed) {
-  std::mt19937 gen(seed);
-  std::string s(n, '\0');
-  for (char& ch : s) ch = static_cast<char>(gen());
-  return s;
-}
 std::set<std::string> Listing(const std::string& dir) {
   std::set<std::string> names;
   for (const auto& e : fs::directory_iterator(dir)) names.insert(e.path().filename().string());
@@ -371,14 +450,8 @@ std::string Upload(CTestClient& c, const std::string& path, const std::string& b
 
 // Guards byte-exact transfers, also one client downloading while another uploads and downloads.
 TEST_F(EndToEnd, FileTransferRoundTripsAreByteExactAlsoForTwoClientsAtOnce) {
-  // Both clients allow 10 s of write budget, so that a machine too busy to read for a while
-  // fails no download.
-  const auto patient = [](CTestClient& c) {
-    c.Command("#SET_SOCKET_RECOVERY_ATTEMPTS 40000");
-    c.Command("#SET_STREAMING_DATA 0");  // takes the new budget
-  };
   CTestClient Client(Port());
-  patient(Client);
+  Patient(Client);
   const std::pair<std::string, std::string> rows[] = {
       {"empty.bin", ""}, {"forty.bin", RandomBytes(40000, 1)}, {"big.bin", RandomBytes(10 << 20, 2)}};
   for (const auto& [name, content] : rows) {
@@ -393,7 +466,7 @@ TEST_F(EndToEnd, FileTransferRoundTripsAreByteExactAlsoForTwoClientsAtOnce) {
   std::string downloaded[2], uploadReply, small[20];
   std::thread second([&] {
     CTestClient c(Port());
-    patient(c);
+    Patient(c);
     uploadReply = Upload(c, "other.bin", other);
     for (auto& s : small) s = Download(c, "forty.bin");
   });
