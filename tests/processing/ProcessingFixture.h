@@ -24,7 +24,6 @@ struct ProcessingAccess {
 
 namespace proc_test {
 
-constexpr double kSpeedOfLight = 299792458.0;
 constexpr int kTeeth = 101;
 constexpr uint32_t kFirstTooth = 4000;
 constexpr uint32_t kToothSpacing = 512;
@@ -35,12 +34,10 @@ constexpr uint8_t kPublish = 0x20;
 
 inline uint32_t ToothCount(int j) { return kFirstTooth + kToothSpacing * static_cast<uint32_t>(j); }
 inline double ToothThz(int j) { return 194.0 + (kRefTooth - j) * 0.1; }
-inline double Nm(double thz) { return kSpeedOfLight * 0.001 / thz; }
+inline double Nm(double thz) { return 299792.458 / thz; }
 // Wavelength at a fraction of the way from tooth j to tooth j + 1.
 inline double NmBetween(int j, double fraction) { return Nm(ToothThz(j) - fraction * 0.1); }
-inline uint32_t CountBetween(int j, double fraction) {
-  return ToothCount(j) + static_cast<uint32_t>(fraction * kToothSpacing);
-}
+inline uint32_t CountBetween(int j, double fraction) { return ToothCount(j) + static_cast<uint32_t>(fraction * kToothSpacing); }
 inline double Fm(double nm) { return nm * 1e6; }  // record units at the default granularity
 
 // A published sweep with a healthy comb and grating and no sensors.
@@ -79,10 +76,6 @@ inline std::unique_ptr<CVr480Server> MakeServer() {
 inline const uint8_t* Slot(const CVr480Server& s, int index) {
   return s.ProcessedData + static_cast<size_t>(index) * kProcessedRecordBytes;
 }
-inline const uint8_t* LastSlot(const CVr480Server& s) {
-  const int w = s.ProcessedWriteIndex;
-  return Slot(s, w == 0 ? kProcessedRingSlots - 1 : w - 1);
-}
 
 struct Published {
   const uint8_t* Bytes;
@@ -91,9 +84,7 @@ struct Published {
   bool ScaleWarning() const { return (Bytes[kRecStatus3Offset] & kRecScaleWarningBit) != 0; }
   uint16_t Kept(int ch) const { return GetRecU16(Bytes, kRecKeptCountsOffset + 2 * ch); }
   uint32_t Sensors() const { return (GetRecU32(Bytes, kRecSensorBytesOffset) - 88) / 4; }
-  uint32_t Amplitudes() const {
-    return (GetRecU32(Bytes, kRecTotalBytesOffset) - GetRecU32(Bytes, kRecSensorBytesOffset)) / 2;
-  }
+  uint32_t Amplitudes() const { return (GetRecU32(Bytes, kRecTotalBytesOffset) - GetRecU32(Bytes, kRecSensorBytesOffset)) / 2; }
   int32_t Value(uint32_t i) const { return GetRecI32(Bytes, kRecSensorsOffset + 4 * i); }
   // Sensor s of DUT channel ch.
   int32_t Value(int ch, int s) const {
@@ -101,13 +92,13 @@ struct Published {
     for (int c = 0; c < ch; ++c) before += Kept(c);
     return Value(before + s);
   }
-  uint16_t Amplitude(uint32_t i) const { return GetRecU16(Bytes, kRecSensorsOffset + 4 * Sensors() + 2 * i); }
   uint32_t Granularity() const { return GetRecU32(Bytes, kRecGranularityOffset); }
-  const struct_dma_peaks_status& Header() const {
-    return *reinterpret_cast<const struct_dma_peaks_status*>(Bytes + kRecHeaderOffset);
-  }
+  const struct_dma_peaks_status& Header() const { return *reinterpret_cast<const struct_dma_peaks_status*>(Bytes + kRecHeaderOffset); }
 };
-inline Published LastRecord(const CVr480Server& s) { return Published{LastSlot(s)}; }
+inline Published LastRecord(const CVr480Server& s) {
+  const int w = s.ProcessedWriteIndex;
+  return Published{Slot(s, w == 0 ? kProcessedRingSlots - 1 : w - 1)};
+}
 
 // Hands a record to the pipeline as the acquisition loop does; the record published last.
 inline Published Feed(CVr480Server& s, struct_dma_peaks_data& r) {

@@ -13,7 +13,7 @@ namespace {
 void SetGratingThz(CVr480Server& s, double thz) { s.Vth2Thz[kGratingVth + 32768] = thz; }
 }  // namespace
 
-// Guards the placement of every tooth against the grating.
+// Guards the placement of every tooth against the grating, and a reference tooth beyond the comb.
 TEST(WavelengthScale, CombIsPlacedAgainstTheGrating) {
   auto s = MakeServer();
   auto r = MakeSweep();
@@ -26,10 +26,17 @@ TEST(WavelengthScale, CombIsPlacedAgainstTheGrating) {
   EXPECT_NEAR(s->CalculatedFbg, NmBetween(kGratingTooth, 0.5), 1e-9);
   for (int j : {0, 17, 50, 100}) EXPECT_NEAR(s->FfpiPeakThz[j], ToothThz(j), 1e-9);
   EXPECT_FALSE(LastRecord(*s).ScaleWarning());
+
+  SetGratingThz(*s, 192.95 + 7.0);  // the reference 60 teeth past the grating: beyond the comb
+  EXPECT_EQ(Console([&] { Feed(*s, r); }), "Error: reference FFPI peak outside the comb\r");
+  EXPECT_FALSE(s->bScaleValid);
+  EXPECT_EQ(s->FfpiRefPeakIndex, kRefTooth);  // the scale is kept
+  EXPECT_EQ(LastRecord(*s).Status(), kPeaksRefToothOutside);
+  EXPECT_EQ(LastRecord(*s).Sensors(), 0u);
 }
 
 // Guards the tolerance of the grating between teeth (warning only), half-tooth rounding to even,
-// and no check without the monitored grating.
+// and without the monitored grating no check and the nearest tooth as reference.
 TEST(WavelengthScale, GratingBetweenWholeTeethIsMarked) {
   auto s = MakeServer();
   auto r = MakeSweep();
@@ -52,23 +59,7 @@ TEST(WavelengthScale, GratingBetweenWholeTeethIsMarked) {
   SetGratingThz(*s, 192.95 + 0.4 * 0.1);
   EXPECT_FALSE(Feed(*s, r).ScaleWarning());
   EXPECT_EQ(s->WvlCorrCoef, 0.0);
-
-  // Binary-exact numbers (125 GHz teeth) make the coefficient an exact half: it rounds to even.
-  auto h = MakeServer();
-  h->FfpiFsrGhz = 125.0;
-  for (auto [thz, coef, ref] : {std::tuple{194.25, 2.5, kGratingTooth + 2}, std::tuple{194.375, 3.5, kGratingTooth + 4}}) {
-    SetGratingThz(*h, thz);
-    Feed(*h, r);
-    EXPECT_EQ(h->WvlCorrCoef, coef);
-    EXPECT_EQ(h->FfpiRefPeakIndex, ref);
-  }
-}
-
-// Guards the nearest-tooth reference without the monitored grating (midway: higher count) and Peak2Use.
-TEST(WavelengthScale, WithoutTheMonitoredGratingTheNearestToothIsTheReference) {
-  auto s = MakeServer();
-  s->bMonitoredFbg = false;
-  auto r = MakeSweep();
+  // Without it the nearest tooth is the reference (midway: the higher count); Peak2Use counts on.
   for (auto [fraction, ref] : {std::pair{0.25, kGratingTooth}, std::pair{0.75, kGratingTooth + 1}, std::pair{0.5, kGratingTooth + 1}}) {
     r.FbgPeaks[0] = CountBetween(kGratingTooth, fraction);
     Feed(*s, r);
@@ -80,19 +71,17 @@ TEST(WavelengthScale, WithoutTheMonitoredGratingTheNearestToothIsTheReference) {
   Feed(*s, r);
   EXPECT_EQ(s->FfpiRefPeakIndex, kGratingTooth + 3);
   EXPECT_EQ(s->ScaleRefPeakIndex, static_cast<uint32_t>(kGratingTooth + 3));
-}
+  r = MakeSweep();
 
-// Guards the failure of a reference tooth beyond the comb: its text, status, and the kept scale.
-TEST(WavelengthScale, ReferenceToothOutsideTheCombFailsTheRecord) {
-  auto s = MakeServer();
-  auto r = MakeSweep();
-  Feed(*s, r);
-  SetGratingThz(*s, 192.95 + 7.0);  // 60 teeth past the grating
-  EXPECT_EQ(Console([&] { Feed(*s, r); }), "Error: reference FFPI peak outside the comb\r");
-  EXPECT_FALSE(s->bScaleValid);
-  EXPECT_EQ(s->FfpiRefPeakIndex, kRefTooth);
-  EXPECT_EQ(LastRecord(*s).Status(), kPeaksRefToothOutside);
-  EXPECT_EQ(LastRecord(*s).Sensors(), 0u);
+  // Binary-exact numbers (125 GHz teeth) make the coefficient an exact half: it rounds to even.
+  auto h = MakeServer();
+  h->FfpiFsrGhz = 125.0;
+  for (auto [thz, coef, ref] : {std::tuple{194.25, 2.5, kGratingTooth + 2}, std::tuple{194.375, 3.5, kGratingTooth + 4}}) {
+    SetGratingThz(*h, thz);
+    Feed(*h, r);
+    EXPECT_EQ(h->WvlCorrCoef, coef);
+    EXPECT_EQ(h->FfpiRefPeakIndex, ref);
+  }
 }
 
 // Guards the conversions inside and beyond the comb, their round trip, and the one-tooth refusal.

@@ -27,6 +27,11 @@ using Clock = std::chrono::steady_clock;
 const char* const kFiles[] = {"vr480.tag",    "references.dat", "locations.dat",
                               "averages.dat", "db2counts.dat",  "gain_wvl_offsets.dat"};
 std::string Read(const CTempDir& root, const char* f) { return ReadFile(root / (std::string("vr480/") + f)); }
+std::unique_ptr<CVr480Server> NewServer() {
+  auto s = std::make_unique<CVr480Server>();
+  s->WvlAvg.Init(kOpticalChannels, kSensorsPerChannel, kDefaultAveragingDepth);
+  return s;
+}
 
 // Version v of everything that is saved. The versions differ in every file and in length, so
 // that a torn write could not pass for either.
@@ -54,8 +59,7 @@ TEST(SettingsFilesCrash, AKilledSaveLeavesEveryFileOldOrNewAndComplete) {
   InstallHost(root.Path());
   std::filesystem::create_directories(root / "vr480");
   std::filesystem::create_directories(root / "tmp");
-  auto server = std::make_unique<CVr480Server>();
-  server->WvlAvg.Init(kOpticalChannels, kSensorsPerChannel, kDefaultAveragingDepth);
+  auto server = NewServer();
 
   // The two complete versions of each file, and how long one round of saving takes.
   std::map<std::string, std::string> known[2];
@@ -69,15 +73,11 @@ TEST(SettingsFilesCrash, AKilledSaveLeavesEveryFileOldOrNewAndComplete) {
   }
   const auto round = (Clock::now() - started) / 2;
   testing::internal::GetCapturedStdout();
-  for (const char* f : kFiles) {
-    ASSERT_FALSE(known[0][f].empty()) << f;
-    ASSERT_NE(known[0][f], known[1][f]) << f;
-  }
+  for (const char* f : kFiles) ASSERT_TRUE(!known[0][f].empty() && known[0][f] != known[1][f]) << f;
 
   // Kill moments spread over two rounds of saving, so that they fall into every stage: the
   // temporary file half written, written but not renamed, renamed, and between files.
-  const auto spread = std::max<long long>(
-      2 * std::chrono::duration_cast<std::chrono::microseconds>(round).count(), 2000);
+  const auto spread = std::max<long long>(2 * std::chrono::duration_cast<std::chrono::microseconds>(round).count(), 2000);
   std::mt19937 random(480);
   std::uniform_int_distribution<long long> delayUs(0, spread);
 
@@ -101,8 +101,7 @@ TEST(SettingsFilesCrash, AKilledSaveLeavesEveryFileOldOrNewAndComplete) {
     std::this_thread::sleep_for(std::chrono::microseconds(delayUs(random)));
     ::kill(child, SIGKILL);
     int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFSIGNALED(status));
+    ASSERT_TRUE(::waitpid(child, &status, 0) == child && WIFSIGNALED(status));
     ++kills;
 
     for (const char* f : kFiles) {
@@ -117,8 +116,7 @@ TEST(SettingsFilesCrash, AKilledSaveLeavesEveryFileOldOrNewAndComplete) {
   EXPECT_GT(changes, 0) << "no kill came late enough to let a save finish";
 
   // Whatever mixture of versions the kills left, start-up loads every file.
-  auto loaded = std::make_unique<CVr480Server>();
-  loaded->WvlAvg.Init(kOpticalChannels, kSensorsPerChannel, kDefaultAveragingDepth);
+  auto loaded = NewServer();
   testing::internal::CaptureStdout();
   loaded->TagManager.LoadTags(root / "vr480/vr480");
   SettingsFilesAccess::Load(*loaded);
@@ -127,7 +125,6 @@ TEST(SettingsFilesCrash, AKilledSaveLeavesEveryFileOldOrNewAndComplete) {
   EXPECT_TRUE(tags == known[0]["vr480.tag"] || tags == known[1]["vr480.tag"]);
   EXPECT_EQ(messages, "Locations data loaded.\nReferences data loaded.\nAverages data loaded.\n"
                       "Wvl gain offsets data loaded.\nDB2COUNTS_FILE contains 401 entries.\nDb2Counts data loaded.\n");
-
   server.reset();
   loaded.reset();
   InstallHost("/");

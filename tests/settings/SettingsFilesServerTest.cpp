@@ -2,7 +2,6 @@
 // replays at start-up, the tag list commands, what #SAVE_SETTINGS and #SAVE_WVL_OFFSETS write
 // (inside the remount bracket), and the data files it names when they are missing.
 #include <gtest/gtest.h>
-#include <signal.h>
 
 #include <filesystem>
 #include <string>
@@ -47,77 +46,57 @@ void ExpectBracketAfter(const CTempDir& root, size_t* from) {
 
 }  // namespace
 
-// Tag file replay, the tag commands' replies and console lines (counts, dump indexes), and
-// what the two saves write inside the remount bracket.
-TEST(SettingsFilesServer, TagCommandsAndSaveInsideTheBracket) {
+// Tag file replay, the tag commands' replies and console lines (counts, dump indexes), a tag
+// list of exactly the reply limit sent whole and refused once longer, the missing data files
+// named at start-up, and what the two saves write inside the remount bracket or fail to write.
+TEST(SettingsFilesServer, TagCommandsReplyLimitAndSaves) {
   CTempDir root;
   WriteFile(root / "cfc_build.dat", "12\nignored\n");
-  WriteFile(root / "vr480/vr480.tag", std::string(kBaselineTags) + "// a remark, lost at the next save\n\n"
-                                          "#SET_USER_VAR = \"1 5\"\n   #SET_USER_VAR = \"2 6\"\n#SET_IDN_TXT = \"Lab unit 7\"\n");
+  std::string tags = std::string(kBaselineTags) + "#SET_USER_VAR = \"1 5\"\n#SET_USER_VAR = \"2 6\"\n#SET_IDN_TXT = \"Lab unit 7\"\n";
+  for (int i = 0; tags.size() < 32000; ++i) {  // filled up to exactly the reply limit
+    std::string line = "#TEST_TAG_" + std::to_string(i) + " = \"" + std::string(80, 'a') + "\"\n";
+    if (tags.size() + line.size() > 32000) line = line.substr(0, 32000 - tags.size() - 3) + "a\"\n";
+    tags += line;
+  }
+  ASSERT_EQ(tags.size(), 32000u);
+  WriteFile(root / "vr480/vr480.tag", "// a remark, lost at the next save\n\n   " + tags);
   CServerProcess server(root.Path(), FreePort());
   ASSERT_TRUE(server.WaitForOutput("Error opening db2counts file.\n", std::chrono::seconds(40)))
       << server.Output().substr(0, 4000);
   EXPECT_EQ(server.Output().find("Error opening cfc_build file."), std::string::npos);
   ExpectLinesInOrder(server, {"CMD: #SET_USER_VAR = \"2 6\"\n", "CMD: #SET_IDN_TXT = \"Lab unit 7\"\n",
-                              "Error opening db2counts file.\n"});
+                              "Error opening locations file.\n", "Error opening reference file.\n",
+                              "Error opening averages file.\n", "Error opening wvl gain offsets file.\n",
+                              "DB2COUNTS_FILE contains 201 entries.\n", "Error opening db2counts file.\n"});
   CTestClient client(server.Port());
   ASSERT_TRUE(client.Connected());
-  EXPECT_EQ(client.Command("#GET_TAGS"),
-            std::string(kBaselineTags) + "#SET_USER_VAR = \"1 5\"\n#SET_USER_VAR = \"2 6\"\n#SET_IDN_TXT = \"Lab unit 7\"\n");
+  EXPECT_EQ(client.Command("#GET_TAGS"), tags);
   EXPECT_EQ(client.Command("#remove_tag #set_user_var"), "Removing 2 tag(s).\n");
   EXPECT_EQ(client.Command("#REMOVE_TAG #SET_NO_SUCH_SETTING"), "Removing 0 tag(s).\n");
+  EXPECT_EQ(client.Command("#GET_TAGS"), "!The Response to #GET_TAGS exceeds MAX_RESPONSE_LENGTH\n");
+  EXPECT_EQ(client.Command("#GET_TAGS"), "!The Response to #GET_TAGS exceeds MAX_RESPONSE_LENGTH\n");
   EXPECT_EQ(client.Command("#DUMP_TAGS"), "Dumping Tags...\n");
   size_t logAt = 0;
   EXPECT_EQ(client.Command("#SAVE_SETTINGS"), "Settings Saved.\n");
   ExpectBracketAfter(root, &logAt);
   EXPECT_EQ(client.Command("#SAVE_WVL_OFFSETS"), "Wvl Offsets Saved.\n");
   ExpectBracketAfter(root, &logAt);
+  const std::string stars(57, '*');
   ExpectLinesInOrder(server, {"Removing Tag [#SET_USER_VAR = \"1 5\"]\n", "Removing Tag [#SET_USER_VAR = \"2 6\"]\n",
-                              "Could not remove Tag #SET_NO_SUCH_SETTING.  Tag not found.\n",
-                              "Tag[0] #SET_SOA_DRIVE = \"30000\"\n", "Tag[7] //#SET_USER_VAR = \"1 5\"\n",
-                              "Tag[9] #SET_IDN_TXT = \"Lab unit 7\"\n", "Setting saved.\n"});
+                              "Could not remove Tag #SET_NO_SUCH_SETTING.  Tag not found.\n", stars + "\n",
+                              "The Response to #GET_TAGS exceeds MAX_RESPONSE_LENGTH\n", "MAX_RESPONSE_LENGTH =32000\n",
+                              "#GET_TAGS response_length = 32004\n", stars + "\n", "Tag[0] #SET_SOA_DRIVE = \"30000\"\n",
+                              "Tag[7] //#SET_USER_VAR = \"1 5\"\n", "Tag[9] #SET_IDN_TXT = \"Lab unit 7\"\n", "Setting saved.\n"});
   // The remark and the blank line are gone; removed tags stay, commented out.
-  EXPECT_EQ(ReadFile(root / "vr480/vr480.tag"), std::string(kBaselineTags) +
-            "//#SET_USER_VAR = \"1 5\"\n//#SET_USER_VAR = \"2 6\"\n#SET_IDN_TXT = \"Lab unit 7\"\n");
+  std::string saved = tags;
+  for (const char* removed : {"#SET_USER_VAR = \"1 5\"", "#SET_USER_VAR = \"2 6\""}) saved.insert(saved.find(removed), "//");
+  EXPECT_EQ(ReadFile(root / "vr480/vr480.tag"), saved);
   EXPECT_EQ(ReadFile(root / "vr480/gain_wvl_offsets.dat").size(), 1048560u);
-}
 
-// A tag list of exactly the reply limit is sent whole; two characters more and the client gets
-// the "!" reply while the console explains. Missing data files are named at start-up; a save
-// that cannot write a file answers "!" with the file, and the server answers on.
-TEST(SettingsFilesServer, GetTagsAtTheReplyLimitAndMissingDataFiles) {
-  CTempDir root;
-  std::string tags;
-  for (int i = 0; i < 320; ++i) {
-    char line[101];
-    std::snprintf(line, sizeof line, "#TEST_TAG_%03d = \"%s\"\n", i, std::string(81, 'a').c_str());
-    tags += line;
-  }
-  ASSERT_EQ(tags.size(), 32000u);
-  WriteFile(root / "vr480/vr480.tag", tags);
+  // A save that cannot write a file answers "!" with the file, and the server answers on.
   std::filesystem::create_directories(root / "vr480/references.dat.tmp");
   std::filesystem::create_directories(root / "vr480/gain_wvl_offsets.dat.tmp");
-
-  CServerProcess server(root.Path(), FreePort());
-  ASSERT_TRUE(server.WaitForOutput("Error opening db2counts file.\n", std::chrono::seconds(40)))
-      << server.Output().substr(0, 4000);
-  ExpectLinesInOrder(server, {"Error opening cfc_build file.\n", "Error opening locations file.\n",
-                              "Error opening reference file.\n", "Error opening averages file.\n",
-                              "Error opening wvl gain offsets file.\n", "DB2COUNTS_FILE contains 201 entries.\n",
-                              "Error opening db2counts file.\n"});
-
-  CTestClient client(server.Port());
-  ASSERT_TRUE(client.Connected());
-  EXPECT_EQ(client.Command("#GET_TAGS"), tags);
-  EXPECT_EQ(client.Command("#REMOVE_TAG #TEST_TAG_000"), "Removing 1 tag(s).\n");
-  EXPECT_EQ(client.Command("#GET_TAGS"), "!The Response to #GET_TAGS exceeds MAX_RESPONSE_LENGTH\n");
-  EXPECT_EQ(client.Command("#GET_TAGS"), "!The Response to #GET_TAGS exceeds MAX_RESPONSE_LENGTH\n");
-  const std::string stars(57, '*');
-  ExpectLinesInOrder(server, {stars + "\n", "The Response to #GET_TAGS exceeds MAX_RESPONSE_LENGTH\n",
-                              "MAX_RESPONSE_LENGTH =32000\n", "#GET_TAGS response_length = 32002\n", stars + "\n"});
-  EXPECT_EQ(client.Command("#REMOVE_TAG #TEST_TAG_001"), "Removing 1 tag(s).\n");
   EXPECT_EQ(client.Command("#SAVE_SETTINGS"), "!Failed to save settings: references.dat.\n");
   EXPECT_EQ(client.Command("#SAVE_WVL_OFFSETS"), "!Failed to save wvl offsets: gain_wvl_offsets.dat.\n");
   ExpectLinesInOrder(server, {"Error opening references File.\n", "Error opening gain wvl offsets File.\n"});
-  EXPECT_EQ(ReadFile(root / "vr480/locations.dat").size(), 4000u * 2);  // the other files were written
 }

@@ -83,15 +83,6 @@ class SettingsFilesTest : public testing::Test {
     return GetCapturedStdout();
   }
   std::string Load() { return Load(*Server); }
-  std::string Save() {
-    CaptureStdout();
-    EXPECT_EQ(Server->SaveSettings(), 0);
-    return GetCapturedStdout();
-  }
-  std::string DataFiles() const {
-    return ReadFile(Dat("locations.dat")) + ReadFile(Dat("references.dat")) + ReadFile(Dat("averages.dat")) +
-           ReadFile(Dat("db2counts.dat"));
-  }
 
   void Fill(CVr480Server& s) {
     for (int ch = 0; ch < kLogicalChannels; ++ch)
@@ -122,7 +113,9 @@ TEST_F(SettingsFilesTest, SaveWritesEveryFileInsideTheBracketAndLoadRestoresTheT
   Server->TagManager.ReplaceTag("#SET_IDN_TXT = \"  Lab 7 \"");
   GetCapturedStdout();
 
-  EXPECT_EQ(Save(), "Setting saved.\n");
+  CaptureStdout();
+  EXPECT_EQ(Server->SaveSettings(), 0);
+  EXPECT_EQ(GetCapturedStdout(), "Setting saved.\n");
   EXPECT_EQ(CommandLog(), kBracket);
   EXPECT_EQ(ReadFile(Dat("vr480.tag")), "#SET_DHCP = \"1\"\n#SET_IDN_TXT = \"  Lab 7 \"\n");
   EXPECT_EQ(ReadFile(Dat("references.dat")), Lines(4000, [](int i) {
@@ -175,12 +168,6 @@ TEST_F(SettingsFilesTest, SaveWritesEveryFileInsideTheBracketAndLoadRestoresTheT
     for (int code = 0; code < kGainCodes - 1; ++code) ASSERT_EQ(loaded->GainWvlOffset[t][code], GainValue(t, code));
   }
   EXPECT_EQ(loaded->GainWvlOffset[2][65535], 99u);
-
-  // Saving what was loaded gives the same bytes.
-  const std::string before = DataFiles();
-  Server = std::move(loaded);
-  Save();
-  EXPECT_EQ(DataFiles(), before);
 }
 
 // Missing files (or a directory in a file's place) keep the defaults, but the dB table is cleared.

@@ -3,7 +3,9 @@
 // the hand-over of each finished spectrum.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <vector>
 
@@ -37,13 +39,11 @@ std::unique_ptr<CVr480Server> MakeServer() {
 }
 
 void FillHistory(CVr480Server& s, int layer, uint16_t value) {
-  for (int d = 0; d < kFsHistoryDepth; ++d)
-    for (int k = 0; k < kFsSamples; ++k) s.FS_RawHistoryBuffer[layer][d][k] = value;
+  for (uint16_t* sweep : s.FS_RawHistoryBuffer[layer]) std::fill(sweep, sweep + kFsSamples, value);
 }
 
-void MarkAllDirty(CVr480Server& s) {
-  for (auto& row : s.PeakAmpDirty)
-    for (bool& dirty : row) dirty = true;
+void MarkAllDirty(CVr480Server& s, bool dirty = true) {
+  for (auto& row : s.PeakAmpDirty) std::fill(std::begin(row), std::end(row), dirty);
 }
 
 // A number in the raw spectrum record; its points start at byte 100.
@@ -60,8 +60,7 @@ T Raw(const CVr480Server& s, size_t at) {
 TEST(FullSpectrumBuild, HistoryFillsPerLayerAndWrapsAtItsDepth) {
   auto s = MakeServer();
   s->PeakAmpBufDepth = 4;
-  for (auto& row : s->PeakAmpDirty)
-    for (bool& dirty : row) dirty = false;
+  MarkAllDirty(*s, false);
   auto r = MakeRecord(0, 2, 2, 4, 500);
   s->pPeaks = &r;
   FullSpectrumAccess::BuildRawFSBuffer(*s);
@@ -70,8 +69,7 @@ TEST(FullSpectrumBuild, HistoryFillsPerLayerAndWrapsAtItsDepth) {
   EXPECT_EQ(s->FS_RawHistoryBuffer[2][0][7], 507) << "the low 16 bits of each word";
   for (int i = 0; i < 3; ++i) FullSpectrumAccess::BuildRawFSBuffer(*s);
   EXPECT_EQ(s->FsHistoryIndex[2], 0) << "wrapped at the depth";
-  EXPECT_TRUE(s->PeakAmpDirty[0][200]) << "every cached amplitude is stale after a wrap";
-  EXPECT_TRUE(s->PeakAmpDirty[3][0]);
+  EXPECT_TRUE(s->PeakAmpDirty[0][200] && s->PeakAmpDirty[3][0]) << "every cached amplitude is stale after a wrap";
   s->PeakAmpBufDepth = 128;
   for (int i = 0; i < 10; ++i) FullSpectrumAccess::BuildRawFSBuffer(*s);
   ASSERT_EQ(s->FsHistoryIndex[2], 10);
@@ -177,8 +175,7 @@ TEST(FullSpectrumBuild, SpectrumIsHandedOverWhenThePhaseReturnsToTheCycleStart) 
   cycle(1);
 
   // The raw spectrum: the finishing record's header, every point filled, the body length.
-  struct_dma_peaks_status h;
-  std::memcpy(&h, s->RawSpectrumBuffer + 12, sizeof h);
+  const auto h = Raw<struct_dma_peaks_status>(*s, 12);
   EXPECT_EQ(h.Vth, 1234);
   EXPECT_EQ(h.CurrentLayer, 40);
   EXPECT_EQ(Raw<uint32_t>(*s, 65636), 65624u);

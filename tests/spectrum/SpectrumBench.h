@@ -68,9 +68,9 @@ class CBench {
     testing::internal::GetCapturedStdout();
     EXPECT_TRUE(bOpen);
     bRun = false;  // light, the laser at its ready point, both loops on; replayed as at start-up
-    const std::string bias = std::to_string(kReadyBias);
-    for (const std::string& line : std::vector<std::string>{"#SET_SOA_DRIVE 30000", "#SET_SCAN_AMP " + std::to_string(sim::factory::kScanAmp),
-                                                            "#SET_INITIAL_BIAS " + bias, "#SET_BIAS " + bias, "#SET_AUTOBIAS 1", "#SET_AUTO_SCAN_AMP 1"})
+    const std::string bias = std::to_string(kReadyBias), amp = std::to_string(sim::factory::kScanAmp);
+    for (const std::string& line : std::vector<std::string>{"#SET_SOA_DRIVE 30000", "#SET_SCAN_AMP " + amp, "#SET_INITIAL_BIAS " + bias,
+                                                            "#SET_BIAS " + bias, "#SET_AUTOBIAS 1", "#SET_AUTO_SCAN_AMP 1"})
       Command(line);
     bRun = true;
   }
@@ -99,9 +99,6 @@ class CBench {
   void Pass() {
     if (bStep) Card().Step(1);
     FullSpectrumAccess::Pass(*Server);
-  }
-  void RunSeconds(double seconds) {
-    for (long i = 0, n = std::lround(seconds * 1000); i < n; ++i) Pass();
   }
   // One record fetched and processed, without the loops: the test calls them itself.
   void Record() {
