@@ -97,24 +97,21 @@ TEST(PeakPipeline, OnlyPublishedSweepsMoveTheRing) {
   const uint16_t write = s->ProcessedWriteIndex;
   r.status.Status3 = 0;  // the card does not let this sweep out
   Feed(*s, r);
-  EXPECT_EQ(s->ProcessedWriteIndex, write);
-  EXPECT_EQ(s->WvlAvg.GetNumAvg(0, 0), 0);
+  EXPECT_EQ((std::vector<int>{s->ProcessedWriteIndex, s->WvlAvg.GetNumAvg(0, 0)}), (std::vector<int>{write, 0}));
   r.status.Status3 = kPublish;
   r.status.flags1_lo = 0x10;  // triggered acquisition, outside a trigger window
   Feed(*s, r);
   EXPECT_EQ(s->ProcessedWriteIndex, write);
   r.status.Status3 = kPublish | 0x80;  // inside the window
   Feed(*s, r);
-  EXPECT_EQ(s->ProcessedWriteIndex, write + 1);
-  EXPECT_EQ(s->WvlAvg.GetNumAvg(0, 0), 1);
+  EXPECT_EQ((std::vector<int>{s->ProcessedWriteIndex, s->WvlAvg.GetNumAvg(0, 0)}), (std::vector<int>{write + 1, 1}));
 
   // A distance measurement reads the slot the pipeline would fill next: the ring stays still.
   s->bDistMeasActive = true;
   Feed(*s, r);
   EXPECT_EQ(s->ProcessedWriteIndex, write + 1);
   const Published p{Slot(*s, write + 1)};
-  EXPECT_EQ(p.Status(), kPeaksOk);
-  EXPECT_EQ(p.Kept(0), 1);
+  EXPECT_EQ((std::vector<int>{p.Status(), p.Kept(0)}), (std::vector<int>{kPeaksOk, 1}));
   ExpectFm(p.Value(0u), Nm(ToothThz(30)));
 }
 
@@ -270,13 +267,11 @@ TEST(PeakPipeline, RingWrapsAfterItsLastSlotAndAnnouncesEachRecord) {
   Feed(*s, r);
   client.join();
   EXPECT_TRUE(woke);
-  EXPECT_EQ(s->ProcessedWriteIndex, 0);
-  EXPECT_EQ(Published{Slot(*s, kProcessedRingSlots - 1)}.Header().SweepCounter, 29999u);
+  const int64_t wrapped = s->ProcessedWriteIndex;
   r.status.SweepCounter = 30000;
-  Feed(*s, r);
-  EXPECT_EQ(s->ProcessedWriteIndex, 1);
-  EXPECT_EQ(Published{Slot(*s, 0)}.Header().SweepCounter, 30000u);
-  EXPECT_EQ(Published{Slot(*s, 0)}.Kept(0), 1);
+  const Published last{Slot(*s, kProcessedRingSlots - 1)}, first = Feed(*s, r);
+  EXPECT_EQ((std::vector<int64_t>{wrapped, s->ProcessedWriteIndex, last.Header().SweepCounter, first.Header().SweepCounter, first.Kept(0)}),
+            (std::vector<int64_t>{0, 1, 29999, 30000, 1}));
 }
 
 // Guards the analog outputs: mid scale at the reference, one step per unit, clamped ends, no value.

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
+#include <vector>
 
 #include "ProcessingFixture.h"
 #include "server/Globals.h"
@@ -51,14 +52,12 @@ struct LearnedServer {
 TEST(SensorBinning, LearningTakesOnePublishedSweepPerLayer) {
   LearnedServer l;
   CVr480Server& s = *l.S;
-  EXPECT_FALSE(s.bSensorBinLearning);
-  EXPECT_TRUE(s.bEnableSensorBins);
+  EXPECT_TRUE(!s.bSensorBinLearning && s.bEnableSensorBins);
   EXPECT_EQ((std::array<int, 3>{s.SensorBinCount[0], s.SensorBinCount[1], s.SensorBinCount[2]}), (std::array<int, 3>{3, 1, 0}));
   EXPECT_EQ((std::array<uint32_t, 3>{s.SensorBinPositions[0][0], s.SensorBinPositions[0][2], s.SensorBinPositions[1][0]}),
             (std::array<uint32_t, 3>{kA, kC, kD}));
   EXPECT_EQ(s.StartSensorTracking(true), 0);  // while binning is in force: nothing changes
-  EXPECT_TRUE(s.bEnableSensorBins);
-  EXPECT_EQ(s.SensorBinCount[0], 3);
+  EXPECT_TRUE(s.bEnableSensorBins && s.SensorBinCount[0] == 3);
 
   // Two multiplexer layers: each layer's sweep teaches its own bins.
   auto s2 = MakeServer();
@@ -92,9 +91,8 @@ TEST(SensorBinning, MissingAndExtraPeaksKeepTheNumbering) {
   AddSensor(raw, 1, kD);
   s.pRawPeaks = &raw;
   ProcessingAccess::BinCurrentRecord(s);
-  EXPECT_EQ(s.BinnedPeaks.status.NumPeaks[2], 3);
-  EXPECT_EQ(s.BinnedPeaks.status.BinningMarks, kFault0);
-  EXPECT_EQ(s.LastBinFaultCnt[0], 2);
+  EXPECT_EQ((std::vector<int>{s.BinnedPeaks.status.NumPeaks[2], s.BinnedPeaks.status.BinningMarks, s.LastBinFaultCnt[0]}),
+            (std::vector<int>{3, kFault0, 2}));
   Published p = Feed(s, s.BinnedPeaks);
   EXPECT_EQ((std::array<int32_t, 3>{p.Value(0, 0), p.Value(0, 1), p.Value(0, 2)}), (std::array<int32_t, 3>{l.ValA, 0, l.ValC}));
   EXPECT_EQ(p.Kept(1), 1);
@@ -114,9 +112,7 @@ TEST(SensorBinning, MissingAndExtraPeaksKeepTheNumbering) {
   AddSensor(raw, 1, kD);
   AddSensor(raw, 3, ToothCount(60));
   s.BinAcquiredData(raw, out);
-  EXPECT_EQ(out.status.NumPeaks[5], 0);
-  EXPECT_EQ(out.status.BinningMarks, 0x0800);
-  EXPECT_EQ(s.LastBinFaultCnt[3], 1);
+  EXPECT_EQ((std::vector<int>{out.status.NumPeaks[5], out.status.BinningMarks, s.LastBinFaultCnt[3]}), (std::vector<int>{0, 0x0800, 1}));
   p = Feed(s, out);
   EXPECT_EQ(p.Kept(3), 0);
   EXPECT_EQ(p.Sensors(), 4u);
@@ -201,9 +197,7 @@ TEST(SensorCommands, RangesOfAveragesGainOffsetsDbTableAndReferences) {
   // Clearing a channel's references clears every sensor's, the first included.
   cmd("#SET_REFERENCE 1 1 1550");
   cmd("#SET_REFERENCE 1 2 1551");
-  ASSERT_NE(s->SensorReferences[0][0], 0);
-  ASSERT_NE(s->SensorReferences[0][1], 0);
+  ASSERT_TRUE(s->SensorReferences[0][0] != 0 && s->SensorReferences[0][1] != 0);
   EXPECT_EQ(cmd("#CLEAR_REFERENCE 1"), "Zeroing channel 1 references.\n");
-  EXPECT_EQ(s->SensorReferences[0][0], 0);
-  EXPECT_EQ(s->SensorReferences[0][1], 0);
+  EXPECT_EQ((std::vector<int32_t>{s->SensorReferences[0][0], s->SensorReferences[0][1]}), (std::vector<int32_t>{0, 0}));
 }

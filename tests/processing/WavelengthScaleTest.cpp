@@ -2,6 +2,7 @@
 // and counts to wavelength and back.
 #include <cmath>
 #include <tuple>
+#include <vector>
 
 #include "processing/WavelengthScale.h"
 #include "ProcessingFixture.h"
@@ -18,9 +19,7 @@ TEST(WavelengthScale, CombIsPlacedAgainstTheGrating) {
   auto s = MakeServer();
   auto r = MakeSweep();
   Feed(*s, r);
-  EXPECT_TRUE(s->bScaleValid);
-  EXPECT_EQ(s->FfpiRefPeakIndex, kRefTooth);
-  EXPECT_EQ(s->ScaleRefPeakIndex, static_cast<uint32_t>(kRefTooth));
+  EXPECT_EQ((std::vector<int64_t>{s->bScaleValid, s->FfpiRefPeakIndex, s->ScaleRefPeakIndex}), (std::vector<int64_t>{true, kRefTooth, kRefTooth}));
   EXPECT_NEAR(s->WvlCorrCoef, -10.0, 1e-9);  // tooth 60 lies ten teeth below the reference
   EXPECT_NEAR(s->FbgThz, 192.95, 1e-9);
   EXPECT_NEAR(s->CalculatedFbg, NmBetween(kGratingTooth, 0.5), 1e-9);

@@ -1,6 +1,5 @@
-// A save killed at any moment (a child saving two alternating versions of everything in a loop,
-// killed with SIGKILL at random moments) leaves each settings file one of the two complete
-// versions, never a mixture or a truncated file.
+// A save killed at any moment (a child saving two versions in turn, SIGKILLed at random moments)
+// leaves each settings file one of the two complete versions, never a mixture or a truncated file.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>

@@ -1,6 +1,5 @@
-// The settings commands against the real server on the simulated card: the tag file it
-// replays at start-up, the tag list commands, what #SAVE_SETTINGS and #SAVE_WVL_OFFSETS write
-// (inside the remount bracket), and the data files it names when they are missing.
+// The settings commands against the real server on the simulated card: the tag file replayed at
+// start-up, the tag list commands, the two saves inside the remount bracket, missing data files.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -46,9 +45,8 @@ void ExpectBracketAfter(const CTempDir& root, size_t* from) {
 
 }  // namespace
 
-// Tag file replay, the tag commands' replies and console lines (counts, dump indexes), a tag
-// list of exactly the reply limit sent whole and refused once longer, the missing data files
-// named at start-up, and what the two saves write inside the remount bracket or fail to write.
+// Guards the tag commands' replies and console lines (counts, dump indexes), a tag list of exactly
+// the reply limit sent whole and refused once longer, and what the saves write or fail to write.
 TEST(SettingsFilesServer, TagCommandsReplyLimitAndSaves) {
   CTempDir root;
   WriteFile(root / "cfc_build.dat", "12\nignored\n");

@@ -83,6 +83,13 @@ class SettingsFilesTest : public testing::Test {
     return GetCapturedStdout();
   }
   std::string Load() { return Load(*Server); }
+  // What a call returned, then what it printed: "0 text".
+  template <class F>
+  static std::string Printed(F&& f) {
+    CaptureStdout();
+    const int r = f();
+    return std::to_string(r) + " " + GetCapturedStdout();
+  }
 
   void Fill(CVr480Server& s) {
     for (int ch = 0; ch < kLogicalChannels; ++ch)
@@ -108,20 +115,13 @@ class SettingsFilesTest : public testing::Test {
 // around each save, and a load that restores every table.
 TEST_F(SettingsFilesTest, SaveWritesEveryFileInsideTheBracketAndLoadRestoresTheTables) {
   Fill(*Server);
-  CaptureStdout();
-  Server->TagManager.ReplaceTag("#SET_DHCP 1");
-  Server->TagManager.ReplaceTag("#SET_IDN_TXT = \"  Lab 7 \"");
-  GetCapturedStdout();
-
-  CaptureStdout();
-  EXPECT_EQ(Server->SaveSettings(), 0);
-  EXPECT_EQ(GetCapturedStdout(), "Setting saved.\n");
+  Printed([&] { return Server->TagManager.ReplaceTag("#SET_DHCP 1") + Server->TagManager.ReplaceTag("#SET_IDN_TXT = \"  Lab 7 \""); });
+  EXPECT_EQ(Printed([&] { return Server->SaveSettings(); }), "0 Setting saved.\n");
   EXPECT_EQ(CommandLog(), kBracket);
   EXPECT_EQ(ReadFile(Dat("vr480.tag")), "#SET_DHCP = \"1\"\n#SET_IDN_TXT = \"  Lab 7 \"\n");
   EXPECT_EQ(ReadFile(Dat("references.dat")), Lines(4000, [](int i) {
               return std::to_string(static_cast<uint32_t>(RefValue(i / 250, i % 250)));
             }));
-  EXPECT_NE(ReadFile(Dat("references.dat")).find("\n4294967291\n"), std::string::npos);
   EXPECT_EQ(ReadFile(Dat("locations.dat")), Lines(4000, [](int i) {
               char buf[40];
               std::snprintf(buf, sizeof buf, "%.9g", DistValue(i / 250, i % 250));
@@ -134,9 +134,7 @@ TEST_F(SettingsFilesTest, SaveWritesEveryFileInsideTheBracketAndLoadRestoresTheT
   for (const char* name : {"vr480.tag", "references.dat", "locations.dat", "averages.dat", "db2counts.dat"})
     EXPECT_FALSE(std::filesystem::exists(Dat(std::string(name) + ".tmp"))) << name;
 
-  CaptureStdout();
-  EXPECT_EQ(Server->SaveWvlGains(), 0);
-  EXPECT_EQ(GetCapturedStdout(), "");
+  EXPECT_EQ(Printed([&] { return Server->SaveWvlGains(); }), "0 ");
   const std::string gains = ReadFile(Dat("gain_wvl_offsets.dat"));
   ASSERT_EQ(gains.size(), 1048560u);
   // Little-endian, table after table, 65535 entries each: the last code is not stored.
@@ -144,10 +142,8 @@ TEST_F(SettingsFilesTest, SaveWritesEveryFileInsideTheBracketAndLoadRestoresTheT
     const auto* p = reinterpret_cast<const unsigned char*>(gains.data()) + 4 * index;
     return uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24;
   };
-  EXPECT_EQ(entry(0), GainValue(0, 0));
-  EXPECT_EQ(entry(65534), GainValue(0, 65534));
-  EXPECT_EQ(entry(65535), GainValue(1, 0));
-  EXPECT_EQ(entry(4 * 65535 - 1), GainValue(3, 65534));
+  EXPECT_EQ((std::vector<uint32_t>{entry(0), entry(65534), entry(65535), entry(4 * 65535 - 1)}),
+            (std::vector<uint32_t>{GainValue(0, 0), GainValue(0, 65534), GainValue(1, 0), GainValue(3, 65534)}));
   EXPECT_EQ(CommandLog().size(), 6u);
 
   // A fresh server loads exactly what was saved.
@@ -155,11 +151,9 @@ TEST_F(SettingsFilesTest, SaveWritesEveryFileInsideTheBracketAndLoadRestoresTheT
   loaded->GainWvlOffset[2][65535] = 99;  // never stored, so never touched
   EXPECT_EQ(Load(*loaded), kAllLoaded);
   for (int ch = 0; ch < kLogicalChannels; ++ch)
-    for (int s = 0; s < kSensorsPerChannel; ++s) {
-      ASSERT_EQ(loaded->SensorReferences[ch][s], RefValue(ch, s)) << ch << " " << s;
-      ASSERT_EQ(loaded->SensorDistances[ch][s], DistValue(ch, s)) << ch << " " << s;
-      ASSERT_EQ(loaded->SensorAverages[ch][s], AvgValue(ch, s)) << ch << " " << s;
-    }
+    for (int s = 0; s < kSensorsPerChannel; ++s)
+      ASSERT_TRUE(loaded->SensorReferences[ch][s] == RefValue(ch, s) && loaded->SensorDistances[ch][s] == DistValue(ch, s) &&
+                  loaded->SensorAverages[ch][s] == AvgValue(ch, s)) << ch << " " << s;
   // Averages of the layer in use also size the running averages, with the next record.
   loaded->ApplyAveragingDepths();
   EXPECT_EQ(loaded->WvlAvg.GetTargetNumAvg(2, 9), AvgValue(2, 9));
@@ -170,21 +164,8 @@ TEST_F(SettingsFilesTest, SaveWritesEveryFileInsideTheBracketAndLoadRestoresTheT
   EXPECT_EQ(loaded->GainWvlOffset[2][65535], 99u);
 }
 
-// Missing files (or a directory in a file's place) keep the defaults, but the dB table is cleared.
-TEST_F(SettingsFilesTest, MissingFilesKeepTheDefaultsButTheDbTableIsCleared) {
-  Server->SensorDistances[1][2] = 7.5;
-  Server->GainWvlOffset[1][2] = 1234;
-  Server->Db2Counts[1][2] = 77;
-  std::filesystem::create_directories(Dat("locations.dat"));
-  EXPECT_EQ(Load(), kAllMissing);
-  EXPECT_EQ(Server->SensorDistances[1][2], 7.5);
-  EXPECT_EQ(Server->GainWvlOffset[1][2], 1234u);
-  EXPECT_EQ(Server->Db2Counts[1][2], 0);
-  EXPECT_TRUE(CommandLog().empty());  // loading needs no remount
-}
-
-// Each row: one file's content, the console line naming its bad lines ("" when none), and
-// entries of its table with what they read. Line i gives entry i, read as strtoul/strtod read
+// Missing files keep the defaults but clear the dB table. Each row: one file's content, the
+// console line naming its bad lines ("" when none), and entries of its table with what they read. Line i gives entry i, read as strtoul/strtod read
 // the start of the line; the rest of the table takes the defaults.
 TEST_F(SettingsFilesTest, DataFilesLoadLineByLineAsTheCLibraryReadsThem) {
   enum ETable { kRef, kDist, kAvg, kDb };
@@ -228,6 +209,17 @@ TEST_F(SettingsFilesTest, DataFilesLoadLineByLineAsTheCLibraryReadsThem) {
        "reads them.\n",
        {{401, 0}, {1607, 0}}},
   };
+  // Missing files (or a directory in a file's place) keep the defaults, but the dB table is cleared.
+  Server->SensorDistances[1][2] = 7.5;
+  Server->GainWvlOffset[1][2] = 1234;
+  Server->Db2Counts[1][2] = 77;
+  std::filesystem::create_directories(Dat("locations.dat"));
+  EXPECT_EQ(Load(), kAllMissing);
+  EXPECT_EQ((std::vector<double>{Server->SensorDistances[1][2], double(Server->GainWvlOffset[1][2]), double(Server->Db2Counts[1][2])}),
+            (std::vector<double>{7.5, 1234, 0}));
+  EXPECT_TRUE(CommandLog().empty());  // loading needs no remount
+  std::filesystem::remove(Dat("locations.dat"));
+
   const char* kFiles[] = {"references.dat", "locations.dat", "averages.dat", "db2counts.dat"};
   Server->MinNumAverages = 2;
   for (const SRow& row : kRows) {
@@ -284,10 +276,8 @@ TEST_F(SettingsFilesTest, FileFailuresAreReportedAndTheOtherFilesStillWritten) {
   host.Script("/bin/sync", 1);
   host.Script("/bin/mount -o,remount,ro /vr480", 2);
   std::string unwritten;
-  CaptureStdout();
-  EXPECT_EQ(Server->SaveSettings(&unwritten), -1);
-  EXPECT_EQ(GetCapturedStdout(),
-            "/bin/mount returned 32.\n"
+  EXPECT_EQ(Printed([&] { return Server->SaveSettings(&unwritten); }),
+            "-1 /bin/mount returned 32.\n"
             "Setting saved.\n"
             "Error opening references File.\n"
             "WARNING: /bin/sync returned 1.\n"
@@ -300,32 +290,26 @@ TEST_F(SettingsFilesTest, FileFailuresAreReportedAndTheOtherFilesStillWritten) {
   // The tag file's name taken by a directory: the rename over it fails, the directory stays.
   std::filesystem::remove(Dat("vr480.tag"));
   std::filesystem::create_directories(Dat("vr480.tag"));
-  CaptureStdout();
-  EXPECT_EQ(Server->SaveSettings(&unwritten), -1);
-  EXPECT_NE(GetCapturedStdout().find("Error writing output Tag File " + Dat("vr480.tag") + "\n"), std::string::npos);
+  const std::string out = Printed([&] { return Server->SaveSettings(&unwritten); });
+  EXPECT_TRUE(out.rfind("-1 ", 0) == 0 && out.find("Error writing output Tag File " + Dat("vr480.tag") + "\n") != std::string::npos) << out;
   EXPECT_EQ(unwritten, "vr480.tag, references.dat");
   EXPECT_TRUE(std::filesystem::is_directory(Dat("vr480.tag")));
 
   std::filesystem::create_directories(Dat("gain_wvl_offsets.dat.tmp"));
-  CaptureStdout();
-  EXPECT_EQ(Server->SaveWvlGains(&unwritten), -1);
-  EXPECT_EQ(GetCapturedStdout(),
-            "/bin/mount returned 32.\n"
+  EXPECT_EQ(Printed([&] { return Server->SaveWvlGains(&unwritten); }),
+            "-1 /bin/mount returned 32.\n"
             "Error opening gain wvl offsets File.\n"
             "WARNING: /bin/sync returned 1.\n"
             "WARNING: /bin/mount -o,remout,ro returned 2.\n");
   EXPECT_EQ(unwritten, "gain_wvl_offsets.dat");
   host.ClearScripts();
 
-  // Start-up: a tag file that is there but cannot be read (a directory, then a FIFO that would
-  // block a reader) is named, and the baseline tags of a new instrument are used; a missing
-  // one leaves the list empty.
+  // Start-up: an unreadable tag file (a directory, a FIFO that would block) is named and the baseline
+  // tags of a new instrument are used; a missing one leaves the list empty.
   for (const std::string why : {"it is a directory", "it is not a regular file"}) {
     CTagManager tags;
-    CaptureStdout();
-    LoadTagFile(tags);
-    EXPECT_EQ(GetCapturedStdout(),
-              "Cannot read settings file " + Dat("vr480.tag") + ": " + why + ". Using the baseline settings.\n");
+    EXPECT_EQ(Printed([&] { LoadTagFile(tags); return 0; }),
+              "0 Cannot read settings file " + Dat("vr480.tag") + ": " + why + ". Using the baseline settings.\n");
     EXPECT_EQ(tags.GetTagsText().rfind("#SET_SOA_DRIVE = \"30000\"\n#SET_SCAN_AMP = \"40000\"\n", 0), 0u);
     std::filesystem::remove(Dat("vr480.tag"));
     if (why == "it is a directory") {
@@ -333,9 +317,7 @@ TEST_F(SettingsFilesTest, FileFailuresAreReportedAndTheOtherFilesStillWritten) {
     }
   }
   CTagManager tags;
-  CaptureStdout();
-  LoadTagFile(tags);
-  EXPECT_EQ(GetCapturedStdout(), "Error opening input Tag File " + Dat("vr480.tag") + "\n");
+  EXPECT_EQ(Printed([&] { LoadTagFile(tags); return 0; }), "0 Error opening input Tag File " + Dat("vr480.tag") + "\n");
   EXPECT_EQ(tags.GetNumTags(), 0);
 }
 
@@ -346,10 +328,7 @@ TEST_F(SettingsFilesTest, ConcurrentSavesNeverInterleaveTheirBrackets) {
   std::vector<std::thread> savers;
   for (int t = 0; t < 3; ++t)
     savers.emplace_back([&, t] {
-      for (int i = 0; i < 8; ++i) {
-        if (t == 2) Server->SaveWvlGains();
-        else Server->SaveSettings();
-      }
+      for (int i = 0; i < 8; ++i) t == 2 ? Server->SaveWvlGains() : Server->SaveSettings();
     });
   for (auto& t : savers) t.join();
   GetCapturedStdout();
@@ -361,32 +340,24 @@ TEST_F(SettingsFilesTest, ConcurrentSavesNeverInterleaveTheirBrackets) {
   EXPECT_EQ(loaded->SensorDistances[15][249], DistValue(15, 249));
 }
 
-// The identification file is written like an unquoted echo (shell characters kept as text, the
-// line cut to 99 characters) inside the bracket; a failed remount gives up, and the lock is
-// free again after either way out.
+// The identification file is written like an unquoted echo (shell characters kept as text, cut to
+// 99 characters) inside the bracket; a failed remount gives up; the lock is free after either.
 TEST_F(SettingsFilesTest, IdentificationFileIsWrittenLikeAnUnquotedEcho) {
-  CaptureStdout();
-  EXPECT_EQ(WriteInstID("  Lab   unit\t7 "), 0);
-  EXPECT_EQ(GetCapturedStdout(), "Executing command >>echo   Lab   unit\t7  > /vr480/instid<<.\n");
+  auto write = [](const std::string& id) { return Printed([&] { return WriteInstID(id); }); };
+  EXPECT_EQ(write("  Lab   unit\t7 "), "0 Executing command >>echo   Lab   unit\t7  > /vr480/instid<<.\n");
   EXPECT_EQ(ReadFile(Dat("instid")), "Lab unit 7\n");
   EXPECT_EQ(CommandLog(), kBracket);
-  CaptureStdout();
-  EXPECT_EQ(WriteInstID("$(reboot); `halt` | x > y"), 0);
-  EXPECT_EQ(WriteInstID(std::string(120, 'a')), 0);
-  EXPECT_NE(GetCapturedStdout().find(">>echo " + std::string(78, 'a') + " > /vr480/instid<<.\n"), std::string::npos);
+  EXPECT_EQ(write("$(reboot); `halt` | x > y").substr(0, 2), "0 ");
+  EXPECT_EQ(write(std::string(120, 'a')), "0 Executing command >>echo " + std::string(78, 'a') + " > /vr480/instid<<.\n");
   EXPECT_EQ(ReadFile(Dat("instid")), std::string(78, 'a') + "\n");
   EXPECT_EQ(CommandLog().size(), 9u);  // nothing but the brackets reaches the host
 
   Host().Script("/bin/mount -o,remount /vr480", 5);
-  CaptureStdout();
-  EXPECT_EQ(WriteInstID("new"), -1);
-  EXPECT_EQ(GetCapturedStdout(), "/bin/mount returned 5.\n");
+  EXPECT_EQ(write("new"), "-1 /bin/mount returned 5.\n");
   EXPECT_EQ(ReadFile(Dat("instid")), std::string(78, 'a') + "\n");
   Host().ClearScripts();
   Host().Script("/bin/mount -o,remount,ro /vr480", 3);
-  CaptureStdout();
-  EXPECT_EQ(WriteInstID("new"), -1);
-  EXPECT_EQ(GetCapturedStdout(), "Executing command >>echo new > /vr480/instid<<.\nWARNING: /bin/mount -o,remout,ro returned 3.\n");
+  EXPECT_EQ(write("new"), "-1 Executing command >>echo new > /vr480/instid<<.\nWARNING: /bin/mount -o,remout,ro returned 3.\n");
   EXPECT_EQ(ReadFile(Dat("instid")), "new\n");
   Host().ClearScripts();
   EXPECT_TRUE(SettingsFileLock().try_lock());

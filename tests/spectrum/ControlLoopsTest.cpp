@@ -1,6 +1,5 @@
-// The two control loops seen from the card: the bias and scan-amplitude words it received, where
-// its grating went, the ready LED; then the loops on a running instrument. The quiet scene has
-// noiseless peaks, so a target can be placed exactly a chosen number of counts away.
+// The two control loops seen from the card (bias and scan words, grating, ready LED), then on a running
+// instrument. Noiseless peaks let a target be placed exactly a chosen number of counts away.
 #include <algorithm>
 #include <cmath>
 
@@ -175,10 +174,7 @@ TEST_F(ControlLoops, UnmeasurableCombWidensTheSweepBy100) {
 
 // Guards the escape after 199 failed calls (bias shifted, wrapping at 16 bits) and its count reset.
 TEST_F(ControlLoops, After199FailedCallsThe200thShiftsTheBias) {
-  auto stuck = [&] {
-    Bench.Command("#SET_AUTO_SCAN_MAX_STEP 0");
-    Bench.Command("#SET_AUTO_SCAN_SPAN 0.8");
-  };
+  auto stuck = [&] { Bench.Command("#SET_AUTO_SCAN_MAX_STEP 0"); Bench.Command("#SET_AUTO_SCAN_SPAN 0.8"); };
   stuck();
   const uint32_t fallBack = Bench.S().Bias;
   Bench.MarkLog();

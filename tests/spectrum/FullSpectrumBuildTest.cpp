@@ -1,6 +1,5 @@
-// The acquisition thread's share of the full spectrum, on hand-made records: the raw sample
-// history and the peak amplitudes searched in it, 128 sweeps interleaved into one spectrum, and
-// the hand-over of each finished spectrum.
+// The acquisition thread's share of the full spectrum, on hand-made records: sample history, peak
+// amplitudes, 128 sweeps interleaved into one spectrum, and its hand-over.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -64,8 +63,7 @@ TEST(FullSpectrumBuild, HistoryFillsPerLayerAndWrapsAtItsDepth) {
   auto r = MakeRecord(0, 2, 2, 4, 500);
   s->pPeaks = &r;
   FullSpectrumAccess::BuildRawFSBuffer(*s);
-  EXPECT_EQ(s->FsHistoryIndex[2], 1);
-  EXPECT_EQ(s->FsHistoryIndex[0], 0) << "each layer has its own history";
+  EXPECT_EQ((std::vector<int>{s->FsHistoryIndex[2], s->FsHistoryIndex[0]}), (std::vector<int>{1, 0})) << "each layer its own history";
   EXPECT_EQ(s->FS_RawHistoryBuffer[2][0][7], 507) << "the low 16 bits of each word";
   for (int i = 0; i < 3; ++i) FullSpectrumAccess::BuildRawFSBuffer(*s);
   EXPECT_EQ(s->FsHistoryIndex[2], 0) << "wrapped at the depth";
@@ -159,9 +157,8 @@ TEST(FullSpectrumBuild, SpectrumIsHandedOverWhenThePhaseReturnsToTheCycleStart) 
   for (int j = 0; j < 6; ++j) r.FfpiPeaks[j] = 10000 + 1001 * j;
   r.status.Vth = 1234;
   Build(*s, r);
-  EXPECT_EQ(s->FsPhaseStart, 40) << "a restart begins the cycle at the current phase";
-  EXPECT_FALSE(s->bFsRestart);
-  EXPECT_EQ(s->FsCalGeneration, 0u);
+  EXPECT_EQ((std::vector<int64_t>{s->FsPhaseStart, s->bFsRestart, s->FsCalGeneration}), (std::vector<int64_t>{40, false, 0}))
+      << "a restart begins the cycle at the current phase";
 
   // Phases 41 ... 127, 0 ... 40: the spectrum is handed over on the last one only.
   auto cycle = [&](unsigned generation) {

@@ -1,6 +1,5 @@
-// A server object over its own simulated card, prepared as start-up prepares it, with the laser
-// of a working instrument. In Step mode nothing runs between records, so what the card received
-// follows from the test alone; free-running, the calibration thread can run beside the loop.
+// A server object over its own simulated card, prepared as start-up does, laser at its ready point.
+// In Step mode nothing runs between records; free-running, the calibration thread can run beside.
 #pragma once
 
 #include <gtest/gtest.h>
