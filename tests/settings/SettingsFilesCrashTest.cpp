@@ -83,8 +83,9 @@ TEST(SettingsFilesCrash, AKilledSaveLeavesEveryFileOldOrNewAndComplete) {
   std::map<std::string, std::string> last;
   for (const char* f : kFiles) last[f] = known[1][f];
   int kills = 0, changes = 0;
+  // At least ten kills however slow the machine forks (a sanitizer's process forks slowly).
   const auto deadline = Clock::now() + std::chrono::seconds(10);
-  while (kills < 100 && Clock::now() < deadline) {
+  while (kills < 100 && (kills < 10 || Clock::now() < deadline)) {
     std::fflush(stdout);
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
@@ -111,7 +112,6 @@ TEST(SettingsFilesCrash, AKilledSaveLeavesEveryFileOldOrNewAndComplete) {
       last[f] = content;
     }
   }
-  EXPECT_GE(kills, 10);
   EXPECT_GT(changes, 0) << "no kill came late enough to let a save finish";
 
   // Whatever mixture of versions the kills left, start-up loads every file.
