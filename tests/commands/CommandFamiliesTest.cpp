@@ -349,6 +349,7 @@ TEST_F(CommandFamilies, GainsInCountsAndDecibels) {
   // Gain tables of DUT channels 1 and 2: 100 counts at 0 dB, 150 more per 0.1 dB.
   for (int ch = 0; ch < 2; ++ch)
     for (int k = 0; k < kDbTableEntries; ++k) S().Db2Counts[ch][k] = static_cast<uint16_t>(100 + 150 * k);
+  S().Db2Counts[1][6] = S().Db2Counts[1][7] = S().Db2Counts[1][5];  // channel 2 flat from 0.5 to 0.7 dB
   Run({
       {"#SET_ZOR_CH_GAIN 2 70000", "Channel 2 gain set to 4464.\n", kGainCode, {ChWord(2, 4464)}},
       {"#SET_ZOR_CH_GAIN -1 5", kRange04, kGainCode, {}},
@@ -380,6 +381,8 @@ TEST_F(CommandFamilies, GainsInCountsAndDecibels) {
       {"#SET_ZOR_MAX_GAIN_DB 40.1", "Max dB gain set to 40.100000.\n"},
       {"#SET_MIN_CH_PWR_LEVEL 3 222", "Min Ch 3 Pwr Level set to 222.\n"},
       {"#SET_MAX_CH_PWR_LEVEL 0 1", kRange14},
+      {"#SET_CH_GAIN 2 850", "Setting DUT channel 2 gain to 850.\n", kGainCode, {ChWord(3, 850)}},
+      {"#GET_CH_GAIN_DB 2", "0.500000"},  // a flat stretch reads as its lowest step
       {"#SET_ZOR_CH_GAIN 2 0", "Channel 2 gain set to 0.\n"},
       {"#SET_ZOR_CH_GAIN 3 0", "Channel 3 gain set to 0.\n"},
   });
