@@ -93,9 +93,7 @@ TEST(ParallelPort, BitWritesWorkOnTheShadowAndAMissingDeviceIsExplained) {
   sim::CSimCardProvider card;
   ASSERT_EQ(init_pp_driver(&card), 0);
   pp_write(4);
-  pp_write_bit(3, 1);  // client LED on
-  pp_write_bit(4, 3);  // ready LED on (bit 0 of 3 is set)
-  pp_write_bit(3, 2);  // bit 0 of 2 is clear: client LED off
+  pp_write_bit(3, 1), pp_write_bit(4, 3), pp_write_bit(3, 2);  // client LED on, ready on (3 & 1), client off (2 & 1)
   EXPECT_EQ(card.PpPort().Written(), (std::vector<uint8_t>{0x04, 0x0C, 0x1C, 0x14}));
   EXPECT_TRUE(card.PpPort().ReadyLed() && !card.PpPort().ClientLed());
   EXPECT_EQ(pp_read_status(), card.PpPort().Status());

@@ -24,59 +24,44 @@ using testing::internal::GetCapturedStdout;
 
 namespace {
 
-// A recording stand-in for "/dev/vr480" and "/dev/pp_driver" for the driver interface's unit
-// tests: bridge registers, the mailbox busy bits, the nvRAM state machine, ring addresses,
-// client count and the 512 record buffers, with switches for the faults the driver must
-// survive. Everything it received is kept for the test to read back.
+// A recording stand-in for "/dev/vr480" and "/dev/pp_driver": bridge registers, mailbox busy
+// bits, the nvRAM state machine, ring addresses, client count and the 512 record buffers, with
+// switches for the faults the driver must survive, and everything it received.
 struct FakeCardState {
   std::mutex Lock;
-  // Configuration.
-  bool Absent = false;            // opening "/dev/vr480" fails
-  uint16_t DeviceId = 0x8882;
-  uint16_t DriverRelease = 52;
+  bool Absent = false, NvRamStuckBusy = false;  // opening "/dev/vr480" fails; nvRAM busy forever
+  uint16_t DeviceId = 0x8882, DriverRelease = 52;
   std::deque<uint16_t> ClientCounts;  // successive client-count answers; the last one repeats
   int MailboxBusyReads = 1;       // reads of 0x34 that show the mailbox full after a command
   std::atomic<int> MailboxReadPauseUs{0};  // pause after every mailbox status read
-  bool NvRamStuckBusy = false;    // the nvRAM busy bit never clears
   int FailMapAt = -1;             // this mapping fails
   std::deque<int> WaitIndices;    // answers of the wait-for-data request
-  // What the card received.
   std::vector<unsigned long> Requests;  // every ioctl request, in order
   std::vector<uint32_t> Commands;       // words written to outgoing mailbox 1
-  int WritesWhileFull = 0;              // mailbox writes the FPGA had not made room for
+  int WritesWhileFull = 0, Unmaps = 0;  // mailbox writes the FPGA had not made room for
   std::vector<size_t> MapLengths;
-  int Unmaps = 0;
-  bool Closed = false;                  // "/dev/vr480" closed
-  bool PpClosed = false;                // "/dev/pp_driver" closed
+  bool Closed = false, PpClosed = false;
   std::vector<uint8_t> PpBytes;         // data bytes written to the parallel port
-  // Card memory.
   std::map<uint32_t, uint32_t> Registers;
   uint8_t NvRam[256];
   std::vector<struct_dma_peaks_data> Buffers = std::vector<struct_dma_peaks_data>(kDmaBuffers);
   static constexpr uint32_t kBusBase = 0x1F000000;  // bus address of buffer 0; 8192 apart
   FakeCardState() { std::memset(NvRam, 0xFF, sizeof NvRam); }
-  // Position of the first occurrence of a request in the log, -1 if never sent.
-  int FirstRequest(unsigned long request) {
+  int FirstRequest(unsigned long request) {  // -1 if never sent
     std::lock_guard<std::mutex> g(Lock);
-    for (size_t i = 0; i < Requests.size(); ++i)
-      if (Requests[i] == request) return static_cast<int>(i);
-    return -1;
+    const auto at = std::find(Requests.begin(), Requests.end(), request);
+    return at == Requests.end() ? -1 : static_cast<int>(at - Requests.begin());
   }
-  // Device side (called by the fake device files).
   int Ioctl(unsigned long request, uintptr_t arg) {
     std::lock_guard<std::mutex> g(Lock);
     Requests.push_back(request);
     auto* access = reinterpret_cast<VrRegisterAccess*>(arg);
     auto* u16 = reinterpret_cast<uint16_t*>(arg);
+    const uint32_t mask = request == kVrReadReg8 || request == kVrWriteReg8     ? 0xFF
+                          : request == kVrReadReg16 || request == kVrWriteReg16 ? 0xFFFF : 0xFFFFFFFF;
     switch (request) {
-      case kVrReadReg8: case kVrReadReg16: case kVrReadReg32:
-        access->value = ReadRegister(access->reg) &
-                        (request == kVrReadReg8 ? 0xFF : request == kVrReadReg16 ? 0xFFFF : 0xFFFFFFFF);
-        return 0;
-      case kVrWriteReg8: case kVrWriteReg16: case kVrWriteReg32:
-        WriteRegister(access->reg, access->value &
-                                       (request == kVrWriteReg8 ? 0xFF : request == kVrWriteReg16 ? 0xFFFF : 0xFFFFFFFF));
-        return 0;
+      case kVrReadReg8: case kVrReadReg16: case kVrReadReg32: access->value = ReadRegister(access->reg) & mask; return 0;
+      case kVrWriteReg8: case kVrWriteReg16: case kVrWriteReg32: WriteRegister(access->reg, access->value & mask); return 0;
       case kVrGetDid: *u16 = DeviceId; return 0;
       case kVrGetDriverVersion: *u16 = DriverRelease; return 0;
       case kVrStart: case kVrDebug: return 0;
@@ -128,12 +113,9 @@ struct FakeCardState {
     }
     Registers[reg] = value;
   }
-  int MailboxFullReads = 0;  // remaining reads of 0x34 that show the mailbox full
-  uint8_t NvMode = 0;        // last access code written to 0x3F
+  int MailboxFullReads = 0, NvBusyPolls = 0;  // reads of 0x34 / 0x3F still showing full / busy
+  uint8_t NvMode = 0, NvDataLatch = 0, NvReadData = 0;  // NvMode: last access code written to 0x3F
   uint16_t NvAddr = 0;
-  uint8_t NvDataLatch = 0;
-  uint8_t NvReadData = 0;
-  int NvBusyPolls = 0;
 };
 
 class FakeDeviceFile : public CDeviceFile {
@@ -225,10 +207,9 @@ TEST_F(DriverTest, InitProgramsRingAddressesArmsMapsAndDarkensLeds) {
 TEST_F(DriverTest, InitEdgeCases) {
   Fake().DriverRelease = 49;
   ASSERT_EQ(Driver.init_vr480(), 0);
-  EXPECT_TRUE(Fake().Commands.empty());
+  EXPECT_TRUE(Fake().Commands.empty() && Sleeps.empty());
   EXPECT_EQ(Fake().FirstRequest(kVrClientCount), -1);
   EXPECT_GE(Fake().FirstRequest(kVrStart), 0);
-  EXPECT_TRUE(Sleeps.empty());
   Driver.close_vr480();
   // A fresh card whose client count answers `counts`: the opening's result, output and sleeps.
   struct Opening { FakeCardProvider Card; int Result = 0; size_t Sleeps = 0; std::string Out; };
@@ -256,8 +237,7 @@ TEST_F(DriverTest, InitEdgeCases) {
   EXPECT_EQ(Driver.init_vr480(), -1);
   EXPECT_EQ(GetCapturedStdout(), "Error opening /dev/vr480 [-1]\n");
   EXPECT_EQ(Driver.GetDID(), 0);  // nothing to talk to: readers answer 0
-  Fake().Absent = false;
-  Fake().FailMapAt = 7;
+  Fake().Absent = false, Fake().FailMapAt = 7;
   CaptureStdout();
   EXPECT_EQ(Driver.init_vr480(), -2);
   EXPECT_EQ(GetCapturedStdout(), "Failed to mmap peaks_data[7].\n");
@@ -276,6 +256,7 @@ TEST_F(DriverTest, CommandWordsAndShadows) {
   };
   const Row rows[] = {
       {[&] { return d.SetChGain(2, 0x1234); }, 0x06321234, [&] { return d.GetChGain(2); }, 0x1234},
+      {[&] { return d.SetChGain(5, 77); }, 0x0635004D, [&] { return d.GetChGain(5); }, 77},
       {[&] { return d.SetChThresh(5, 0x0100); }, 0x0D350100, nullptr, 0},
       {[&] { return d.SetChLockoutPeriod(2, 200); }, 0x0E0200C8, nullptr, 0},
       {[&] { return d.SetChNoiseThreshEnabled(1, true); }, 0x0F010001, nullptr, 0},
@@ -305,25 +286,16 @@ TEST_F(DriverTest, CommandWordsAndShadows) {
   }
   EXPECT_TRUE(d.GetChNtvResetOnZc(3));  // the constructor's default
   // SetAnalogVout reaches nothing; channels above five are refused and read 0.
-  d.SetChGain(5, 77);
   const size_t before = CommandCount();
-  EXPECT_EQ(d.SetAnalogVout(1, 1000), 0);
-  EXPECT_EQ(d.GetAnalogVout(1), 0);
+  EXPECT_TRUE(d.SetAnalogVout(1, 1000) == 0 && d.GetAnalogVout(1) == 0);
   for (int r : {d.SetChGain(6, 77), d.SetChThresh(6, 1), d.SetChLockoutPeriod(200, 1), d.SetChNoiseThreshEnabled(6, true),
                 d.SetChNtValidPeriod(6, 1), d.SetChNtvResetOnZc(6, true)})
     EXPECT_EQ(r, -1);
-  EXPECT_EQ(CommandCount(), before);
-  EXPECT_EQ(d.GetChGain(6), 0);
-  EXPECT_EQ(d.GetChGain(5), 77);
+  EXPECT_TRUE(CommandCount() == before && d.GetChGain(6) == 0);
   // Converter words carry the amplitude channel and keep the control write's reference bit;
   // the LEDs go to the FPGA and to the port.
-  d.SetAmpCh(5);
-  d.WriteAd7329ControlRegister(0x810);
-  d.WriteAd7329RangeRegister2(0xAA0);
-  d.SetAmpCh(5);
-  d.SetClientLed(true);
-  d.SetReadyLed(true);
-  d.SetClientLed(false);
+  d.SetAmpCh(5), d.WriteAd7329ControlRegister(0x810), d.WriteAd7329RangeRegister2(0xAA0), d.SetAmpCh(5);
+  d.SetClientLed(true), d.SetReadyLed(true), d.SetClientLed(false);
   EXPECT_EQ(std::vector<uint32_t>(Fake().Commands.begin() + static_cast<long>(before), Fake().Commands.end()),
             (std::vector<uint32_t>{0x12009400, 0x12008810, 0x1200CAA0, 0x12009410, 0x08000001, 0x07000001, 0x08000000}));
   EXPECT_EQ(d.GetAmpCh(), 5);
@@ -350,10 +322,7 @@ TEST_F(DriverTest, MailboxLockSerialisesThreadsAndInstances) {
   };
   CaptureStdout();
   std::vector<std::thread> threads;
-  threads.emplace_back(send, &Driver, 0);
-  threads.emplace_back(send, &Driver, 1);
-  threads.emplace_back(send, &second, 2);
-  threads.emplace_back(send, &second, 3);
+  for (uint8_t ch = 0; ch < 4; ++ch) threads.emplace_back(send, ch < 2 ? &Driver : &second, ch);
   for (auto& t : threads) t.join();
   // A thread descheduled for longer than the 20 ms mailbox wait (a loaded machine) loses its
   // word, as on the card, and says so; every other word arrives, in its thread's order.
@@ -420,18 +389,13 @@ TEST_F(DriverTest, NvRamAccessAndConfigurationImage) {
               "** Warning: No RID was specified.  Assuming a Rev. " + std::to_string(rev) + " ZOR device... **\n");
     EXPECT_EQ(Driver.GetNvRamRev(), rev);
   }
-  EXPECT_EQ(Fake().NvRam[0x45], 0x81);
-  EXPECT_EQ(Fake().NvRam[0x4D], 0xFF);
-}
-
-TEST_F(DriverTest, NvRamBusyForeverReportsMcsrNotReady) {
-  Open();
+  EXPECT_TRUE(Fake().NvRam[0x45] == 0x81 && Fake().NvRam[0x4D] == 0xFF);
+  // An nvRAM whose busy bit never clears is given up on, and said so.
   Fake().NvRamStuckBusy = true;
   CaptureStdout();
   Driver.nvRAM_read(0x48);
   EXPECT_EQ(Driver.wait_for_mcsr_ready(), -1);
-  EXPECT_EQ(GetCapturedStdout(), "MCSR not ready\nMCSR not ready\nMCSR not ready\nMCSR not ready\n"
-                                 "MCSR not ready\n");
+  EXPECT_EQ(GetCapturedStdout(), "MCSR not ready\nMCSR not ready\nMCSR not ready\nMCSR not ready\nMCSR not ready\n");
 }
 
 }  // namespace

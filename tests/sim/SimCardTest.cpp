@@ -1,6 +1,7 @@
 // The simulated card: its device contract as the driver sees it, the instrument behind it and
 // its scene files. (Time of flight shows in the distance results, the sensors' wavelengths in the
 // end-to-end records, the multiplexer layers in the acquisition suite.)
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <array>
@@ -31,10 +32,9 @@ constexpr uint8_t kDma = 0x01, kBias = 0x03, kScanAmp = 0x04, kGain = 0x06, kThr
                   kMaxDutPeaks = 0x2F;
 }
 
-// A minimal driver for the simulated card, written against the device contract only (ioctl
-// requests, register and mailbox protocol, nvRAM access, mapping), so that the card's tests
-// talk to it as the server's driver interface does. Cards are built in Step mode: nothing
-// happens between Step() calls, which makes every record predictable.
+// A minimal driver written against the device contract only (ioctl requests, registers,
+// mailbox, nvRAM, mapping), as the server's driver interface talks to the card. Cards run in
+// Step mode: nothing happens between Step() calls, so every record is predictable.
 class CTestDriver {
  public:
   explicit CTestDriver(const CSimOptions& options = StepOptions())
@@ -44,15 +44,13 @@ class CTestDriver {
   CSimCard& Card() { return Provider->Card(); }
   CDeviceFile& Dev() { return *File; }
   uint32_t Read(int width, uint32_t reg) {
-    CRegisterAccess a{reg, 0};
-    const unsigned long r = width == 1 ? 0x80043500 : width == 2 ? 0x80043501 : 0x80043502;
-    EXPECT_NE(File->Ioctl(r, reinterpret_cast<uintptr_t>(&a)), -1) << "register " << reg;
+    CRegisterAccess a{reg, 0};  // requests 0x80043500-02 read 1, 2 or 4 bytes
+    EXPECT_NE(File->Ioctl(0x80043500ul + width / 2, reinterpret_cast<uintptr_t>(&a)), -1) << "register " << reg;
     return a.Value;
   }
   int Write(int width, uint32_t reg, uint32_t value) {
-    CRegisterAccess a{reg, value};
-    const unsigned long r = width == 1 ? 0x40043503 : width == 2 ? 0x40043504 : 0x40043505;
-    return File->Ioctl(r, reinterpret_cast<uintptr_t>(&a));
+    CRegisterAccess a{reg, value};  // 0x40043503-05 write them
+    return File->Ioctl(0x40043503ul + width / 2, reinterpret_cast<uintptr_t>(&a));
   }
   // As the driver sends an FPGA command: wait up to 20 ms for the mailbox, then write it.
   // Returns -1 when the mailbox stayed full (the command is lost).
@@ -85,29 +83,24 @@ class CTestDriver {
   // Start-up as the driver interface does it: program the buffer addresses (release >= 50),
   // start, map the buffers; then enable DMA.
   void Start(bool programAddresses = true) {
-    if (programAddresses && Get16(0x80043507) >= 50) {
+    if (programAddresses && Get16(0x80043507) >= 50)
       for (uint32_t i = 0; i < kDmaBuffers; ++i) ProgramAddress(i);
-    }
     ASSERT_EQ(File->Ioctl(0x350C, 0), 0);
-    for (int k = 0; k < kDmaBuffers; ++k) {
-      Buffers[k] = static_cast<struct_dma_peaks_data*>(File->Map(kPeaksRecordBytes));
-      ASSERT_NE(Buffers[k], nullptr) << "mapping " << k;
-    }
+    for (int k = 0; k < kDmaBuffers; ++k)
+      ASSERT_NE(Buffers[k] = static_cast<struct_dma_peaks_data*>(File->Map(kPeaksRecordBytes)), nullptr) << "mapping " << k;
     ASSERT_EQ(Command(cmd::kDma, 1), 0);
+  }
+  void Send(std::initializer_list<std::pair<uint8_t, uint32_t>> words) {
+    for (auto [code, arg] : words) Command(code, arg);
   }
   void ProgramAddress(uint32_t index) {
     uint32_t address = index;
     ASSERT_EQ(File->Ioctl(0x40043512, reinterpret_cast<uintptr_t>(&address)), 0);
-    Command(0x38, address & 0xFFFF);
-    Command(0x39, address >> 16);
-    Command(0x3A, index);
+    Send({{0x38, address & 0xFFFF}, {0x39, address >> 16}, {0x3A, index}});
   }
   // Laser on at the sweep the server's loops settle at (the card's factory calibration), SOA on.
-  void LaserOn(uint16_t bias = sim::factory::kBias, uint16_t scanAmp = sim::factory::kScanAmp) {
-    Command(cmd::kSoaDrive, 30000);
-    Command(cmd::kSoaEnable, 1);
-    Command(cmd::kScanAmp, scanAmp);
-    Command(cmd::kBias, bias);
+  void LaserOn() {
+    Send({{cmd::kSoaDrive, 30000}, {cmd::kSoaEnable, 1}, {cmd::kScanAmp, factory::kScanAmp}, {cmd::kBias, factory::kBias}});
   }
   // The next record as the driver's GetData hands it out (the card must have one pending).
   struct_dma_peaks_data& Next() {
@@ -162,8 +155,7 @@ TEST(SimDevice, RequestTable) {
   d.Card().SetClientCount(2, 1);  // another client for the next query
   EXPECT_EQ(std::vector<uint16_t>({d.Get16(0x80043513), d.Get16(0x80043513)}), std::vector<uint16_t>({2, 1}));
   // Start arms the ring; records flow once DMA is on too.
-  d.Start();
-  d.LaserOn();
+  d.Start(), d.LaserOn();
   EXPECT_EQ(d.Card().Step(3), 3);
   EXPECT_EQ(d.Get16(0x8004350E), 1);
 }
@@ -202,8 +194,7 @@ TEST(SimDevice, MailboxHandshakeStallAndRegisters) {
 TEST(SimDevice, CommandLogAndControlWords) {
   CTestDriver d;
   d.Card().Step(7);
-  d.Command(cmd::kScanAmp, 100);
-  d.Command(0x55, 1);  // not in the command table
+  d.Send({{cmd::kScanAmp, 100}, {0x55, 1}});  // 0x55 is not in the command table
   d.Card().Step(1);
   auto log = d.Card().CommandLog();
   ASSERT_EQ(log.size(), 2u);
@@ -241,19 +232,17 @@ TEST(SimDevice, NvramPersistsAndDeviceIdLatchesAtPowerUp) {
 
 TEST(SimRing, LappingKeepsNewestAndSparesTheHeldBuffer) {
   CTestDriver d;
-  d.Start();
-  d.LaserOn();
+  d.Start(), d.LaserOn();
   d.Card().Step(1);
   auto& held = d.Next();
   const int heldIndex = d.LastIndex;
   held.status.Byte49 = 3;  // the server patches the record it holds in place
-  std::vector<uint8_t> snapshot(reinterpret_cast<uint8_t*>(&held),
-                                reinterpret_cast<uint8_t*>(&held) + kPeaksRecordBytes);
+  const struct_dma_peaks_data snapshot = held;
   d.Card().Step(511);  // fills every other buffer: 511 undelivered
   EXPECT_TRUE(d.Card().Overruns() == 0u && d.Card().Ring().Undelivered() == 511u);
   d.Card().Step(1);  // laps
   EXPECT_TRUE(d.Card().Overruns() == 1u && d.Read(4, 0x1C) == 1u) << "incoming mailbox 4: overruns";
-  EXPECT_EQ(std::memcmp(snapshot.data(), &held, kPeaksRecordBytes), 0) << "held buffer untouched";
+  EXPECT_EQ(std::memcmp(&snapshot, &held, kPeaksRecordBytes), 0) << "held buffer untouched";
   // The server resumes at the present: the newest record before the lap, then the new one.
   EXPECT_EQ(d.Next().status.SweepCounter, 511u);
   EXPECT_NE(d.LastIndex, heldIndex);
@@ -262,42 +251,33 @@ TEST(SimRing, LappingKeepsNewestAndSparesTheHeldBuffer) {
 
 TEST(SimRing, Release50FillsOnlyProgrammedBuffers) {
   CTestDriver d;
-  ASSERT_EQ(d.Dev().Ioctl(0x350C, 0), 0);
-  for (int k = 0; k < kDmaBuffers; ++k) d.Buffers[k] = static_cast<struct_dma_peaks_data*>(d.Dev().Map(6176));
+  d.Start(false);
   d.ProgramAddress(3);
   d.ProgramAddress(7);
-  for (auto [code, arg] : {std::pair<uint8_t, uint32_t>{0x38, 0x1234}, {0x39, 1}, {0x3A, 9}, {cmd::kDma, 1}})
-    d.Command(code, arg);  // a wrong address for buffer 9
+  d.Send({{0x38, 0x1234}, {0x39, 1}, {0x3A, 9}});  // a wrong address for buffer 9
   d.LaserOn();
   d.Card().Step(2);
   EXPECT_EQ(d.Card().BufferAddressErrors(), 1u);
   for (int index : {3, 7}) EXPECT_EQ((d.Next(), d.LastIndex), index);
   // Records written in five periods when nothing was programmed: none, but with an older
   // driver that programs nothing every buffer is used.
-  auto records = [](CSimOptions o) {
+  for (int release : {52, 48}) {
+    CSimOptions o = StepOptions();
+    o.DriverRelease = static_cast<uint16_t>(release);
     CTestDriver t(o);
-    t.Start(false);
-    t.LaserOn();
-    return t.Card().Step(5);
-  };
-  EXPECT_EQ(records(StepOptions()), 0);
-  CSimOptions old = StepOptions();
-  old.DriverRelease = 48;
-  EXPECT_EQ(records(old), 5);
+    t.Start(false), t.LaserOn();
+    EXPECT_EQ(t.Card().Step(5), release < 50 ? 5 : 0) << release;
+  }
 }
 
 TEST(SimRing, MappingFaultAndBlockingWait) {
   CTestDriver d;
   d.Card().FailMapping(4);
-  for (int k = 0; k < 8; ++k) {
-    void* p = d.Dev().Map(6176);
-    EXPECT_EQ(p == nullptr, k == 4) << k;
-  }
+  for (int k = 0; k < 8; ++k) EXPECT_EQ(d.Dev().Map(6176) == nullptr, k == 4) << k;
   EXPECT_EQ(d.Dev().Map(6176 * 2), nullptr) << "a mapping is one buffer";
   // Wait for data blocks until a record arrives, and a close ends it.
   CTestDriver w;
-  w.Start();
-  w.LaserOn();
+  w.Start(), w.LaserOn();
   for (bool close : {false, true}) {
     uint16_t index = 0xFFFF;
     int result = 0;
@@ -319,8 +299,7 @@ TEST(SimProducer, DestroyingTheCardStopsPromptly) {
     o.Mode = scale == 1.0 ? EProducerMode::FreeRunning : EProducerMode::RealTime;
     o.TimeScale = scale;
     CTestDriver d(o);
-    d.Start();
-    d.LaserOn();
+    d.Start(), d.LaserOn();
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     d.File.reset();
   }
@@ -372,19 +351,16 @@ TEST(SimInstrument, DetectionRules) {
   CReadyCard d;
   // Strong, weak, and one about 60 counts after the strong one.
   d.Card().SetSensors(0, {CSimSensor{1550.0, 0.0, 9000.0}, CSimSensor{1535.0, 0.0, 2000.0}, CSimSensor{1550.1, 0.0, 9000.0}});
-  d.Command(cmd::kLockout, 2 << 16 | 200);
-  d.Command(cmd::kNoiseThreshEnable, 2 << 16 | 1);
-  d.Command(cmd::kThresh, 0x32 << 16 | static_cast<uint16_t>(3000 * 9.765625 / 2 + 32768));
+  d.Send({{cmd::kLockout, 2 << 16 | 200}, {cmd::kNoiseThreshEnable, 2 << 16 | 1},
+          {cmd::kThresh, 0x32 << 16 | static_cast<uint16_t>(3000 * 9.765625 / 2 + 32768)}});
   auto& r = d.StepNext();
   ASSERT_EQ(r.status.NumPeaks[2], 1) << "weak under threshold, close inside the lockout";
-  d.Command(cmd::kNoiseThreshEnable, 2 << 16 | 0);
-  d.Command(cmd::kLockout, 2 << 16 | 20);
+  d.Send({{cmd::kNoiseThreshEnable, 2 << 16 | 0}, {cmd::kLockout, 2 << 16 | 20}});
   auto& r2 = d.StepNext();
   EXPECT_EQ(r2.status.NumPeaks[2], 3);
   EXPECT_LT(r2.DutPeaks[0][0], r2.DutPeaks[0][1]) << "reported by position";
   EXPECT_LT(r2.DutPeaks[0][1], r2.DutPeaks[0][2]);
-  d.Command(cmd::kGain, (0x32 << 16) | 65535);  // +40 dB lifts the weak one over any threshold
-  d.Command(cmd::kNoiseThreshEnable, 2 << 16 | 1);
+  d.Send({{cmd::kGain, (0x32 << 16) | 65535}, {cmd::kNoiseThreshEnable, 2 << 16 | 1}});  // +40 dB: over any threshold
   EXPECT_EQ(d.StepNext().status.Gain[0], 65535);
   d.Command(cmd::kMaxDutPeaks, 2);
   EXPECT_EQ(d.StepNext().status.NumPeaks[2], 2);
@@ -393,8 +369,7 @@ TEST(SimInstrument, DetectionRules) {
 // A software start opens one window of consecutive sweeps; once done, a start needs a new enable.
 TEST(SimModes, SoftwareTriggerWindows) {
   CReadyCard d;
-  for (auto [code, arg] : {std::pair{cmd::kTrigSource, 0}, {cmd::kTrigStopType, 0}, {cmd::kTrigAcq, 5}, {cmd::kTrigEnable, 1}})
-    d.Command(code, arg);
+  d.Send({{cmd::kTrigSource, 0}, {cmd::kTrigStopType, 0}, {cmd::kTrigAcq, 5}, {cmd::kTrigEnable, 1}});
   d.Advance(3);
   EXPECT_EQ(d.Card().TriggerState(), ETriggerState::Armed);
   auto& armed = d.StepNext();
@@ -445,23 +420,18 @@ TEST(SimScene, ParsesSensorsAndKnobsAndNamesTheBadLine) {
   CSceneParseResult r = ParseScene(text);
   ASSERT_TRUE(r.bOk) << r.Error;
   const CSimScene& s = r.Scene;
-  ASSERT_EQ(s.Sensors[0].size(), 1u);
-  EXPECT_DOUBLE_EQ(s.Sensors[0][0].DistanceM, 12.5);
-  ASSERT_EQ(s.Sensors[1].size(), 1u);
-  EXPECT_DOUBLE_EQ(s.Sensors[1][0].FwhmNm, 0.2);
-  EXPECT_NEAR(s.Sensors[1][0].WavelengthAt(0.5), 1545.25, 1e-9);  // sine modulation
-  ASSERT_EQ(s.Sensors[15].size(), 1u);
-  EXPECT_TRUE(s.Sensors[15][0].PresentAt(1.0));
-  EXPECT_FALSE(s.Sensors[15][0].PresentAt(1.2));
-  ASSERT_EQ(s.Sensors[12].size(), 1u) << "1.4: channel 1 of layer 4";
-  EXPECT_DOUBLE_EQ(s.Sensors[12][0].WavelengthAt(3.0), 1549.9);
+  for (int ch : {0, 1, 12, 15}) ASSERT_EQ(s.Sensors[ch].size(), 1u) << ch;  // 2.1 is logical channel 1, 1.4 is 12
   const auto& e = s.Environment;
-  EXPECT_EQ(std::vector<double>({e.InternalDegC + e.GratingOffsetDegC, s.Optics.ScanGainThzPerLsb,
-                                 s.Optics.CalibrationErrorFsr, static_cast<double>(e.MasterDivider), e.ChannelLengthM[1],
-                                 e.LayerLengthM[3], static_cast<double>(s.Optics.GratingList),
-                                 static_cast<double>(s.Hardware.bAbsent), static_cast<double>(s.Hardware.DeviceIdOverride),
-                                 static_cast<double>(s.Hardware.DriverRelease)}),
-            std::vector<double>({27.5, 3.6e-4, -0.2, 5, 15.5, 100, 3, 1, 0x1234, 49}));
+  const auto& h = s.Hardware;
+  // Distance, width, sine modulation, drop-out window, step; then the settings.
+  EXPECT_THAT((std::vector<double>{s.Sensors[0][0].DistanceM, s.Sensors[1][0].FwhmNm, s.Sensors[1][0].WavelengthAt(0.5),
+                                   1.0 * s.Sensors[15][0].PresentAt(1.0), 1.0 * s.Sensors[15][0].PresentAt(1.2),
+                                   s.Sensors[12][0].WavelengthAt(3.0), e.InternalDegC + e.GratingOffsetDegC,
+                                   s.Optics.ScanGainThzPerLsb, s.Optics.CalibrationErrorFsr, 1.0 * e.MasterDivider,
+                                   e.ChannelLengthM[1], e.LayerLengthM[3], 1.0 * s.Optics.GratingList, 1.0 * h.bAbsent,
+                                   1.0 * h.DeviceIdOverride, 1.0 * h.DriverRelease}),
+              testing::Pointwise(testing::DoubleNear(1e-9), std::vector<double>{12.5, 0.2, 1545.25, 1, 0, 1549.9, 27.5, 3.6e-4,
+                                                                                -0.2, 5, 15.5, 100, 3, 1, 0x1234, 49}));
   // Errors name the line.
   const std::pair<std::string, std::string> cases[] = {
       {"1 1530 0 9000\n17 1530 0 9000\n", "line 2: bad channel '17'"},
