@@ -25,13 +25,10 @@ pid_t SpawnServer(const std::vector<std::string>& args, int* readFd) {
     ::dup2(pipefd[1], STDERR_FILENO);
     ::close(pipefd[0]);
     ::close(pipefd[1]);
-    std::vector<char*> argv;
-    std::string binary = VR480D_BINARY;
-    argv.push_back(binary.data());
-    std::vector<std::string> copy = args;
-    for (auto& a : copy) argv.push_back(a.data());
+    std::vector<char*> argv = {const_cast<char*>(VR480D_BINARY)};
+    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
-    ::execv(binary.c_str(), argv.data());
+    ::execv(VR480D_BINARY, argv.data());
     ::_exit(127);
   }
   ::close(pipefd[1]);
