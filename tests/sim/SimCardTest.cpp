@@ -52,10 +52,11 @@ class CTestDriver {
     CRegisterAccess a{reg, value};  // 0x40043503-05 write them
     return File->Ioctl(0x40043503ul + width / 2, reinterpret_cast<uintptr_t>(&a));
   }
-  // As the driver sends an FPGA command: wait up to 20 ms for the mailbox, then write it.
-  // Returns -1 when the mailbox stayed full (the command is lost).
-  int Command(uint8_t code, uint32_t arg) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
+  // As the driver sends an FPGA command: wait for the mailbox (the driver gives up after 20 ms;
+  // the tests wait longer, since a loaded machine may keep the card's thread away), then write
+  // it. Returns -1 when the mailbox stayed full (the command is lost).
+  int Command(uint8_t code, uint32_t arg, std::chrono::milliseconds patience = std::chrono::seconds(5)) {
+    const auto deadline = std::chrono::steady_clock::now() + patience;
     while (Read(4, 0x34) & 0x0F)
       if (std::chrono::steady_clock::now() > deadline) return -1;
     return Write(4, 0x00, (static_cast<uint32_t>(code) << 24) | (arg & 0xFFFFFF));
@@ -180,7 +181,7 @@ TEST(SimDevice, MailboxHandshakeStallAndRegisters) {
   // A stalled mailbox loses commands.
   d.Write(4, 0x10, 0x02000001);  // test control word: stall the mailbox
   EXPECT_EQ(d.Command(cmd::kBias, 1000), 0) << "the mailbox was empty: written, but stuck";
-  EXPECT_EQ(d.Command(cmd::kBias, 2000), -1) << "the driver times out";
+  EXPECT_EQ(d.Command(cmd::kBias, 2000, std::chrono::milliseconds(20)), -1) << "the driver times out";
   d.Card().Step(5);
   EXPECT_EQ(d.Card().Applied().Bias, 28200) << "the card never applies the stuck word";
   EXPECT_EQ(d.Read(4, 0x18), 1u) << "incoming mailbox 3: lost words";
