@@ -383,7 +383,7 @@ TEST_F(ServerLifecycle, FreshRootStartsOnTheSimulatedCardAndStopsOnSigterm) {
                                      "eth0:\tIP Address: ",
                                      "**FsCountOffset = ",
                                  });
-  EXPECT_EQ(server.Stop(SIGTERM, 15s), 0);
+  EXPECT_EQ(server.Stop(SIGTERM, 40s), 0);  // within the stop's own waits (10 s for clients, 10 s for the panel)
   ExpectInOrder(server.Output(), {
                                      "Canceling the FS calibration thread...done.\n",
                                      "Waiting for client threads to halt...\n",
