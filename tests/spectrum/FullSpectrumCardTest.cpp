@@ -102,6 +102,8 @@ TEST(FullSpectrumCard, OffsetCalibrationPeakLevelsSpectraAndChannelChange) {
   ASSERT_EQ(FullSpectrumAccess::CalibrateFsOffset(s), 0);
   testing::internal::GetCapturedStdout();
   bench.Connect(0);
+  // The faults above can cost the laser its grating: the levels are read on a settled laser.
+  ASSERT_TRUE(bench.Settle());
 
   for (int channel = 2; channel <= 5; ++channel) {
     s.Driver.SetAmpCh(static_cast<uint8_t>(channel));
