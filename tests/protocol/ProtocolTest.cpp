@@ -592,7 +592,7 @@ class CStreamer {
         if (pending.size() - at - 10 < static_cast<size_t>(length)) break;
         if (Frames++ > 0 && length > 96) {  // a record and its token, after the reply that starts the stream
           const uint32_t sweep = SRecord{pending.substr(at + 10, static_cast<size_t>(length) - 8)}.Sweep();
-          if (LastSweep != 0 && sweep != LastSweep + 1 && Gaps.size() < 100) Gaps.emplace_back(LastSweep, sweep);
+          if (LastSweep != 0 && sweep != LastSweep + 1) Gaps.emplace_back(LastSweep, sweep);
           LastSweep = sweep;
         }
       }

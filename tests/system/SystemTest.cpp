@@ -509,7 +509,15 @@ TEST_F(SystemSuite, ShutdownCountdownBlinksFasterTowardsTheEnd) {
   auto ms = [&](size_t a, size_t b) { return std::chrono::duration<double, std::milli>(r[b].When - r[a].When).count(); };
   EXPECT_GE(ms(start, end), 10900.0);
   for (size_t i = start; i < end && ms(start, i) < 900.0; ++i) EXPECT_GE(ms(i, i + 1), 480.0) << "phase " << i - start;
-  EXPECT_LT(ms(end - 2, end - 1), ms(start + 2, start + 3));
+  // The last phases are shorter than the first: medians, so that one phase a loaded machine
+  // stretched does not decide.
+  auto median = [&](size_t a, size_t b) {
+    std::vector<double> v;
+    for (size_t i = a; i < b; ++i) v.push_back(ms(i, i + 1));
+    std::nth_element(v.begin(), v.begin() + v.size() / 2, v.end());
+    return v[v.size() / 2];
+  };
+  EXPECT_LT(median(end - 5, end), median(start, start + 3));
   // The client LED shows the same phases (its last words; a closing session may add an earlier one).
   ASSERT_GE(clientLed.size(), end - start + 1);
   for (size_t k = 0; k <= end - start; ++k)
