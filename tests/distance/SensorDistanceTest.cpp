@@ -183,7 +183,9 @@ TEST_F(SensorDistance, AFailedMeasurementZeroesTheResultsAndKeepsTheLocations) {
                                                           "DUT ch 3 @ 500hz SensorCount = 1\n"),
             std::string::npos);
 
-  // One iteration allowed: the limit is reached before any step.
+  // One iteration allowed: the limit is reached before any step (on the scene's sensors again).
+  const uint64_t restored = Server->S().RecordsProcessed;
+  ASSERT_TRUE(laser_test::WaitFor([&] { return Server->S().RecordsProcessed > restored + 600; }, 60s));
   Client.Command("#SET_LOC_MEAS_MAX_ITERATIONS 1");
   EXPECT_EQ(Client.Command("#MEASURE_LOCATIONS", 120s), "!Measuring Sensor Locations...failed.\n");
   Client.Command("#SET_LOC_MEAS_MAX_ITERATIONS 100");
